@@ -1,0 +1,39 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <unordered_map>
+
+#include <json/value.h>
+
+namespace vulkan::zovk::app {
+
+class ZoVkProcessorBase;
+class ZoVkProcessorDataBase;
+namespace module {
+class ZoVkModuleBase;
+class ZoVkModuleDataBase;
+}  // namespace module
+
+using ZoVkProcessorCreator = std::function<std::shared_ptr<ZoVkProcessorBase>()>;
+using ZoVkModuleCreator = std::function<module::ZoVkModuleBase*(ZoVkProcessorBase*)>;
+using ZoVkModuleDataCreator = std::function<module::ZoVkModuleDataBase*(const Json::Value&)>;
+
+// Creators, filled in lazily for the running application and its switched-on modules.
+extern ZoVkProcessorCreator gCreateProcessorFunc;
+extern void (*gModuleCreateInfoFunc)(unsigned int);
+extern std::unordered_map<unsigned int, ZoVkModuleCreator> gCreateModuleMap;
+extern std::unordered_map<unsigned int, ZoVkModuleDataCreator> gCreateModuleDataMap;
+
+// The processor of the running application, its modules already created; empty when
+// no creator is set.
+std::shared_ptr<ZoVkProcessorBase> CreateVkProcessor();
+module::ZoVkModuleBase* CreateProcessorVkModule(unsigned int id, ZoVkProcessorBase* processor);
+module::ZoVkModuleDataBase* CreateProcessorModuleData(unsigned int id, const Json::Value& config);
+
+void ReleaseProcessorData(ZoVkProcessorDataBase* data);
+void ReleaseProcessorModuleData(module::ZoVkModuleDataBase* data);
+// Runs the module's OnEnd, then deletes it.
+void ReleaseProcessorVkModule(module::ZoVkModuleBase* module);
+
+}  // namespace vulkan::zovk::app

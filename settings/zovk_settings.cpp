@@ -1,0 +1,123 @@
+#include "settings/zovk_settings.h"
+
+#include <unistd.h>
+
+#include <android-base/file.h>
+#include <android-base/stringprintf.h>
+#include <cutils/properties.h>
+
+#include "app/zovk_factory.h"
+#include "app/zovk_processor_data_base.h"
+#include "settings/zovk_log.h"
+
+namespace vulkan::zovk {
+
+ZoVkSettings* ZoVkSettings::GetInstance() {
+    static ZoVkSettings settings;
+    // The values written here are the same on every run, so a racing second caller
+    // does no harm; no lock is needed.
+    static std::atomic<bool> initialised{false};
+    if (!initialised.load(std::memory_order_acquire)) {
+        settings.pid_ = getpid();
+        settings.layerName_ = kZoVkLayerName;
+        settings.logDebug_ = property_get_bool("vendor.zovk.log.debug", false) != 0;
+        initialised.store(true, std::memory_order_release);
+    }
+    return &settings;
+}
+
+ZoVkSettings::~ZoVkSettings() {
+    app::ReleaseProcessorData(processorData_);
+}
+
+const std::unordered_map<std::string, ZoVkApplicationType>& ZoVkSettings::PackageTable() {
+    static const std::unordered_map<std::string, ZoVkApplicationType> table = {
+        {"com.antutu.benchmark.full:ue", ZOVK_APPLICATION_ANTUTU},
+        {"com.miHoYo.hkrpg", ZOVK_APPLICATION_STAR_RAIL},
+        {"com.HoYoverse.hkrpgoversea", ZOVK_APPLICATION_STAR_RAIL},
+    };
+    return table;
+}
+
+void ZoVkSettings::InitDataInfo() {
+    const std::string path = android::base::StringPrintf("/proc/%d/cmdline", pid_);
+    std::string content;
+    if (!android::base::ReadFileToString(path, &content, false)) {
+        ZOVK_LOGE("Failed to read the process name");
+    }
+    if (!IdentifyApplication(content)) {
+        return;
+    }
+    // Recognised: the application's configuration data and the remote configuration
+    // fetch hang off this point.
+}
+
+bool ZoVkSettings::IdentifyApplication(const std::string& cmdline) {
+    // The command line's first argument, up to its first NUL, is the process name.
+    const std::string key = cmdline.substr(0, cmdline.find('\0'));
+    const auto& table = PackageTable();
+    const auto it = table.find(key);
+    if (it == table.end()) {
+        return false;
+    }
+    applicationType_ = it->second;
+    processName_ = android::String8(key.c_str());
+    ZOVK_LOGD("process %s recognised as application type %u", key.c_str(),
+              static_cast<unsigned>(applicationType_));
+    return true;
+}
+
+void ZoVkSettings::SetProcessorData(app::ZoVkProcessorDataBase* data) {
+    if (data == processorData_) {
+        return;
+    }
+    app::ReleaseProcessorData(processorData_);
+    processorData_ = data;
+}
+
+app::ZoVkProcessorDataBase* ZoVkSettings::GetProcessorData() {
+    if (processorData_ != nullptr) {
+        return processorData_;
+    }
+    static app::ZoVkProcessorDataBase defaultData;
+    return &defaultData;
+}
+
+bool ZoVkSettings::CheckRenderThread() const {
+    return processorData_ != nullptr && processorData_->checkRenderThread;
+}
+
+bool ZoVkSettings::UseLock() const {
+    // Without configuration data nothing is known about the application's threads.
+    return processorData_ == nullptr || processorData_->useLock;
+}
+
+std::vector<std::string> ZoVkSettings::Split(const std::string& text, const std::string& delimiters) {
+    std::vector<std::string> tokens;
+    std::string::size_type pos = 0;
+    while (pos < text.size()) {
+        pos = text.find_first_not_of(delimiters, pos);
+        if (pos == std::string::npos) {
+            break;
+        }
+        const std::string::size_type end = text.find_first_of(delimiters, pos);
+        tokens.push_back(text.substr(pos, end == std::string::npos ? std::string::npos : end - pos));
+        pos = end;
+    }
+    return tokens;
+}
+
+bool ZoVkSettings::IsIntChar(const std::string& text) {
+    if (text.empty()) {
+        return false;
+    }
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            __android_log_print(ANDROID_LOG_ERROR, ZOVK_LOG_TAG, "isIntChar is not int: %s", text.c_str());
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace vulkan::zovk

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <utils/String8.h>
+
+#include "settings/zovk_application_type.h"
+
+namespace vulkan::zovk {
+
+namespace app {
+class ZoVkProcessorDataBase;
+}
+
+// Bits of the hook-enable flags. Interception is active only while all three are set.
+constexpr uint32_t kHookConfigAccepted = 1u << 0;     // the remote configuration was accepted
+constexpr uint32_t kHookModulesConfigured = 1u << 1;  // at least one module is switched on
+constexpr uint32_t kHookExtensionsReady = 1u << 2;    // the functions the hooks need are there
+constexpr uint32_t kHookAll = kHookConfigAccepted | kHookModulesConfigured | kHookExtensionsReady;
+
+// The 21-letter layer name, shared by the layer properties record, the settings and the
+// build's layer manifest.
+#define ZOVK_LAYER_NAME "zovkshadingrateengine"
+inline constexpr char kZoVkLayerName[] = ZOVK_LAYER_NAME;
+static_assert(sizeof(kZoVkLayerName) == 22, "the layer name has 21 letters");
+
+// Process-wide settings: which application this is, its configuration data, the
+// hook-enable flags and the logging switch.
+class ZoVkSettings {
+public:
+    static ZoVkSettings* GetInstance();
+
+    // Reads the process name and identifies the application. Meant to run once, from
+    // createInstance.
+    void InitDataInfo();
+    // Identification from the raw contents of /proc/<pid>/cmdline; true when recognised.
+    bool IdentifyApplication(const std::string& cmdline);
+
+    app::ZoVkProcessorDataBase* GetProcessorData();
+    bool CheckRenderThread() const;
+    bool UseLock() const;
+
+    // Process names of the recognised applications.
+    static const std::unordered_map<std::string, ZoVkApplicationType>& PackageTable();
+
+    static std::vector<std::string> Split(const std::string& text, const std::string& delimiters);
+    static bool IsIntChar(const std::string& text);
+
+    // Hook-enable flags. Written during start-up and instance creation, read on every
+    // address query from any thread; relaxed atomics cost the same as plain accesses.
+    uint32_t GetHookFlags() const { return hookFlags_.load(std::memory_order_relaxed); }
+    bool HasHookFlags(uint32_t bits) const { return (GetHookFlags() & bits) == bits; }
+    void SetHookFlags(uint32_t bits) { hookFlags_.fetch_or(bits, std::memory_order_relaxed); }
+    void ClearHookFlags(uint32_t bits) { hookFlags_.fetch_and(~bits, std::memory_order_relaxed); }
+
+    const std::string& GetLayerName() const { return layerName_; }
+    bool IsDebuggable() const { return debuggable_; }
+    bool IsLogDebug() const { return logDebug_; }
+    int32_t GetPid() const { return pid_; }
+    ZoVkApplicationType GetApplicationType() const { return applicationType_; }
+    const android::String8& GetProcessName() const { return processName_; }
+
+    // Takes ownership of the configuration data of a recognised application.
+    void SetProcessorData(app::ZoVkProcessorDataBase* data);
+
+    ZoVkSettings(const ZoVkSettings&) = delete;
+    ZoVkSettings& operator=(const ZoVkSettings&) = delete;
+
+private:
+    ZoVkSettings() = default;
+    ~ZoVkSettings();
+
+    std::atomic<uint32_t> hookFlags_{0};
+    app::ZoVkProcessorDataBase* processorData_ = nullptr;
+    int32_t pid_ = 0;
+    ZoVkApplicationType applicationType_ = ZOVK_APPLICATION_NONE;
+    android::String8 processName_;
+    std::string layerName_;
+    bool debuggable_ = false;
+    bool logDebug_ = false;
+};
+
+}  // namespace vulkan::zovk

@@ -1,0 +1,288 @@
+# shellcheck shell=bash
+# Shared helpers of the real-client tests. Sourced by each scenario script:
+#
+#   . "$(dirname "$0")/lib.sh"
+#   it_init "$@"            # BUILD_DIR: checks the build, makes the temp dir, cleans the environment
+#
+# Every scenario runs programs that nobody here wrote (vulkaninfo, vkcube, gfxrecon-replay, vkBasalt,
+# MangoHud) through the layer built in BUILD_DIR, on the lavapipe driver. Everything a scenario writes
+# goes under its own temp dir, removed on exit; every program is bounded by `timeout`.
+#
+# Facts about this loader (1.3.239) that the helpers rely on:
+# - Layers named in VK_INSTANCE_LAYERS are stacked in the order the loader found their manifests, not in
+#   the order of the list. Manifests under VK_ADD_LAYER_PATH are found before the standard explicit
+#   layer directories, so the layer sits above the Khronos validation layer, which sits above the driver.
+# - With VK_LOADER_DEBUG=layer the loader prints to stderr, for every vkCreateInstance and vkCreateDevice,
+#   a "layer callstack setup to:" block listing the layers from the application down to the driver.
+# - Implicit layers (MESA device_select, and vkBasalt/MangoHud when their enable variables are set) are
+#   stacked above all explicitly enabled ones.
+
+set -u -o pipefail
+
+IT_NAME=$(basename "$0" .sh)
+IT_LAYER=zovkshadingrateengine
+IT_MANIFEST_FILE=zovkshadingrateengine.json
+IT_LIBRARY_FILE=libzovk.so
+IT_VALIDATION=VK_LAYER_KHRONOS_validation
+# Upper bound of one program run in seconds; sanitizer builds of the layer may need more.
+IT_TIMEOUT=${ZOVK_IT_TIMEOUT:-180}
+
+IT_TMP=
+IT_XVFB_PID=
+
+it_log() { printf '[%s] %s\n' "$IT_NAME" "$*" >&2; }
+
+it_fail() {
+    printf '[%s] FAIL: %s\n' "$IT_NAME" "$*" >&2
+    exit 1
+}
+
+# it_show FILE [LINES]: copies the tail of a file to stderr, for the reader of a failure.
+it_show() {
+    local file=$1 lines=${2:-40}
+    [ -s "$file" ] || return 0
+    printf '[%s] ---- last %s lines of %s ----\n' "$IT_NAME" "$lines" "$(basename "$file")" >&2
+    tail -n "$lines" "$file" >&2
+    printf '[%s] ----\n' "$IT_NAME" >&2
+}
+
+it_cleanup() {
+    if [ -n "$IT_XVFB_PID" ]; then
+        kill "$IT_XVFB_PID" 2>/dev/null
+        wait "$IT_XVFB_PID" 2>/dev/null
+        IT_XVFB_PID=
+    fi
+    if [ -n "$IT_TMP" ] && [ -d "$IT_TMP" ]; then
+        if [ -n "${ZOVK_IT_KEEP_TMP:-}" ]; then
+            it_log "kept $IT_TMP"
+        else
+            rm -rf "$IT_TMP"
+        fi
+    fi
+}
+
+# it_require PROGRAM...: fails unless every program is on PATH.
+it_require() {
+    local p
+    for p in "$@"; do
+        command -v "$p" >/dev/null 2>&1 || it_fail "required program '$p' is not installed"
+    done
+}
+
+# it_init BUILD_DIR: checks that the build holds the manifest and the library, creates the temp dir and
+# gives every run the same clean environment. Sets IT_BUILD, IT_TMP, IT_LAYER_DIR, IT_VVL_LOG.
+it_init() {
+    [ $# -eq 1 ] || it_fail "usage: $0 BUILD_DIR"
+    [ -d "$1" ] || it_fail "build directory '$1' does not exist"
+    IT_BUILD=$(cd "$1" && pwd -P) || it_fail "cannot enter build directory '$1'"
+    [ -f "$IT_BUILD/$IT_MANIFEST_FILE" ] || it_fail "no layer manifest $IT_MANIFEST_FILE in $IT_BUILD (is the layer built?)"
+    [ -s "$IT_BUILD/$IT_LIBRARY_FILE" ] || it_fail "no layer library $IT_LIBRARY_FILE in $IT_BUILD (is the layer built?)"
+    grep -Eq "\"name\"[[:space:]]*:[[:space:]]*\"$IT_LAYER\"" "$IT_BUILD/$IT_MANIFEST_FILE" ||
+        it_fail "$IT_BUILD/$IT_MANIFEST_FILE does not declare the layer $IT_LAYER"
+    it_require timeout mktemp
+
+    local keep_timeout=$IT_TIMEOUT keep_tmp=${ZOVK_IT_KEEP_TMP:-}
+    # Nothing of the caller's Vulkan, capture, overlay or layer settings may leak into a run.
+    local v
+    for v in $(compgen -e); do
+        case $v in
+        VK_* | GFXRECON_* | VKBASALT_* | ENABLE_VKBASALT | DISABLE_VKBASALT | MANGOHUD* | DISABLE_MANGOHUD | \
+            NODEVICE_SELECT | MESA_VK_DEVICE_SELECT* | ZOVK_* | DISPLAY | WAYLAND_DISPLAY)
+            unset "$v"
+            ;;
+        esac
+    done
+    IT_TIMEOUT=$keep_timeout
+    [ -n "$keep_tmp" ] && export ZOVK_IT_KEEP_TMP=$keep_tmp
+
+    IT_TMP=$(mktemp -d "${TMPDIR:-/tmp}/zovk-it-$IT_NAME.XXXXXX") || it_fail "mktemp failed"
+    trap it_cleanup EXIT
+    trap 'exit 130' INT
+    trap 'exit 143' TERM
+
+    mkdir -m 700 "$IT_TMP/run" "$IT_TMP/home" "$IT_TMP/binder"
+    mkdir "$IT_TMP/work" "$IT_TMP/layers" "$IT_TMP/vvl"
+    export HOME=$IT_TMP/home XDG_RUNTIME_DIR=$IT_TMP/run
+    export XDG_CONFIG_HOME=$IT_TMP/home/.config XDG_CACHE_HOME=$IT_TMP/home/.cache
+    # The layer's host services: no game service runs in these tests, so the layer stays a
+    # pass-through even in a process that it recognises; properties default unless a test sets them.
+    export ZOVK_BINDER_DIR=$IT_TMP/binder
+    : >"$IT_TMP/properties"
+    export ZOVK_PROPERTIES=$IT_TMP/properties
+
+    # Pin the driver to lavapipe so that every machine renders the same pixels.
+    local icd
+    for icd in /usr/share/vulkan/icd.d/lvp_icd*.json /etc/vulkan/icd.d/lvp_icd*.json; do
+        if [ -f "$icd" ]; then
+            export VK_DRIVER_FILES=$icd VK_ICD_FILENAMES=$icd
+            break
+        fi
+    done
+
+    # A directory that holds only our manifest and library: the build dir also holds other JSON files
+    # (compile_commands.json, test layers) that must not be offered to the loader.
+    ln -s "$IT_BUILD/$IT_MANIFEST_FILE" "$IT_TMP/layers/$IT_MANIFEST_FILE"
+    ln -s "$IT_BUILD/$IT_LIBRARY_FILE" "$IT_TMP/layers/$IT_LIBRARY_FILE"
+    IT_LAYER_DIR=$IT_TMP/layers
+
+    # The validation layer writes every error and warning to IT_VVL_LOG instead of stdout.
+    IT_VVL_LOG=$IT_TMP/vvl/validation.log
+    cat >"$IT_TMP/vvl/vk_layer_settings.txt" <<EOF
+khronos_validation.debug_action = VK_DBG_LAYER_ACTION_LOG_MSG
+khronos_validation.report_flags = error,warn
+khronos_validation.log_filename = $IT_VVL_LOG
+EOF
+
+    # Layers and tools also read vk_layer_settings.txt from the working directory.
+    cd "$IT_TMP/work" || it_fail "cannot enter $IT_TMP/work"
+}
+
+# it_words TEXT: the lines of TEXT joined by blanks, for one-line messages.
+it_words() { printf '%s' "$1" | tr '\n' ' '; }
+
+# it_env_layers LAYER_LIST: sets IT_ENV, the environment assignments (for `env`) of a run with our
+# layer offered to the loader, the layers of LAYER_LIST (VK_INSTANCE_LAYERS syntax) enabled, the
+# validation layer's messages routed to IT_VVL_LOG and the loader's layer call stacks on stderr.
+# shellcheck disable=SC2034 # IT_ENV is used by the scenario scripts
+it_env_layers() {
+    IT_ENV=(VK_ADD_LAYER_PATH="$IT_LAYER_DIR" VK_INSTANCE_LAYERS="$1"
+        VK_LAYER_SETTINGS_PATH="$IT_TMP/vvl" VK_LOADER_DEBUG=layer)
+}
+
+# it_env_layer_validation: IT_ENV of a run through our layer with the validation layer beneath it.
+it_env_layer_validation() { it_env_layers "$IT_LAYER:$IT_VALIDATION"; }
+
+# it_env_validation_only: IT_ENV of a run with the validation layer only, our layer offered but not
+# enabled.
+it_env_validation_only() { it_env_layers "$IT_VALIDATION"; }
+
+# it_run LABEL COMMAND...: runs the command under `timeout`, stdout to $IT_TMP/LABEL.out and stderr to
+# $IT_TMP/LABEL.err; sets IT_RC. A run that hits the time limit fails the test.
+it_run() {
+    local label=$1
+    shift
+    timeout -k 10 "$IT_TIMEOUT" "$@" >"$IT_TMP/$label.out" 2>"$IT_TMP/$label.err"
+    IT_RC=$?
+    if [ "$IT_RC" -eq 124 ] || [ "$IT_RC" -eq 137 ]; then
+        it_show "$IT_TMP/$label.err"
+        it_fail "$label: '$*' did not finish within ${IT_TIMEOUT}s"
+    fi
+    return 0
+}
+
+# it_expect_success LABEL: the last it_run of LABEL exited 0.
+it_expect_success() {
+    local label=$1
+    if [ "$IT_RC" -ne 0 ]; then
+        it_show "$IT_TMP/$label.out" 20
+        it_show "$IT_TMP/$label.err"
+        it_fail "$label: exit status $IT_RC"
+    fi
+}
+
+# it_expect_no_validation CONTEXT: the validation log is empty or absent, then removes it for the next run.
+it_expect_no_validation() {
+    local context=$1
+    if [ -s "$IT_VVL_LOG" ]; then
+        printf '[%s] validation messages by id:\n' "$IT_NAME" >&2
+        grep -Eo '\[ (VUID|UNASSIGNED)-[^ ]+ \]' "$IT_VVL_LOG" | sort | uniq -c >&2
+        printf '[%s] ---- first 30 lines of the validation log ----\n' "$IT_NAME" >&2
+        head -n 30 "$IT_VVL_LOG" >&2
+        it_fail "$context: the validation layer reported errors or warnings"
+    fi
+    rm -f "$IT_VVL_LOG"
+}
+
+# it_loader_chains ERRFILE KIND: prints, for each "KIND layer callstack setup to:" block that the loader
+# wrote to ERRFILE (KIND is vkCreateInstance or vkCreateDevice), one line per layer from the application
+# down: "BLOCK<TAB>NAME<TAB>LIBRARY".
+it_loader_chains() {
+    awk -v kind="$2" '
+        index($0, kind " layer callstack setup to:") { inblk = 1; blk++; name = ""; next }
+        !inblk || !/^LAYER:/ { next }
+        {
+            text = $0
+            sub(/^LAYER:[ \t]*/, "", text); sub(/[ \t]+$/, "", text)
+        }
+        text == "<Drivers>" || text == "<Device>" {
+            if (name != "") print blk "\t" name "\t" lib
+            inblk = 0; name = ""; next
+        }
+        text == "<Application>" || text == "<Loader>" || text == "||" { next }
+        text ~ /^Library:/ { lib = text; sub(/^Library:[ \t]*/, "", lib); next }
+        text ~ /:/ { next }
+        {
+            if (name != "") print blk "\t" name "\t" lib
+            name = text; lib = ""
+        }
+    ' "$1"
+}
+
+# it_expect_chain LABEL KIND LAYER...: every KIND block of the run LABEL (started with VK_LOADER_DEBUG=layer)
+# holds all the given layers in the given order, from the application towards the driver (others may sit
+# between them), and our layer, wherever it appears, was loaded from the library of the build under test.
+it_expect_chain() {
+    local label=$1 kind=$2
+    shift 2
+    local errfile=$IT_TMP/$label.err chains=$IT_TMP/$label.$kind.chain
+    it_loader_chains "$errfile" "$kind" >"$chains"
+    if [ ! -s "$chains" ]; then
+        it_show "$errfile"
+        it_fail "$label: the loader wrote no $kind layer call stack (was VK_LOADER_DEBUG=layer set?)"
+    fi
+    local want_lib name lib
+    want_lib=$(readlink -f "$IT_BUILD/$IT_LIBRARY_FILE")
+    while IFS=$'\t' read -r _ name lib; do
+        if [ "$name" = "$IT_LAYER" ] && [ "$(readlink -f "$lib")" != "$want_lib" ]; then
+            it_fail "$label: $kind loaded $IT_LAYER from '$lib', not from $want_lib"
+        fi
+    done <"$chains"
+    local blocks b
+    blocks=$(cut -f1 "$chains" | sort -nu)
+    for b in $blocks; do
+        local stack pos=0 want idx
+        stack=$(awk -F'\t' -v b="$b" '$1 == b { print $2 }' "$chains")
+        for want in "$@"; do
+            idx=$(printf '%s\n' "$stack" | grep -nxF -- "$want" | head -n 1 | cut -d: -f1)
+            if [ -z "$idx" ]; then
+                it_fail "$label: $want is missing from $kind call stack $b: $(it_words "$stack")"
+            fi
+            if [ "$idx" -le "$pos" ]; then
+                it_fail "$label: $kind call stack $b has the wrong order (wanted, from the application down: $*): $(it_words "$stack")"
+            fi
+            pos=$idx
+        done
+    done
+}
+
+# it_start_xvfb: starts a private X server on a free display and exports DISPLAY.
+it_start_xvfb() {
+    it_require Xvfb
+    local dispfile=$IT_TMP/xvfb.display
+    : >"$dispfile"
+    # -displayfd makes the server pick a free display number and write it to fd 9 once it accepts clients.
+    timeout -k 5 3600 Xvfb -displayfd 9 -screen 0 1024x768x24 -nolisten tcp -noreset \
+        9>"$dispfile" >"$IT_TMP/xvfb.log" 2>&1 &
+    IT_XVFB_PID=$!
+    for _ in $(seq 1 300); do
+        [ "$(wc -l <"$dispfile")" -ge 1 ] && break
+        if ! kill -0 "$IT_XVFB_PID" 2>/dev/null; then
+            it_show "$IT_TMP/xvfb.log"
+            it_fail "Xvfb exited before it was ready"
+        fi
+        sleep 0.1
+    done
+    [ "$(wc -l <"$dispfile")" -ge 1 ] || it_fail "Xvfb did not become ready within 30s"
+    DISPLAY=":$(head -n 1 "$dispfile")"
+    export DISPLAY
+}
+
+# it_stop_xvfb: stops the server started by it_start_xvfb.
+it_stop_xvfb() {
+    if [ -n "$IT_XVFB_PID" ]; then
+        kill "$IT_XVFB_PID" 2>/dev/null
+        wait "$IT_XVFB_PID" 2>/dev/null
+        IT_XVFB_PID=
+    fi
+    unset DISPLAY
+}
