@@ -37,12 +37,13 @@ it_fail() {
     exit 1
 }
 
-# it_show FILE [LINES]: copies the tail of a file to stderr, for the reader of a failure.
+# it_show FILE [LINES]: copies the tail of a file to stderr, for the reader of a failure, leaving out the
+# loader's manifest search and call stack lines (set ZOVK_IT_KEEP_TMP=1 to keep the whole file).
 it_show() {
     local file=$1 lines=${2:-40}
     [ -s "$file" ] || return 0
     printf '[%s] ---- last %s lines of %s ----\n' "$IT_NAME" "$lines" "$(basename "$file")" >&2
-    tail -n "$lines" "$file" >&2
+    grep -av '^LAYER:' "$file" | tail -n "$lines" >&2
     printf '[%s] ----\n' "$IT_NAME" >&2
 }
 
