@@ -111,6 +111,15 @@ it_init() {
     : >"$IT_TMP/properties"
     export ZOVK_PROPERTIES=$IT_TMP/properties
 
+    # A sanitizer build of the layer is loaded into programs built without it: the ASan
+    # runtime must come first. Leaks of those programs and their drivers are not ours to
+    # judge here; the unit tests run with leak detection on.
+    if ldd "$IT_BUILD/$IT_LIBRARY_FILE" 2>/dev/null | grep -q 'libasan'; then
+        export LD_PRELOAD=$(ldd "$IT_BUILD/$IT_LIBRARY_FILE" | awk '/libasan/ {print $3}')
+        export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0
+        IT_TIMEOUT=$((IT_TIMEOUT * 2))
+    fi
+
     # Pin the driver to lavapipe so that every machine renders the same pixels.
     local icd
     for icd in /usr/share/vulkan/icd.d/lvp_icd*.json /etc/vulkan/icd.d/lvp_icd*.json; do
@@ -177,6 +186,9 @@ it_expect_success() {
     if [ "$IT_RC" -ne 0 ]; then
         it_show "$IT_TMP/$label.out" 20
         it_show "$IT_TMP/$label.err"
+        if [ "$IT_RC" -gt 128 ]; then
+            it_fail "$label: exit status $IT_RC (killed by SIG$(kill -l "$((IT_RC - 128))"))"
+        fi
         it_fail "$label: exit status $IT_RC"
     fi
 }
