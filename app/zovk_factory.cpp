@@ -1,9 +1,15 @@
 #include "app/zovk_factory.h"
 
+#include <unordered_set>
+
+#include "app/module/zovk_star_rail_processor.h"
+#include "app/zovk_app_data.h"
+
 #include "app/zovk_module_base.h"
 #include "app/zovk_processor_base.h"
 #include "app/zovk_processor_data_base.h"
 #include "settings/zovk_log.h"
+#include "settings/zovk_settings.h"
 
 namespace vulkan::zovk::app {
 
@@ -24,6 +30,80 @@ std::unordered_map<unsigned int, ZoVkModuleCreator> gCreateModuleMap =
     MakeRegistry<std::unordered_map<unsigned int, ZoVkModuleCreator>>();
 std::unordered_map<unsigned int, ZoVkModuleDataCreator> gCreateModuleDataMap =
     MakeRegistry<std::unordered_map<unsigned int, ZoVkModuleDataCreator>>();
+
+bool IsSharedProcessor() {
+    // Kept as the place where application types sharing one processor would be listed.
+    static const std::unordered_set<unsigned int> shared;
+    return shared.count(ZoVkSettings::GetInstance()->GetApplicationType()) != 0;
+}
+
+ZoVkProcessorDataBase* CreateProcessorData() {
+    switch (ZoVkSettings::GetInstance()->GetApplicationType()) {
+        case ZOVK_APPLICATION_NONE:
+            return nullptr;
+        case ZOVK_APPLICATION_ANTUTU:
+            return new ZoVkAntutuData();
+        case ZOVK_APPLICATION_STAR_RAIL:
+            return new ZoVkStarRailData();
+        default:
+            break;
+    }
+    if (IsSharedProcessor()) {
+        return nullptr;
+    }
+    auto* data = new ZoVkProcessorDataBase();
+    data->removeExtensionFunctions = true;
+    return data;
+}
+
+namespace {
+
+template <typename Processor>
+std::shared_ptr<ZoVkProcessorBase> MakeProcessor() {
+    auto processor = std::make_shared<Processor>();
+    processor->OnBegin();
+    return processor;
+}
+
+}  // namespace
+
+void InitProcessorCreateInfo() {
+    switch (ZoVkSettings::GetInstance()->GetApplicationType()) {
+        case ZOVK_APPLICATION_NONE:
+            return;
+        case ZOVK_APPLICATION_ANTUTU:
+            gModuleCreateInfoFunc = InitAntutuModuleCreateInfo;
+            return;
+        case ZOVK_APPLICATION_STAR_RAIL:
+            gCreateProcessorFunc = MakeProcessor<ZoVkStarRailProcessor>;
+            gModuleCreateInfoFunc = InitStarRailModuleCreateInfo;
+            return;
+        default:
+            break;
+    }
+    if (IsSharedProcessor()) {
+        return;
+    }
+    if (!gCreateProcessorFunc) {
+        gCreateProcessorFunc = [] { return std::shared_ptr<ZoVkProcessorBase>(); };
+    }
+    if (gModuleCreateInfoFunc == nullptr) {
+        gModuleCreateInfoFunc = DummyModuleCreate;
+    }
+}
+
+void InitModuleCreateInfo(unsigned int id) {
+    if (gModuleCreateInfoFunc != nullptr) {
+        gModuleCreateInfoFunc(id);
+    }
+}
+
+// Module creators are entered here as the application's module classes exist.
+void InitAntutuModuleCreateInfo(unsigned int) {}
+
+void InitStarRailModuleCreateInfo(unsigned int) {}
+
+void DummyModuleCreate(unsigned int) {}
 
 std::shared_ptr<ZoVkProcessorBase> CreateVkProcessor() {
     // Reached only after a configuration set the creator; an empty one must not throw

@@ -25,6 +25,18 @@ extern void (*gModuleCreateInfoFunc)(unsigned int);
 extern std::unordered_map<unsigned int, ZoVkModuleCreator> gCreateModuleMap;
 extern std::unordered_map<unsigned int, ZoVkModuleDataCreator> gCreateModuleDataMap;
 
+// Whether the running application type shares a processor with another (none does).
+bool IsSharedProcessor();
+// The configuration data class of the running application; null when it has none.
+ZoVkProcessorDataBase* CreateProcessorData();
+// Sets the processor creator and the module-registration routine for the running application.
+void InitProcessorCreateInfo();
+// Registers the creators of one switched-on module id.
+void InitModuleCreateInfo(unsigned int id);
+void InitAntutuModuleCreateInfo(unsigned int id);
+void InitStarRailModuleCreateInfo(unsigned int id);
+void DummyModuleCreate(unsigned int id);
+
 // The processor of the running application, its modules already created; empty when
 // no creator is set.
 std::shared_ptr<ZoVkProcessorBase> CreateVkProcessor();

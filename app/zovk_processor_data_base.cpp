@@ -5,6 +5,8 @@
 
 #include "app/zovk_factory.h"
 #include "app/zovk_module_base.h"
+#include "settings/zovk_log.h"
+#include "settings/zovk_settings.h"
 
 namespace vulkan::zovk::app {
 
@@ -31,6 +33,116 @@ ZoVkProcessorDataBase::~ZoVkProcessorDataBase() {
     for (auto& [id, data] : moduleData) {
         ReleaseProcessorModuleData(data);
     }
+}
+
+namespace {
+
+// "xrender_BaseInfo": the decimal module mask. Anything but plain digits is refused, so
+// that no module can be switched on by a malformed value.
+bool ParseModuleMask(const std::string& text, unsigned long* mask) {
+    if (!ZoVkSettings::IsIntChar(text)) {
+        ZOVK_LOGW("xrender_BaseInfo \"%s\" is not a decimal number; no module switched on", text.c_str());
+        return false;
+    }
+    try {
+        *mask = static_cast<unsigned long>(std::stoull(text, nullptr, 10));
+        return true;
+    } catch (const std::out_of_range&) {
+        ZOVK_LOGW("xrender_BaseInfo \"%s\" is out of range; no module switched on", text.c_str());
+        return false;
+    }
+}
+
+std::string StringMember(const Json::Value& config, const char* key) {
+    const Json::Value& value = config[key];
+    if (value.isString()) {
+        return value.asString();
+    }
+    // Numbers are accepted as their text; anything else is a configuration error.
+    if (value.isIntegral()) {
+        return value.asString();
+    }
+    ZOVK_LOGW("%s is not a string; ignored", key);
+    return "";
+}
+
+}  // namespace
+
+bool ZoVkProcessorDataBase::InitProcessorConfigData(const Json::Value& config) {
+    if (!config.isObject()) {
+        ZOVK_LOGW("configs is not an object; no module switched on");
+        return false;
+    }
+    if (config.isMember("xrender_BaseInfo")) {
+        const std::string baseInfo = StringMember(config, "xrender_BaseInfo");
+        ZOVK_LOGD("BI: %s", baseInfo.c_str());
+        unsigned long mask = 0;
+        if (!baseInfo.empty() && ParseModuleMask(baseInfo, &mask)) {
+            moduleMask |= mask;
+        }
+    }
+    if (moduleMask == 0) {
+        return false;
+    }
+    InitProcessorCreateInfo();
+    InitModuleIdArray(moduleMask);
+
+    if (config.isMember("xrender_CheckMainInfo")) {
+        const std::string checkMain = StringMember(config, "xrender_CheckMainInfo");
+        if (!checkMain.empty()) {
+            const std::vector<std::string> pieces = ZoVkSettings::Split(checkMain, ";");
+            if (pieces.size() == 3 && ZoVkSettings::IsIntChar(pieces[0]) && ZoVkSettings::IsIntChar(pieces[1])) {
+                // Digits only, so "non-zero" is "has a digit other than 0" (no overflow).
+                checkRenderThread = pieces[0].find_first_not_of('0') != std::string::npos;
+                useLock = pieces[1].find_first_not_of('0') != std::string::npos;
+                renderThreadPattern = pieces[2];
+            } else if (!pieces.empty()) {
+                ZOVK_LOGW("xrender_CheckMainInfo \"%s\" is not check;lock;pattern; thread check off",
+                          checkMain.c_str());
+                checkRenderThread = false;
+            }
+        }
+    }
+
+    std::vector<unsigned int> unusable;
+    for (const unsigned int id : moduleIds) {
+        if (!InitProcessorModuleData(id, config)) {
+            unusable.push_back(id);
+        }
+    }
+    for (const unsigned int id : unusable) {
+        EraseModuleId(id);
+    }
+    if (moduleIds.empty()) {
+        return false;
+    }
+    ColloctModuleExtensionFunctions();
+    ZoVkSettings::GetInstance()->SetHookFlags(kHookModulesConfigured);
+    return true;
+}
+
+void ZoVkProcessorDataBase::InitModuleIdArray(unsigned long mask) {
+    // Bits 30 and above are not module ids.
+    for (unsigned int bit = 0; bit < 30; ++bit) {
+        const unsigned int id = 1u << bit;
+        if ((mask & id) != 0 && !HasModuleId(id)) {
+            moduleIds.push_back(id);
+            InitModuleCreateInfo(id);
+        }
+    }
+}
+
+bool ZoVkProcessorDataBase::InitProcessorModuleData(unsigned int id, const Json::Value& config) {
+    if (moduleData.count(id) != 0) {
+        return true;
+    }
+    module::ZoVkModuleDataBase* data = CreateProcessorModuleData(id, config);
+    if (data != nullptr && data->valid) {
+        moduleData.emplace(id, data);
+        return true;
+    }
+    ReleaseProcessorModuleData(data);
+    return false;
 }
 
 const std::vector<std::string>& ZoVkProcessorDataBase::GetModuleExtensionFunctions(unsigned int, bool) {

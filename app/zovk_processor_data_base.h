@@ -1,6 +1,8 @@
 #pragma once
 
 #include <functional>
+
+#include <json/value.h>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -26,6 +28,12 @@ public:
     virtual void ParsePayloadData(const std::string&) {}
     virtual void ColloctModuleExtensionFunctions() {}
     virtual const std::vector<std::string>& GetModuleExtensionFunctions(unsigned int moduleId, bool instanceLevel);
+
+    // Fills the object from the "configs" object of the remote configuration; true when at
+    // least one module stays switched on.
+    bool InitProcessorConfigData(const Json::Value& config);
+    void InitModuleIdArray(unsigned long mask);
+    bool InitProcessorModuleData(unsigned int id, const Json::Value& config);
 
     bool HasAnyModuleId() const { return !moduleIds.empty(); }
     bool HasModuleId(unsigned int id) const;

@@ -48,8 +48,8 @@ void ZoVkSettings::InitDataInfo() {
     if (!IdentifyApplication(content)) {
         return;
     }
-    // Recognised: the application's configuration data and the remote configuration
-    // fetch hang off this point.
+    SetProcessorData(app::CreateProcessorData());
+    // The remote configuration fetch follows here once the game service client exists.
 }
 
 bool ZoVkSettings::IdentifyApplication(const std::string& cmdline) {
