@@ -93,23 +93,24 @@ ZoVkHookFunction ZoVkProcessorBase::GetDeviceHookFunction(const std::string& nam
 
 void ZoVkProcessorBase::InitVkInstanceHooks() {
     RegisterVkInstanceHooks();
-    const ZoVkProcessorDataBase* data = ZoVkSettings::GetInstance()->GetProcessorData();
-    for (module::ZoVkModuleBase* module : modules_) {
-        // A module whose id was erased after it was created gets no hooks.
-        if (data->HasModuleId(module->GetModuleId())) {
-            module->RegisterModuleVkInstanceHooks();
-            module->RegisterModuleInstanceFunctors();
-        }
-    }
+    InitModuleHooks(&module::ZoVkModuleBase::RegisterModuleVkInstanceHooks,
+                    &module::ZoVkModuleBase::RegisterModuleInstanceFunctors);
 }
 
 void ZoVkProcessorBase::InitVkDeviceHooks() {
     RegisterVkDeviceHooks();
+    InitModuleHooks(&module::ZoVkModuleBase::RegisterModuleVkDeviceHooks,
+                    &module::ZoVkModuleBase::RegisterModuleDeviceFunctors);
+}
+
+void ZoVkProcessorBase::InitModuleHooks(void (module::ZoVkModuleBase::*hooks)(),
+                                        void (module::ZoVkModuleBase::*functors)()) {
     const ZoVkProcessorDataBase* data = ZoVkSettings::GetInstance()->GetProcessorData();
     for (module::ZoVkModuleBase* module : modules_) {
+        // A module whose id was erased after it was created gets no hooks.
         if (data->HasModuleId(module->GetModuleId())) {
-            module->RegisterModuleVkDeviceHooks();
-            module->RegisterModuleDeviceFunctors();
+            (module->*hooks)();
+            (module->*functors)();
         }
     }
 }

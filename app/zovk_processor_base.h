@@ -67,6 +67,8 @@ public:
     ZoVkProcessorBase& operator=(const ZoVkProcessorBase&) = delete;
 
 private:
+    void InitModuleHooks(void (module::ZoVkModuleBase::*hooks)(), void (module::ZoVkModuleBase::*functors)());
+
     std::unordered_map<std::string, ZoVkHookFunction> instanceHooks_;
     std::unordered_map<std::string, ZoVkHookFunction> deviceHooks_;
     ZoVkInstanceInfo* instanceInfo_ = nullptr;

@@ -37,6 +37,18 @@ PFN_vkVoidFunction ResolveNext(Record* record, Handle handle, const char* pName,
     return LoadSlot(it->second);
 }
 
+// The processor's trampoline when it hooks the name, else the next layer's function.
+template <typename Handle, typename Record, typename Resolver>
+PFN_vkVoidFunction ResolveHooked(Record* record, Handle handle, const char* pName, Resolver resolve,
+                                 app::ZoVkHookFunction (app::ZoVkProcessorBase::*hookFor)(const std::string&) const) {
+    if (record->processor) {
+        if (const app::ZoVkHookFunction hook = (record->processor.get()->*hookFor)(pName)) {
+            return hook;
+        }
+    }
+    return ResolveNext(record, handle, pName, resolve);
+}
+
 }  // namespace
 
 PFN_vkVoidFunction ZoVkContextManager::GetNextInstanceProcAddr(VkInstance instance, const char* pName) {
@@ -47,15 +59,9 @@ PFN_vkVoidFunction ZoVkContextManager::GetNextInstanceProcAddr(VkInstance instan
 
 PFN_vkVoidFunction ZoVkContextManager::GetHookedInstanceProcAddr(VkInstance instance, const char* pName) {
     ZoVkInstanceInfo* record = GetInstanceInfoWithLock(GetDispatchKey(instance));
-    if (record == nullptr) {
-        return nullptr;
-    }
-    if (record->processor) {
-        if (const app::ZoVkHookFunction hook = record->processor->GetInstanceHookFunction(pName)) {
-            return hook;
-        }
-    }
-    return ResolveNext(record, instance, pName, record->functions.vkGetInstanceProcAddr);
+    return record == nullptr ? nullptr
+                             : ResolveHooked(record, instance, pName, record->functions.vkGetInstanceProcAddr,
+                                             &app::ZoVkProcessorBase::GetInstanceHookFunction);
 }
 
 PFN_vkVoidFunction ZoVkContextManager::GetNextDeviceProcAddr(VkDevice device, const char* pName) {
@@ -65,15 +71,9 @@ PFN_vkVoidFunction ZoVkContextManager::GetNextDeviceProcAddr(VkDevice device, co
 
 PFN_vkVoidFunction ZoVkContextManager::GetHookedDeviceProcAddr(VkDevice device, const char* pName) {
     ZoVkDeviceInfo* record = GetDeviceInfoWithLock(GetDispatchKey(device));
-    if (record == nullptr) {
-        return nullptr;
-    }
-    if (record->processor) {
-        if (const app::ZoVkHookFunction hook = record->processor->GetDeviceHookFunction(pName)) {
-            return hook;
-        }
-    }
-    return ResolveNext(record, device, pName, record->functions.vkGetDeviceProcAddr);
+    return record == nullptr ? nullptr
+                             : ResolveHooked(record, device, pName, record->functions.vkGetDeviceProcAddr,
+                                             &app::ZoVkProcessorBase::GetDeviceHookFunction);
 }
 
 VkResult ZoVkContextManager::GetNextDeviceExtensionProperties(VkPhysicalDevice physicalDevice, const char* pLayerName,
