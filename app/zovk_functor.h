@@ -87,6 +87,12 @@ struct ZoVkPostFunctor<Slot, R(VKAPI_PTR*)(Args...)> {
     int32_t priority = 0;
     ZoVkPostFunctor* next = nullptr;
 
+    // Passes the call on to this node (the arguments, and the next layer's result if any).
+    template <typename... CallArgs>
+    void Call(CallArgs... args) const {
+        func(owner, args...);
+    }
+
     static void Dummy(void*, Args...) {}
     static void Dummy(void*, Args..., VkResult) {}
     template <typename Module, void (Module::*Handler)(Args..., VkResult)>
@@ -171,7 +177,7 @@ struct ZoVkPostChain {
     void Remove(Node* node) { RemoveFunctor(head, &sPostDummy<Slot>, node); }
     template <typename... Args>
     void Run(Args... args) const {
-        head->func(head->owner, args...);
+        head->Call(args...);
     }
 };
 

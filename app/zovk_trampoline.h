@@ -14,11 +14,27 @@ struct GlobalDeviceHookFunctor;
 
 template <typename Processor, auto Slot, auto Member, typename R, typename Handle, typename... Args>
 struct GlobalDeviceHookFunctor<Processor, Slot, Member, R(VKAPI_PTR*)(Handle, Args...)> {
+    // The common case (unlocked lookup, a device with a processor) makes no call before
+    // the chain's, so the arguments stay where they arrived; everything else is out of
+    // line.
     static VKAPI_ATTR R VKAPI_CALL Call(Handle handle, Args... args) {
-        if (handle == VK_NULL_HANDLE) {
-            return module::detail::DefaultResult<R>();
+        ZoVkContextManager* manager = ZoVkContextManager::GetInstance();
+        if (__builtin_expect(handle != VK_NULL_HANDLE && !manager->LockLookups(), 1)) {
+            void* key = GetDispatchKey(handle);
+            ZoVkDeviceInfo* record = key != nullptr ? manager->GetDeviceInfoWithoutLock(key) : nullptr;
+            if (__builtin_expect(record != nullptr && record->processor != nullptr, 1)) {
+                return (static_cast<Processor*>(record->processor.get())->*Member)(handle, args...);
+            }
         }
-        void* key = GetDispatchKey(handle);
+        return CallOther(handle, args...);
+    }
+
+    static ZoVkHookFunction Address() { return reinterpret_cast<ZoVkHookFunction>(&Call); }
+
+private:
+    __attribute__((noinline)) static R CallOther(Handle handle, Args... args) {
+        // A null handle or key ends the call as if it had succeeded.
+        void* key = handle != VK_NULL_HANDLE ? GetDispatchKey(handle) : nullptr;
         ZoVkDeviceInfo* record = key != nullptr ? ZoVkContextManager::GetInstance()->GetDeviceInfo(key) : nullptr;
         if (record == nullptr) {
             return module::detail::DefaultResult<R>();
@@ -29,8 +45,6 @@ struct GlobalDeviceHookFunctor<Processor, Slot, Member, R(VKAPI_PTR*)(Handle, Ar
         }
         return (static_cast<Processor*>(record->processor.get())->*Member)(handle, args...);
     }
-
-    static ZoVkHookFunction Address() { return reinterpret_cast<ZoVkHookFunction>(&Call); }
 };
 
 }  // namespace vulkan::zovk::app

@@ -69,43 +69,25 @@ ZoVkInstanceInfo::~ZoVkInstanceInfo() {
     }
 }
 
+ZoVkContextManager ZoVkContextManager::sInstance;
+
 ZoVkContextManager::ZoVkContextManager() {
     deviceMap_.max_load_factor(1.0f);
     instanceMap_.max_load_factor(1.0f);
-}
-
-ZoVkContextManager* ZoVkContextManager::GetInstance() {
-    static ZoVkContextManager manager;
-    return &manager;
-}
-
-ZoVkInstanceInfo* ZoVkContextManager::GetInstanceInfo(void* key) {
-    return ZoVkSettings::GetInstance()->UseLock() ? GetInstanceInfoWithLock(key) : GetInstanceInfoWithoutLock(key);
 }
 
 ZoVkInstanceInfo* ZoVkContextManager::GetInstanceInfoWithLock(void* key) {
     return FindLocked(instanceLock_, instanceMap_, key);
 }
 
-ZoVkInstanceInfo* ZoVkContextManager::GetInstanceInfoWithoutLock(void* key) {
-    return Find(instanceMap_, key);
-}
-
-ZoVkDeviceInfo* ZoVkContextManager::GetDeviceInfo(void* key) {
-    return ZoVkSettings::GetInstance()->UseLock() ? GetDeviceInfoWithLock(key) : GetDeviceInfoWithoutLock(key);
-}
-
 ZoVkDeviceInfo* ZoVkContextManager::GetDeviceInfoWithLock(void* key) {
     return FindLocked(deviceLock_, deviceMap_, key);
-}
-
-ZoVkDeviceInfo* ZoVkContextManager::GetDeviceInfoWithoutLock(void* key) {
-    return Find(deviceMap_, key);
 }
 
 void ZoVkContextManager::InitInstanceInfo(VkInstance instance, PFN_vkGetInstanceProcAddr nextGetInstanceProcAddr,
                                           uint64_t apiVersion, std::shared_ptr<app::ZoVkProcessorBase>&& processor,
                                           bool hooked) {
+    lockLookups_.store(ZoVkSettings::GetInstance()->UseLock(), std::memory_order_relaxed);
     ZoVkInstanceInfo& record = Emplace(instanceLock_, instanceMap_, GetDispatchKey(instance));
     // Filling outside the lock is safe: no other thread holds the new handle yet.
     record.instance = instance;
@@ -128,6 +110,7 @@ void ZoVkContextManager::InitInstanceInfo(VkInstance instance, PFN_vkGetInstance
 void ZoVkContextManager::InitDeviceInfo(VkPhysicalDevice physicalDevice, VkDevice device,
                                         PFN_vkGetDeviceProcAddr nextGetDeviceProcAddr, uint64_t apiVersion,
                                         const std::shared_ptr<app::ZoVkProcessorBase>& processor, bool hooked) {
+    lockLookups_.store(ZoVkSettings::GetInstance()->UseLock(), std::memory_order_relaxed);
     ZoVkDeviceInfo& record = Emplace(deviceLock_, deviceMap_, GetDispatchKey(device));
     record.device = device;
     record.physicalDevice = physicalDevice;

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <shared_mutex>
 #include <unordered_map>
 
 #include "app/zovk_processor_data_base.h"
 #include "layer/zovk_records.h"
+#include "settings/zovk_settings.h"
 
 namespace vulkan::zovk {
 
@@ -13,16 +15,37 @@ namespace vulkan::zovk {
 // destruction and address resolution on top of it.
 class ZoVkContextManager {
 public:
-    static ZoVkContextManager* GetInstance();
+    static ZoVkContextManager* GetInstance() { return &sInstance; }
 
     // Lookups by dispatch key. The plain variants lock only when the settings ask for it;
     // they are what the per-call hook code uses.
-    ZoVkInstanceInfo* GetInstanceInfo(void* key);
+    ZoVkInstanceInfo* GetInstanceInfo(void* key) {
+        return LockLookups() ? GetInstanceInfoWithLock(key) : GetInstanceInfoWithoutLock(key);
+    }
     ZoVkInstanceInfo* GetInstanceInfoWithLock(void* key);
-    ZoVkInstanceInfo* GetInstanceInfoWithoutLock(void* key);
-    ZoVkDeviceInfo* GetDeviceInfo(void* key);
+    ZoVkInstanceInfo* GetInstanceInfoWithoutLock(void* key) {
+        const auto it = instanceMap_.find(key);
+        return it == instanceMap_.end() ? nullptr : &it->second;
+    }
+    ZoVkDeviceInfo* GetDeviceInfo(void* key) {
+        return LockLookups() ? GetDeviceInfoWithLock(key) : GetDeviceInfoWithoutLock(key);
+    }
+    // The settings' UseLock(), as it stood when the last record was made. The
+    // configuration that decides it is fixed before any instance exists; keeping it here
+    // spares every hooked call the settings' initialisation guard.
+    bool LockLookups() const { return lockLookups_.load(std::memory_order_relaxed); }
     ZoVkDeviceInfo* GetDeviceInfoWithLock(void* key);
-    ZoVkDeviceInfo* GetDeviceInfoWithoutLock(void* key);
+    ZoVkDeviceInfo* GetDeviceInfoWithoutLock(void* key) {
+        // One hash lookup, written out over the key's bucket: the compiler keeps find()
+        // out of line, which would cost every hooked call a spill of its arguments.
+        const size_t bucket = deviceMap_.bucket(key);
+        for (auto it = deviceMap_.begin(bucket); it != deviceMap_.end(bucket); ++it) {
+            if (it->first == key) {
+                return &it->second;
+            }
+        }
+        return nullptr;
+    }
 
     // Kept empty on purpose: records go only in the destroy operations.
     void RemoveInstanceInfo(void*) {}
@@ -61,6 +84,12 @@ private:
     ZoVkContextManager();
     ~ZoVkContextManager() = default;
 
+    // Constructed when the library is loaded: the accessor on every hooked call then
+    // needs no initialisation guard. Its records may end processors at exit, which read
+    // the settings: those are a function-local static made on first use, after this
+    // object, so they are destroyed after it.
+    static ZoVkContextManager sInstance;
+
     void EraseInstanceInfo(void* key);
     void EraseDeviceInfo(void* key);
     VkResult CreateInstanceUnhooked(PFN_vkCreateInstance nextCreateInstance, const VkInstanceCreateInfo* pCreateInfo,
@@ -71,6 +100,7 @@ private:
     std::shared_mutex instanceLock_;
     std::unordered_map<void*, ZoVkDeviceInfo> deviceMap_;
     std::unordered_map<void*, ZoVkInstanceInfo> instanceMap_;
+    std::atomic<bool> lockLookups_{true};
 };
 
 }  // namespace vulkan::zovk

@@ -33,7 +33,7 @@ PKGS=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang-14 libclang-rt-14-dev llvm-14 valgrind
   xvfb xauth gfxreconstruct vkbasalt mangohud
-  libpng-dev
+  libpng-dev bc
 )
 $SUDO apt-get install -y -qq --no-install-recommends "${PKGS[@]}"
 $SUDO apt-get install -y -qq --no-install-recommends -t bookworm-backports mesa-vulkan-drivers

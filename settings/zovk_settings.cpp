@@ -12,19 +12,11 @@
 
 namespace vulkan::zovk {
 
-ZoVkSettings* ZoVkSettings::GetInstance() {
-    static ZoVkSettings settings;
-    // The values written here are the same on every run, so a racing second caller
-    // does no harm; no lock is needed.
-    static std::atomic<bool> initialised{false};
-    if (!initialised.load(std::memory_order_acquire)) {
-        settings.pid_ = getpid();
-        settings.layerName_ = kZoVkLayerName;
-        settings.logDebug_ = property_get_bool("vendor.zovk.log.debug", false) != 0;
-        initialised.store(true, std::memory_order_release);
-    }
-    return &settings;
-}
+// Runs once, on first use, under the thread-safe initialisation of the singleton.
+ZoVkSettings::ZoVkSettings()
+    : pid_(getpid()),
+      layerName_(kZoVkLayerName),
+      logDebug_(property_get_bool("vendor.zovk.log.debug", false) != 0) {}
 
 ZoVkSettings::~ZoVkSettings() {
     app::ReleaseProcessorData(processorData_);
@@ -81,15 +73,6 @@ app::ZoVkProcessorDataBase* ZoVkSettings::GetProcessorData() {
     }
     static app::ZoVkProcessorDataBase defaultData;
     return &defaultData;
-}
-
-bool ZoVkSettings::CheckRenderThread() const {
-    return processorData_ != nullptr && processorData_->checkRenderThread;
-}
-
-bool ZoVkSettings::UseLock() const {
-    // Without configuration data nothing is known about the application's threads.
-    return processorData_ == nullptr || processorData_->useLock;
 }
 
 std::vector<std::string> ZoVkSettings::Split(const std::string& text, const std::string& delimiters) {

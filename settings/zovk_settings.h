@@ -8,13 +8,10 @@
 
 #include <utils/String8.h>
 
+#include "app/zovk_processor_data_base.h"
 #include "settings/zovk_application_type.h"
 
 namespace vulkan::zovk {
-
-namespace app {
-class ZoVkProcessorDataBase;
-}
 
 // Bits of the hook-enable flags. Interception is active only while all three are set.
 constexpr uint32_t kHookConfigAccepted = 1u << 0;     // the remote configuration was accepted
@@ -32,7 +29,11 @@ static_assert(sizeof(kZoVkLayerName) == 22, "the layer name has 21 letters");
 // hook-enable flags and the logging switch.
 class ZoVkSettings {
 public:
-    static ZoVkSettings* GetInstance();
+    // On the path of every hooked call: kept inline.
+    static ZoVkSettings* GetInstance() {
+        static ZoVkSettings settings;
+        return &settings;
+    }
 
     // Reads the process name and identifies the application. Meant to run once, from
     // createInstance.
@@ -41,8 +42,9 @@ public:
     bool IdentifyApplication(const std::string& cmdline);
 
     app::ZoVkProcessorDataBase* GetProcessorData();
-    bool CheckRenderThread() const;
-    bool UseLock() const;
+    bool CheckRenderThread() const { return processorData_ != nullptr && processorData_->checkRenderThread; }
+    // Without configuration data nothing is known about the application's threads: lock.
+    bool UseLock() const { return processorData_ == nullptr || processorData_->useLock; }
 
     // Process names of the recognised applications.
     static const std::unordered_map<std::string, ZoVkApplicationType>& PackageTable();
@@ -64,6 +66,8 @@ public:
     ZoVkApplicationType GetApplicationType() const { return applicationType_; }
     const android::String8& GetProcessName() const { return processName_; }
 
+    // For programs that stand in for identification (tests, tools).
+    void SetApplicationType(ZoVkApplicationType type) { applicationType_ = type; }
     // Takes ownership of the configuration data of a recognised application.
     void SetProcessorData(app::ZoVkProcessorDataBase* data);
 
@@ -71,7 +75,7 @@ public:
     ZoVkSettings& operator=(const ZoVkSettings&) = delete;
 
 private:
-    ZoVkSettings() = default;
+    ZoVkSettings();
     ~ZoVkSettings();
 
     std::atomic<uint32_t> hookFlags_{0};

@@ -1,0 +1,143 @@
+// The processor base: module registration, the order of tear-down, module creation in
+// OnBegin, and the record setters.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app/zovk_factory.h"
+#include "app/zovk_module_base.h"
+#include "app/zovk_processor_data_base.h"
+#include "layer/zovk_records.h"
+#include "settings/zovk_settings.h"
+#include "tests/support/test_processor.h"
+
+namespace zovk_test {
+namespace {
+
+using vulkan::zovk::ZoVkSettings;
+using vulkan::zovk::app::ZoVkProcessorBase;
+using vulkan::zovk::app::module::ZoVkModuleBase;
+using Log = std::vector<std::string>;
+
+Log gModuleLog;
+
+// Writes each call it gets as "<name>:<call>".
+class LoggingModule : public ZoVkModuleBase {
+public:
+    LoggingModule(ZoVkProcessorBase* processor, std::string name, unsigned int id, bool validAfterBegin = true)
+        : ZoVkModuleBase(processor), name_(std::move(name)), id_(id), validAfterBegin_(validAfterBegin) {}
+    ~LoggingModule() override { Add("deleted"); }
+
+    unsigned int GetModuleId() const override { return id_; }
+    void UnregisterModuleInstanceFunctors() override { Add("UnregisterInstanceFunctors"); }
+    void UnregisterModuleDeviceFunctors() override { Add("UnregisterDeviceFunctors"); }
+    void RegisterModuleDeviceFunctors() override { Add("RegisterDeviceFunctors"); }
+    void RegisterModuleVkDeviceHooks() override { Add("RegisterDeviceHooks"); }
+    void OnBegin() override {
+        Add("OnBegin");
+        valid = validAfterBegin_;
+    }
+    void OnEnd() override { Add("OnEnd"); }
+
+private:
+    void Add(const std::string& call) const { gModuleLog.push_back(name_ + ":" + call); }
+
+    std::string name_;
+    unsigned int id_;
+    bool validAfterBegin_;
+};
+
+Log Released(const std::string& name) {
+    return {name + ":UnregisterInstanceFunctors", name + ":UnregisterDeviceFunctors", name + ":OnEnd",
+            name + ":deleted"};
+}
+
+TEST(ProcessorBase, RegisteringTheSameModuleTwiceKeepsOne) {
+    TestProcessor processor;
+    auto* module = new LoggingModule(&processor, "A", 1);
+    processor.RegisterModule(module);
+    processor.RegisterModule(module);
+    processor.RegisterModule(nullptr);
+    ASSERT_EQ(processor.GetVkModules().size(), 1u);
+    EXPECT_EQ(processor.GetVkModule(1), module);
+    EXPECT_EQ(processor.GetVkModule(2), nullptr);
+
+    processor.OnEnd();
+    EXPECT_EQ(gModuleLog, Released("A"));  // released exactly once
+    EXPECT_TRUE(processor.GetVkModules().empty());
+}
+
+TEST(ProcessorBase, OnEndReleasesModulesInReverseOrder) {
+    TestProcessor processor;
+    processor.RegisterModule(new LoggingModule(&processor, "A", 1));
+    processor.RegisterModule(new LoggingModule(&processor, "B", 2));
+    processor.RegisterModule(new LoggingModule(&processor, "C", 4));
+    processor.OnEnd();
+
+    Log expected = Released("C");
+    for (const char* name : {"B", "A"}) {
+        const Log released = Released(name);
+        expected.insert(expected.end(), released.begin(), released.end());
+    }
+    EXPECT_EQ(gModuleLog, expected);
+    EXPECT_TRUE(processor.GetVkModules().empty());
+}
+
+TEST(ProcessorBase, OnBeginKeepsOnlyTheModulesThatStayValid) {
+    auto* data = new vulkan::zovk::app::ZoVkProcessorDataBase;
+    data->moduleIds = {1, 2, 4, 8};
+    ZoVkSettings::GetInstance()->SetProcessorData(data);
+    using vulkan::zovk::app::gCreateModuleMap;
+    gCreateModuleMap[1] = [](ZoVkProcessorBase* p) {
+        auto* module = new LoggingModule(p, "bad", 1);
+        module->valid = false;  // e.g. its configuration is absent
+        return module;
+    };
+    gCreateModuleMap[2] = [](ZoVkProcessorBase* p) { return new LoggingModule(p, "fails", 2, false); };
+    gCreateModuleMap[8] = [](ZoVkProcessorBase* p) { return new LoggingModule(p, "good", 8); };
+    // Id 4 has no creator.
+
+    TestProcessor processor;
+    processor.OnBegin();
+    EXPECT_EQ(gModuleLog, (Log{"bad:OnEnd", "bad:deleted", "fails:OnBegin", "fails:OnEnd", "fails:deleted",
+                               "good:OnBegin"}));
+    ASSERT_EQ(processor.GetVkModules().size(), 1u);
+    EXPECT_EQ(processor.GetVkModules()[0]->GetModuleId(), 8u);
+
+    // A module whose id was erased from the configuration since gets no hooks.
+    gModuleLog.clear();
+    processor.InitVkDeviceHooks();
+    EXPECT_EQ(gModuleLog, (Log{"good:RegisterDeviceHooks", "good:RegisterDeviceFunctors"}));
+    EXPECT_EQ(processor.GetDeviceHookFunction(TestProcessor::kDeviceHookName),
+              reinterpret_cast<vulkan::zovk::app::ZoVkHookFunction>(DrawHook));
+    data->EraseModuleId(8);
+    gModuleLog.clear();
+    processor.InitVkDeviceHooks();
+    EXPECT_TRUE(gModuleLog.empty());
+    processor.OnEnd();
+}
+
+TEST(ProcessorBase, RecordSettersNotifyOncePerNewRecord) {
+    TestProcessor processor;
+    vulkan::zovk::ZoVkDeviceInfo first;
+    vulkan::zovk::ZoVkDeviceInfo second;
+    processor.SetDeviceInfo(&first);
+    processor.SetDeviceInfo(&first);
+    processor.SetDeviceInfo(nullptr);
+    EXPECT_EQ(TestProcessorStats::gotDeviceInfo, 1);
+    EXPECT_EQ(processor.GetDeviceInfo(), &first);
+    processor.SetDeviceInfo(&second);
+    EXPECT_EQ(TestProcessorStats::gotDeviceInfo, 2);
+    EXPECT_EQ(processor.GetDeviceInfo(), &second);
+
+    vulkan::zovk::ZoVkInstanceInfo instance;
+    processor.SetInstanceInfo(nullptr);
+    processor.SetInstanceInfo(&instance);
+    processor.SetInstanceInfo(&instance);
+    EXPECT_EQ(TestProcessorStats::gotInstanceInfo, 1);
+    EXPECT_EQ(processor.GetInstanceHookFunction("vkNeverSet"), nullptr);
+}
+
+}  // namespace
+}  // namespace zovk_test
