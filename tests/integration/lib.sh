@@ -112,11 +112,13 @@ it_init() {
     export ZOVK_PROPERTIES=$IT_TMP/properties
 
     # A sanitizer build of the layer is loaded into programs built without it: the ASan
-    # runtime must come first. Leaks of those programs and their drivers are not ours to
-    # judge here; the unit tests run with leak detection on.
+    # runtime must come first in the programs under test (it_run), and only there. Their
+    # own code and drivers are not ours to judge: leaks and strict string checks stay off
+    # for them; the unit tests run the layer's code with both on.
+    IT_PRELOAD=()
     if ldd "$IT_BUILD/$IT_LIBRARY_FILE" 2>/dev/null | grep -q 'libasan'; then
-        export LD_PRELOAD=$(ldd "$IT_BUILD/$IT_LIBRARY_FILE" | awk '/libasan/ {print $3}')
-        export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0
+        IT_PRELOAD=(env "LD_PRELOAD=$(ldd "$IT_BUILD/$IT_LIBRARY_FILE" | awk '/libasan/ {print $3}')"
+            "ASAN_OPTIONS=abort_on_error=1:detect_leaks=0:strict_string_checks=0")
         IT_TIMEOUT=$((IT_TIMEOUT * 2))
     fi
 
@@ -171,7 +173,7 @@ it_env_validation_only() { it_env_layers "$IT_VALIDATION"; }
 it_run() {
     local label=$1
     shift
-    timeout -k 10 "$IT_TIMEOUT" "$@" >"$IT_TMP/$label.out" 2>"$IT_TMP/$label.err"
+    timeout -k 10 "$IT_TIMEOUT" "${IT_PRELOAD[@]}" "$@" >"$IT_TMP/$label.out" 2>"$IT_TMP/$label.err"
     IT_RC=$?
     if [ "$IT_RC" -eq 124 ] || [ "$IT_RC" -eq 137 ]; then
         it_show "$IT_TMP/$label.err"
