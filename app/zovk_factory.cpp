@@ -2,6 +2,7 @@
 
 #include <unordered_set>
 
+#include "app/module/zovk_star_rail_hsre_module.h"
 #include "app/module/zovk_star_rail_processor.h"
 #include "app/zovk_app_data.h"
 
@@ -101,7 +102,16 @@ void InitModuleCreateInfo(unsigned int id) {
 // Module creators are entered here as the application's module classes exist.
 void InitAntutuModuleCreateInfo(unsigned int) {}
 
-void InitStarRailModuleCreateInfo(unsigned int) {}
+void InitStarRailModuleCreateInfo(unsigned int id) {
+    using module::ZoVkStarRailHSREModule;
+    using module::ZoVkStarRailHSREModuleData;
+    if (id == ZoVkStarRailHSREModule::PROCESSOR_MODULE_TYPE) {
+        gCreateModuleMap[id] = [](ZoVkProcessorBase* processor) { return new ZoVkStarRailHSREModule(processor); };
+    }
+    if (id == ZoVkStarRailHSREModuleData::MODULE_DATA_TYPE) {
+        gCreateModuleDataMap[id] = [](const Json::Value& config) { return new ZoVkStarRailHSREModuleData(config); };
+    }
+}
 
 void DummyModuleCreate(unsigned int) {}
 

@@ -5,6 +5,7 @@
 
 #include "app/zovk_factory.h"
 #include "app/zovk_module_base.h"
+#include "settings/zovk_app_info_monitor.h"
 #include "settings/zovk_log.h"
 #include "settings/zovk_settings.h"
 
@@ -118,6 +119,7 @@ bool ZoVkProcessorDataBase::InitProcessorConfigData(const Json::Value& config) {
     }
     ColloctModuleExtensionFunctions();
     ZoVkSettings::GetInstance()->SetHookFlags(kHookModulesConfigured);
+    android::ZoVkAppInfoMonitor::GetInstance()->Start();
     return true;
 }
 

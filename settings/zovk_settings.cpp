@@ -41,7 +41,7 @@ void ZoVkSettings::InitDataInfo() {
         return;
     }
     SetProcessorData(app::CreateProcessorData());
-    // The remote configuration fetch follows here once the game service client exists.
+    InitZoVKPrefs();
 }
 
 bool ZoVkSettings::IdentifyApplication(const std::string& cmdline) {

@@ -2,10 +2,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include <binder/IBinder.h>
 #include <utils/String8.h>
 
 #include "app/zovk_processor_data_base.h"
@@ -40,6 +42,15 @@ public:
     void InitDataInfo();
     // Identification from the raw contents of /proc/<pid>/cmdline; true when recognised.
     bool IdentifyApplication(const std::string& cmdline);
+
+    // The configuration fetch from the game service: 0 read and handed over, 2 service
+    // not found, 3 transaction failed, 4 exception in the reply, 5 empty reply.
+    uint32_t InitZoVKPrefs();
+    // Hands the document's "configs" to the configuration data; always 0.
+    int ReadFromPavune(const std::string& json);
+    void OnRemoteServiceDied();
+    // The service found by the fetch; null before it and after its death.
+    android::sp<android::IBinder> GetRemoteService() const;
 
     app::ZoVkProcessorDataBase* GetProcessorData();
     bool CheckRenderThread() const { return processorData_ != nullptr && processorData_->checkRenderThread; }
@@ -78,6 +89,9 @@ private:
     ZoVkSettings();
     ~ZoVkSettings();
 
+    // Replaced by the fetch and cleared by a death notice on a binder thread.
+    mutable std::mutex remoteLock_;
+    android::sp<android::IBinder> remoteService_;
     std::atomic<uint32_t> hookFlags_{0};
     app::ZoVkProcessorDataBase* processorData_ = nullptr;
     int32_t pid_ = 0;

@@ -1,0 +1,228 @@
+#include "settings/zovk_app_info_monitor.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+
+#include <binder/IInterface.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <utils/String16.h>
+
+#include "settings/zovk_game_info_update.h"
+#include "settings/zovk_log.h"
+#include "settings/zovk_pavune.h"
+#include "settings/zovk_settings.h"
+
+namespace android {
+
+using vulkan::zovk::ZoVkSettings;
+namespace pavune = vulkan::zovk::pavune;
+
+namespace {
+
+constexpr int kInfoSceneId = 1;
+constexpr int kInfoPicture = 2;
+constexpr int kInfoVrsSwitch = 6;
+constexpr int kPictureImageQuality = 8;
+constexpr int kPictureKey10 = 10;
+constexpr int kPictureMsaa = 54;
+
+}  // namespace
+
+ZoVkAppInfoMonitor* ZoVkAppInfoMonitor::GetInstance() {
+    static ZoVkAppInfoMonitor monitor;
+    return &monitor;
+}
+
+ZoVkAppInfoMonitor::ZoVkAppInfoMonitor() : logDebug_(ZoVkSettings::GetInstance()->IsLogDebug()) {
+    if (logDebug_) {
+        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "ZoVk AppInfoMonitor construct");
+    }
+}
+
+ZoVkAppInfoMonitor::~ZoVkAppInfoMonitor() {
+    if (watchFd_ >= 0 && notifyFd_ >= 0) {
+        inotify_rm_watch(static_cast<int>(notifyFd_), static_cast<int>(watchFd_));
+    }
+    if (notifyFd_ >= 0) {
+        close(static_cast<int>(notifyFd_));
+    }
+    if (logDebug_) {
+        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "ZoVK AppInfoMonitor destroyed");
+    }
+}
+
+void ZoVkAppInfoMonitor::Start() {
+    if (started_) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> guard(packageLock_);
+        packageName_ = ZoVkSettings::GetInstance()->GetProcessName().c_str();
+    }
+    if (pthread_create(&thread_, nullptr, ThreadProcess, this) != 0) {
+        ZOVK_LOGE("ZoVK create app info monitor thread failed");
+        return;
+    }
+    pthread_setname_np(thread_, "AIM_thread");
+    // The registration thread runs once and ends on its own; nobody waits for it.
+    pthread_detach(thread_);
+    started_ = true;
+    NotifyMonitorStarted();
+}
+
+void* ZoVkAppInfoMonitor::ThreadProcess(void* arg) {
+    if (arg != nullptr) {
+        static_cast<ZoVkAppInfoMonitor*>(arg)->EventProcess();
+    }
+    return nullptr;
+}
+
+int ZoVkAppInfoMonitor::EventProcess() {
+    sp<com::veltra::pavune::BnGameInfoUpdate> stub = new com::veltra::pavune::BnGameInfoUpdate();
+    if (stub == nullptr) {
+        ZOVK_LOGW("new BnGameInfoUpdate fail.");
+        return 0;
+    }
+    sp<IBinder> service = defaultServiceManager()->checkService(String16(pavune::kServiceName));
+    if (service == nullptr) {
+        ZOVK_LOGW("remote service not exist.");
+        return 0;
+    }
+    Parcel data;
+    Parcel reply;
+    data.writeInterfaceToken(String16(pavune::kInterfaceToken));
+    const std::string name = std::string(ZoVkSettings::GetInstance()->GetProcessName().c_str()) + "_zovk";
+    data.writeString16(String16(name.c_str()));
+    data.writeStrongBinder(IInterface::asBinder(stub));
+    if (service->transact(pavune::kTransactionRegisterCallback, data, &reply, 0) == OK) {
+        if (logDebug_) {
+            __android_log_print(ANDROID_LOG_DEBUG, ZOVK_LOG_TAG, "ZoVK BnGameInfoUpdate register success");
+        }
+    } else {
+        ZOVK_LOGE("zovk:call remote service failed.");
+    }
+    // From here the stub lives as long as the service holds it.
+    return 0;
+}
+
+void ZoVkAppInfoMonitor::NotifyMonitorStarted() {
+    const sp<IBinder> service = ZoVkSettings::GetInstance()->GetRemoteService();
+    if (service == nullptr) {
+        ZOVK_LOGW("remote service not exit");
+        return;
+    }
+    Parcel data;
+    Parcel reply;
+    data.writeInterfaceToken(String16(pavune::kInterfaceToken));
+    std::string package;
+    {
+        std::lock_guard<std::mutex> guard(packageLock_);
+        package = packageName_;
+    }
+    data.writeString16(String16(package.c_str()));
+    if (service->transact(pavune::kTransactionMonitorStarted, data, &reply, 0) != OK) {
+        ZOVK_LOGE("zovk:call remote service failed.");
+    }
+}
+
+void ZoVkAppInfoMonitor::UpdateAppInfo(const std::string& info) {
+    if (logDebug_) {
+        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "appInfo changed: %s", info.c_str());
+    }
+    std::istringstream in(info);
+    int type = 0;
+    if (!(in >> type)) {
+        ZOVK_LOGE("ZoVK parse app infoType error: %s", strerror(errno));
+        return;
+    }
+    std::string package;
+    int first = 0;
+    int second = 0;
+    switch (type) {
+        case kInfoSceneId:
+            if (!(in >> package >> first)) {
+                ZOVK_LOGE("parse game sceneId error: %s", strerror(errno));
+                return;
+            }
+            ParseGameSceneId(package, first);
+            return;
+        case kInfoPicture:
+            if (!(in >> package >> first >> second)) {
+                ZOVK_LOGE("parse game pictureInfo error: %s", strerror(errno));
+                return;
+            }
+            ParseGamePictureInfo(package, first, second);
+            return;
+        case kInfoVrsSwitch:
+            if (!(in >> package >> first)) {
+                ZOVK_LOGE("parse vk vrs switch error: %s", strerror(errno));
+                return;
+            }
+            ParseVkVrsSwitch(package, first);
+            return;
+        default:
+            ZOVK_LOGE("unknown app info type: %d", type);
+            return;
+    }
+}
+
+bool ZoVkAppInfoMonitor::ForThisPackage(const std::string& package, const char* mismatchFormat) const {
+    {
+        std::lock_guard<std::mutex> guard(packageLock_);
+        if (!packageName_.empty() && packageName_ == package) {
+            return true;
+        }
+    }
+    if (logDebug_) {
+        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, mismatchFormat, package.c_str());
+    }
+    return false;
+}
+
+void ZoVkAppInfoMonitor::ParseGameSceneId(const std::string& package, int sceneId) {
+    if (logDebug_) {
+        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "ParseGameSceneId: %d", sceneId);
+    }
+    if (ForThisPackage(package, "s_er_p:%s")) {
+        sceneId_.store(sceneId, std::memory_order_relaxed);
+    }
+}
+
+void ZoVkAppInfoMonitor::ParseGamePictureInfo(const std::string& package, int key, int value) {
+    if (logDebug_) {
+        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "parseGamePictureInfo key: %d , value: %d", key, value);
+    }
+    if (!ForThisPackage(package, "p_er_p:%s")) {
+        return;
+    }
+    switch (key) {
+        case kPictureMsaa:
+            msaaSwitch_.store(value, std::memory_order_relaxed);
+            break;
+        case kPictureKey10:
+            pictureKey10_.store(value, std::memory_order_relaxed);
+            break;
+        case kPictureImageQuality:
+            imageQuality_.store(value, std::memory_order_relaxed);
+            break;
+        default:
+            break;
+    }
+}
+
+void ZoVkAppInfoMonitor::ParseVkVrsSwitch(const std::string& package, int value) {
+    if (logDebug_) {
+        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "parseVkVrsSwitch: %d", value);
+    }
+    if (ForThisPackage(package, "v_er_p:%s")) {
+        vrsLevel_.store(value, std::memory_order_relaxed);
+        vrsEnabled_.store(value != 0, std::memory_order_relaxed);
+    }
+}
+
+}  // namespace android
