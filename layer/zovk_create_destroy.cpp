@@ -17,9 +17,21 @@
 #include "layer/zovk_extension_catalog.h"
 #include "settings/zovk_log.h"
 
+// Offered by platforms whose next-layer resolver cannot answer pre-instance queries;
+// absent elsewhere (a weak reference then reads as null).
+extern "C" PFN_vkVoidFunction ZoVkPlatformPreInstanceProcAddr(const char* pName) __attribute__((weak));
+
 namespace vulkan::zovk {
 
 namespace {
+
+PFN_vkEnumerateInstanceExtensionProperties NextEnumerateInstanceExtensions(PFN_vkGetInstanceProcAddr next) {
+    PFN_vkVoidFunction function = next(VK_NULL_HANDLE, "vkEnumerateInstanceExtensionProperties");
+    if (function == nullptr && ZoVkPlatformPreInstanceProcAddr != nullptr) {
+        function = ZoVkPlatformPreInstanceProcAddr("vkEnumerateInstanceExtensionProperties");
+    }
+    return reinterpret_cast<PFN_vkEnumerateInstanceExtensionProperties>(function);
+}
 
 template <typename LinkInfo, typename CreateInfo>
 LinkInfo* FindLayerLink(const CreateInfo* pCreateInfo, VkStructureType sType) {
@@ -183,8 +195,7 @@ VkResult ZoVkContextManager::CreateInstanceHooked(const VkInstanceCreateInfo* pC
     const bool checkAvailable = !settings->IsDebuggable();
     std::vector<VkExtensionProperties> available;
     if (checkAvailable) {
-        available = EnumerateExtensions(reinterpret_cast<PFN_vkEnumerateInstanceExtensionProperties>(
-            nextGetInstanceProcAddr(VK_NULL_HANDLE, "vkEnumerateInstanceExtensionProperties")));
+        available = EnumerateExtensions(NextEnumerateInstanceExtensions(nextGetInstanceProcAddr));
     }
     const std::vector<const char*> enabled =
         EnabledNames(pCreateInfo->ppEnabledExtensionNames, pCreateInfo->enabledExtensionCount);

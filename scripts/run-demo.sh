@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The main job: runs a real Vulkan program (vkcube, under a virtual X server) through
-# the layer with its debug log on, on lavapipe.
+# the layer with its debug log on, on lavapipe, with the host game service serving the
+# bundled configuration (configs/gameservice.json).
 #   scripts/run-demo.sh [--as PROCESS_NAME] [--frames N]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -18,8 +19,12 @@ done
 "$root/scripts/build.sh" "$root/build" >/dev/null
 
 work=$(mktemp -d)
-trap 'kill "${xvfb_pid:-}" 2>/dev/null || true; rm -rf "$work"' EXIT
+trap 'kill "${xvfb_pid:-}" "${service_pid:-}" 2>/dev/null || true; wait 2>/dev/null || true; rm -rf "$work"' EXIT
 echo "vendor.zovk.log.debug=true" >"$work/properties"
+export ZOVK_BINDER_DIR="$work/binder"
+"$root/build/zovk-gameservice" --config "$root/configs/gameservice.json" >"$work/service.log" &
+service_pid=$!
+for _ in $(seq 50); do [ -S "$ZOVK_BINDER_DIR/veltra.pavune" ] && break; sleep 0.1; done
 Xvfb -displayfd 3 -screen 0 1280x720x24 -nolisten tcp 3>"$work/display" 2>/dev/null &
 xvfb_pid=$!
 for _ in $(seq 50); do [ -s "$work/display" ] && break; sleep 0.1; done
@@ -33,3 +38,5 @@ VK_LOADER_DEBUG=layer \
   bash -c 'exec -a "$0" vkcube --c "$1"' "$name" "$frames" 2>&1 \
   | grep -E 'libZoVK|Insert instance layer "zovk|zovkshadingrateengine \(' || true
 echo "vkcube exited ${PIPESTATUS[0]}"
+echo "The game service saw:"
+sed 's/^/  /' "$work/service.log"
