@@ -220,6 +220,9 @@ VkResult ZoVkContextManager::CreateInstanceHooked(const VkInstanceCreateInfo* pC
                                                             pCreateInfo->enabledExtensionCount, toAdd);
     createInfo.enabledExtensionCount = static_cast<uint32_t>(extensions.size());
     createInfo.ppEnabledExtensionNames = extensions.data();
+    ZOVK_LOGD("instance served at API version %u.%u (asked for %u.%u)", VK_API_VERSION_MAJOR(applicationInfo.apiVersion),
+              VK_API_VERSION_MINOR(applicationInfo.apiVersion), VK_API_VERSION_MAJOR(requested),
+              VK_API_VERSION_MINOR(requested));
     for (const std::string& name : toAdd) {
         ZOVK_LOGD("instance extension %s added", name.c_str());
     }
@@ -293,6 +296,7 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
                                                             pCreateInfo->enabledExtensionCount, toAdd);
     createInfo.enabledExtensionCount = static_cast<uint32_t>(extensions.size());
     createInfo.ppEnabledExtensionNames = extensions.data();
+    ZOVK_LOGD("device served");
     for (const std::string& name : toAdd) {
         ZOVK_LOGD("device extension %s added", name.c_str());
     }
