@@ -109,11 +109,13 @@ void ZoVkContextManager::InitInstanceInfo(VkInstance instance, PFN_vkGetInstance
 
 void ZoVkContextManager::InitDeviceInfo(VkPhysicalDevice physicalDevice, VkDevice device,
                                         PFN_vkGetDeviceProcAddr nextGetDeviceProcAddr, uint64_t apiVersion,
-                                        const std::shared_ptr<app::ZoVkProcessorBase>& processor, bool hooked) {
+                                        const std::shared_ptr<app::ZoVkProcessorBase>& processor, bool hooked,
+                                        PFN_vkSetDeviceLoaderData setDeviceLoaderData) {
     lockLookups_.store(ZoVkSettings::GetInstance()->UseLock(), std::memory_order_relaxed);
     ZoVkDeviceInfo& record = Emplace(deviceLock_, deviceMap_, GetDispatchKey(device));
     record.device = device;
     record.physicalDevice = physicalDevice;
+    record.setDeviceLoaderData = setDeviceLoaderData;
     record.functions.vkGetDeviceProcAddr = nextGetDeviceProcAddr;
     ResolveLifecycleFunctions(device, &record.functions);
     if (!hooked) {

@@ -54,7 +54,8 @@ public:
     void InitInstanceInfo(VkInstance instance, PFN_vkGetInstanceProcAddr nextGetInstanceProcAddr,
                           uint64_t apiVersion, std::shared_ptr<app::ZoVkProcessorBase>&& processor, bool hooked);
     void InitDeviceInfo(VkPhysicalDevice physicalDevice, VkDevice device, PFN_vkGetDeviceProcAddr nextGetDeviceProcAddr,
-                        uint64_t apiVersion, const std::shared_ptr<app::ZoVkProcessorBase>& processor, bool hooked);
+                        uint64_t apiVersion, const std::shared_ptr<app::ZoVkProcessorBase>& processor, bool hooked,
+                        PFN_vkSetDeviceLoaderData setDeviceLoaderData = nullptr);
 
     VkResult CreateInstanceHooked(const VkInstanceCreateInfo* pCreateInfo, const VkAllocationCallbacks* pAllocator,
                                   VkInstance* pInstance);

@@ -34,14 +34,19 @@ PFN_vkEnumerateInstanceExtensionProperties NextEnumerateInstanceExtensions(PFN_v
 }
 
 template <typename LinkInfo, typename CreateInfo>
-LinkInfo* FindLayerLink(const CreateInfo* pCreateInfo, VkStructureType sType) {
+LinkInfo* FindLayerChainElement(const CreateInfo* pCreateInfo, VkStructureType sType, VkLayerFunction function) {
     for (auto* p = static_cast<const VkBaseInStructure*>(pCreateInfo->pNext); p != nullptr; p = p->pNext) {
-        auto* link = reinterpret_cast<LinkInfo*>(const_cast<VkBaseInStructure*>(p));
-        if (p->sType == sType && link->function == VK_LAYER_LINK_INFO) {
-            return link;
+        auto* element = reinterpret_cast<LinkInfo*>(const_cast<VkBaseInStructure*>(p));
+        if (p->sType == sType && element->function == function) {
+            return element;
         }
     }
     return nullptr;
+}
+
+template <typename LinkInfo, typename CreateInfo>
+LinkInfo* FindLayerLink(const CreateInfo* pCreateInfo, VkStructureType sType) {
+    return FindLayerChainElement<LinkInfo>(pCreateInfo, sType, VK_LAYER_LINK_INFO);
 }
 
 // Whether the calling thread's whole name matches the configured pattern.
@@ -250,6 +255,10 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
     }
     const PFN_vkGetDeviceProcAddr nextGetDeviceProcAddr = link->u.pLayerInfo->pfnNextGetDeviceProcAddr;
     link->u.pLayerInfo = link->u.pLayerInfo->pNext;
+    const auto* loaderData = FindLayerChainElement<VkLayerDeviceCreateInfo>(
+        pCreateInfo, VK_STRUCTURE_TYPE_LOADER_DEVICE_CREATE_INFO, VK_LOADER_DATA_CALLBACK);
+    const PFN_vkSetDeviceLoaderData setDeviceLoaderData =
+        loaderData != nullptr ? loaderData->u.pfnSetDeviceLoaderData : nullptr;
 
     ZoVkInstanceInfo* instanceRecord = GetInstanceInfoWithLock(GetDispatchKey(physicalDevice));
     if (instanceRecord == nullptr) {
@@ -269,7 +278,7 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
         const VkResult result = nextCreateDevice(physicalDevice, pCreateInfo, pAllocator, pDevice);
         if (result >= 0 && *pDevice != VK_NULL_HANDLE) {
             InitDeviceInfo(physicalDevice, *pDevice, nextGetDeviceProcAddr, instanceRecord->apiVersion,
-                           instanceRecord->processor, false);
+                           instanceRecord->processor, false, setDeviceLoaderData);
         }
         return result;
     };
@@ -306,7 +315,7 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
         return result;
     }
     InitDeviceInfo(physicalDevice, *pDevice, nextGetDeviceProcAddr, instanceRecord->apiVersion,
-                   instanceRecord->processor, true);
+                   instanceRecord->processor, true, setDeviceLoaderData);
     InitDeviceExtensionFunctions(*pDevice);
     if (instanceRecord->processor) {
         instanceRecord->processor->PostCreateDevice(physicalDevice, &createInfo, pAllocator, pDevice, result);

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <memory>
 
+#include <vulkan/vk_layer.h>
+
 #include "layer/zovk_dispatch_table.h"
 
 namespace vulkan::zovk {
@@ -42,6 +44,9 @@ struct ZoVkDeviceInfo {
 
     VkDevice device = VK_NULL_HANDLE;
     VkPhysicalDevice physicalDevice = VK_NULL_HANDLE;
+    // The loader's callback that makes a dispatchable object the layer obtained by itself
+    // (a queue, a command buffer) usable by the layers below; null when the loader gave none.
+    PFN_vkSetDeviceLoaderData setDeviceLoaderData = nullptr;
     VkDeviceFunctionTable functions{};
     ZoVkFunctionMap functionMap;
     std::shared_ptr<app::ZoVkProcessorBase> processor;
