@@ -1,0 +1,117 @@
+// What the presets report must be a set of values a real implementation of the extension could report.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "fsr_presets.h"
+
+namespace fsr {
+namespace {
+
+constexpr VkSampleCountFlags kLavapipeCounts = VK_SAMPLE_COUNT_1_BIT | VK_SAMPLE_COUNT_4_BIT;
+
+std::string Describe(const std::vector<VkPhysicalDeviceFragmentShadingRateKHR>& rates) {
+    std::string s;
+    for (const auto& r : rates) {
+        s += std::to_string(r.fragmentSize.width) + "x" + std::to_string(r.fragmentSize.height) + ":" +
+             std::to_string(r.sampleCounts) + " ";
+    }
+    return s;
+}
+
+TEST(Presets, DefaultAndNames) {
+    ASSERT_NE(FindPreset(nullptr), nullptr);
+    EXPECT_STREQ(FindPreset(nullptr)->name, "16x16-4x4");
+    EXPECT_EQ(FindPreset(""), FindPreset(nullptr));
+    ASSERT_NE(FindPreset("8x8-2x2"), nullptr);
+    EXPECT_EQ(FindPreset("8x8-2x2")->maxFragmentSize.width, 2u);
+    EXPECT_EQ(FindPreset("8x8-4x4")->texelSize.height, 8u);
+    EXPECT_EQ(FindPreset("16X16-4x4"), nullptr);
+    EXPECT_EQ(FindPreset("4x4"), nullptr);
+}
+
+TEST(Presets, DefaultRatesAreWhatAnH100Lists) {
+    EXPECT_EQ(Describe(Rates(*FindPreset(nullptr), kLavapipeCounts)),
+              "4x4:1 4x2:1 2x4:1 2x2:5 2x1:5 1x2:5 1x1:" + std::to_string(~0u) + " ");
+}
+
+class EveryPreset : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(EveryPreset, RatesFollowTheOrderAndLimits) {
+    const Preset& preset = *FindPreset(GetParam());
+    VkPhysicalDeviceFragmentShadingRatePropertiesKHR props = {};
+    FillProperties(preset, kLavapipeCounts, &props);
+    const auto rates = Rates(preset, kLavapipeCounts);
+    ASSERT_GE(rates.size(), 4u) << Describe(rates);
+
+    for (size_t i = 1; i < rates.size(); ++i) {
+        const VkExtent2D a = rates[i - 1].fragmentSize, b = rates[i].fragmentSize;
+        EXPECT_TRUE(a.width > b.width || (a.width == b.width && a.height > b.height)) << Describe(rates);
+    }
+    const auto& last = rates.back();
+    EXPECT_EQ(last.fragmentSize.width, 1u);
+    EXPECT_EQ(last.fragmentSize.height, 1u);
+    EXPECT_EQ(last.sampleCounts, ~0u);
+
+    for (const auto& r : rates) {
+        const uint32_t w = r.fragmentSize.width, h = r.fragmentSize.height;
+        EXPECT_LE(w, props.maxFragmentSize.width);
+        EXPECT_LE(h, props.maxFragmentSize.height);
+        EXPECT_EQ(w & (w - 1), 0u);
+        EXPECT_EQ(h & (h - 1), 0u);
+        EXPECT_LE(std::max(w / h, h / w), props.maxFragmentSizeAspectRatio);
+        EXPECT_EQ(r.sType, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_SHADING_RATE_KHR);
+        if (w == 1 && h == 1) continue;
+        ASSERT_NE(r.sampleCounts, 0u);
+        EXPECT_EQ(r.sampleCounts & ~kLavapipeCounts, 0u);
+        uint32_t highest = 1;
+        while ((highest << 1) <= r.sampleCounts) highest <<= 1;
+        EXPECT_LE(highest, uint32_t(props.maxFragmentShadingRateRasterizationSamples));
+        EXPECT_LE(w * h * highest, props.maxFragmentShadingRateCoverageSamples);
+    }
+    // Every implementation offers 2x2, 2x1 and 1x2 at each sample count up to 4.
+    for (VkExtent2D must : {VkExtent2D{2, 2}, VkExtent2D{2, 1}, VkExtent2D{1, 2}}) {
+        bool found = false;
+        for (const auto& r : rates) {
+            if (r.fragmentSize.width == must.width && r.fragmentSize.height == must.height) {
+                found = true;
+                EXPECT_EQ(r.sampleCounts & kLavapipeCounts, kLavapipeCounts) << Describe(rates);
+            }
+        }
+        EXPECT_TRUE(found) << must.width << "x" << must.height << " missing: " << Describe(rates);
+    }
+}
+
+TEST_P(EveryPreset, PropertiesAreConsistent) {
+    const Preset& preset = *FindPreset(GetParam());
+    int marker = 0;
+    VkPhysicalDeviceFragmentShadingRatePropertiesKHR props = {
+        VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_SHADING_RATE_PROPERTIES_KHR, &marker};
+    FillProperties(preset, kLavapipeCounts, &props);
+    EXPECT_EQ(props.pNext, &marker);
+    EXPECT_EQ(props.minFragmentShadingRateAttachmentTexelSize.width, preset.texelSize.width);
+    EXPECT_EQ(props.maxFragmentShadingRateAttachmentTexelSize.height, preset.texelSize.height);
+    EXPECT_EQ(props.maxFragmentShadingRateAttachmentTexelSizeAspectRatio, 1u);
+    EXPECT_EQ(props.maxFragmentSize.width, preset.maxFragmentSize.width);
+    EXPECT_EQ(props.maxFragmentShadingRateRasterizationSamples, VK_SAMPLE_COUNT_4_BIT);
+    EXPECT_LE(props.maxFragmentShadingRateCoverageSamples,
+              props.maxFragmentSize.width * props.maxFragmentSize.height * 4u);
+    EXPECT_GE(props.maxFragmentSizeAspectRatio, 2u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Fsr, EveryPreset, ::testing::Values("16x16-4x4", "8x8-2x2", "8x8-4x4"));
+
+TEST(Presets, SingleSampleDeviceGetsASmallerCoverage) {
+    VkPhysicalDeviceFragmentShadingRatePropertiesKHR props = {};
+    FillProperties(*FindPreset("8x8-2x2"), VK_SAMPLE_COUNT_1_BIT, &props);
+    EXPECT_EQ(props.maxFragmentShadingRateRasterizationSamples, VK_SAMPLE_COUNT_1_BIT);
+    EXPECT_EQ(props.maxFragmentShadingRateCoverageSamples, 4u);
+    for (const auto& r : Rates(*FindPreset("8x8-2x2"), VK_SAMPLE_COUNT_1_BIT)) {
+        if (r.fragmentSize.width * r.fragmentSize.height > 1) {
+            EXPECT_EQ(r.sampleCounts, VkSampleCountFlags(1));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace fsr
