@@ -131,6 +131,7 @@ uint64_t H(T handle) {
     X(CmdResetEvent2)                    \
     X(CmdResetEvent2KHR)                 \
     X(QueueSubmit)                       \
+    X(QueuePresentKHR)                   \
     X(QueueSubmit2)                      \
     X(QueueSubmit2KHR)
 
@@ -197,7 +198,7 @@ struct CommandBufferRecord {
 
 struct Counters {
     int64_t renderPasses = 0, framebuffers = 0, beginRenderPasses = 0, rates = 0, draws = 0, uploads = 0,
-            unreadableUploads = 0, submissions = 0;
+            unreadableUploads = 0, submissions = 0, presents = 0;
 };
 
 struct DeviceRecord {
@@ -565,6 +566,7 @@ VKAPI_ATTR void VKAPI_CALL DestroyDevice(VkDevice device, const VkAllocationCall
              .Num("rates", c.rates)
              .Num("draws", c.draws)
              .Num("submissions", c.submissions)
+             .Num("presents", c.presents)
              .Num("uploads", c.uploads)
              .Num("unreadableUploads", c.unreadableUploads));
     rec->fn.DestroyDevice(device, pAllocator);
@@ -1361,6 +1363,20 @@ VKAPI_ATTR VkResult VKAPI_CALL QueueSubmit(VkQueue queue, uint32_t submitCount, 
     return dev.fn.QueueSubmit(queue, submitCount, StripSubmits(arena, pSubmits, submitCount), fence);
 }
 
+// Frames, so that a reader (and a tool waiting for frame N) can tell what happened when.
+VKAPI_ATTR VkResult VKAPI_CALL QueuePresentKHR(VkQueue queue, const VkPresentInfoKHR* pPresentInfo) {
+    DeviceRecord& dev = Dev(queue);
+    int64_t frame = 0;
+    {
+        std::lock_guard<std::mutex> lock(g_lock);
+        frame = ++dev.counters.presents;
+    }
+    if (TraceEnabled()) {
+        Emit(TraceLine("present").Handle("queue", H(queue)).Num("frame", frame));
+    }
+    return dev.fn.QueuePresentKHR(queue, pPresentInfo);
+}
+
 template <PFN_vkQueueSubmit2 DeviceTable::*Next>
 VKAPI_ATTR VkResult VKAPI_CALL QueueSubmit2(VkQueue queue, uint32_t submitCount, const VkSubmitInfo2* pSubmits,
                                             VkFence fence) {
@@ -1424,6 +1440,7 @@ const std::unordered_map<std::string_view, PFN_vkVoidFunction>& DeviceHooks() {
     static const std::unordered_map<std::string_view, PFN_vkVoidFunction> hooks = {
         {"vkGetDeviceProcAddr", FSR_FN(GetDeviceProcAddr)},
         {"vkDestroyDevice", FSR_FN(DestroyDevice)},
+        {"vkQueuePresentKHR", FSR_FN(QueuePresentKHR)},
         {"vkCreateImage", FSR_FN(CreateImage)},
         {"vkDestroyImage", FSR_FN(DestroyImage)},
         {"vkCreateImageView", FSR_FN(CreateImageView)},
