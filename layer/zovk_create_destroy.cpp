@@ -17,8 +17,10 @@
 #include "layer/zovk_extension_catalog.h"
 #include "settings/zovk_log.h"
 
-// Offered by platforms whose next-layer resolver cannot answer pre-instance queries;
-// absent elsewhere (a weak reference then reads as null).
+// Offered by platforms whose loader answers pre-instance queries itself, for the whole
+// chain; absent elsewhere (a weak reference then reads as null). Asking the next layer is
+// no substitute there: Khronos-style layers answer a null layer name with
+// VK_ERROR_LAYER_NOT_PRESENT, and the bottom resolver answers nothing without an instance.
 extern "C" PFN_vkVoidFunction ZoVkPlatformPreInstanceProcAddr(const char* pName) __attribute__((weak));
 
 namespace vulkan::zovk {
@@ -26,9 +28,12 @@ namespace vulkan::zovk {
 namespace {
 
 PFN_vkEnumerateInstanceExtensionProperties NextEnumerateInstanceExtensions(PFN_vkGetInstanceProcAddr next) {
-    PFN_vkVoidFunction function = next(VK_NULL_HANDLE, "vkEnumerateInstanceExtensionProperties");
-    if (function == nullptr && ZoVkPlatformPreInstanceProcAddr != nullptr) {
+    PFN_vkVoidFunction function = nullptr;
+    if (ZoVkPlatformPreInstanceProcAddr != nullptr) {
         function = ZoVkPlatformPreInstanceProcAddr("vkEnumerateInstanceExtensionProperties");
+    }
+    if (function == nullptr) {
+        function = next(VK_NULL_HANDLE, "vkEnumerateInstanceExtensionProperties");
     }
     return reinterpret_cast<PFN_vkEnumerateInstanceExtensionProperties>(function);
 }

@@ -1,7 +1,9 @@
-// The Khronos loader's bottom resolver answers no pre-instance query (such as
-// vkEnumerateInstanceExtensionProperties) without an instance, so a layer cannot learn from
-// its link what the instance will offer. The loader's own global entry points can: they are
-// already loaded in the process (possibly with RTLD_LOCAL, hence RTLD_NOLOAD by name).
+// On the Khronos loader a layer cannot learn from its link what the instance will offer:
+// the bottom resolver answers no pre-instance query (such as
+// vkEnumerateInstanceExtensionProperties) without an instance, and the layers below answer
+// a null layer name with VK_ERROR_LAYER_NOT_PRESENT. The loader's own global entry points
+// know, for the whole chain: they are already loaded in the process (possibly with
+// RTLD_LOCAL, hence RTLD_NOLOAD by name).
 #include <dlfcn.h>
 
 #include <vulkan/vulkan_core.h>
