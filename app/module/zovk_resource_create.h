@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+
+#include <vulkan/vulkan_core.h>
+
+namespace vulkan::zovk {
+struct ZoVkDeviceInfo;
+}
+
+namespace vulkan::zovk::app {
+class ZoVkProcessorBase;
+}
+
+namespace vulkan::zovk::app::module {
+
+// Makes the layer's own objects inside the application's device: images and buffers with
+// bound memory, views, and one-shot command buffers for uploads and layout transitions.
+// Every call goes straight to the next layer through the processor's records, so the
+// layer's own work never passes through its modules.
+//
+// Images, views, buffers and memory are handed to the caller, who destroys them. The
+// helper owns only its transient command pool, which Release() destroys: call it before
+// the device goes. One-shot operations wait for the queue to go idle; they are for set-up.
+class ResourceCreate {
+public:
+    explicit ResourceCreate(ZoVkProcessorBase* processor);
+    // Calls nothing: the device may already be gone. Release() is the teardown.
+    ~ResourceCreate() = default;
+    ResourceCreate(const ResourceCreate&) = delete;
+    ResourceCreate& operator=(const ResourceCreate&) = delete;
+
+    VkImage createImage(uint32_t width, uint32_t height, VkFormat format, VkImageTiling tiling,
+                        VkImageUsageFlags usage, VkMemoryPropertyFlags properties, VkDeviceMemory& memory);
+    VkImageView createImageView(VkImage image, VkFormat format, VkImageAspectFlags aspect);
+    VkBuffer createBuffer(VkDeviceSize size, VkBufferUsageFlags usage, VkMemoryPropertyFlags properties,
+                          VkDeviceMemory& memory);
+    // Lowest allowed type that has all of `properties`; 0 (logged) when none has.
+    uint32_t findMemoryType(uint32_t typeFilter, VkMemoryPropertyFlags properties);
+    void transitionImageLayout(VkImage image, VkFormat format, VkImageLayout oldLayout, VkImageLayout newLayout);
+    // Null when no command buffer could be had; endSingleTimeCommands accepts that.
+    VkCommandBuffer beginSingleTimeCommands();
+    void endSingleTimeCommands(VkCommandBuffer commandBuffer);
+    // First family with graphics queues, UINT32_MAX when none.
+    uint32_t findGraphicQueueFamilies();
+
+    // The application's most recently created pool: used for one-shot work only when the
+    // helper's own pool cannot be made.
+    void SetCommandPool(VkCommandPool pool) { commandPool_ = pool; }
+    // Destroys the helper's own pool and forgets everything tied to the device. For the
+    // device's pre-destroy path, before the next layer destroys the device.
+    void Release();
+
+protected:
+    ZoVkDeviceInfo* DeviceInfo() const;
+
+private:
+    const VkPhysicalDeviceMemoryProperties& MemoryProperties();
+    VkCommandPool OneShotPool();
+
+    ZoVkProcessorBase* processor_;
+    VkCommandPool commandPool_ = VK_NULL_HANDLE;
+    VkPhysicalDeviceMemoryProperties memoryProperties_{};
+    bool memoryPropertiesCached_ = false;
+    VkCommandPool ownPool_ = VK_NULL_HANDLE;
+    bool ownPoolTried_ = false;
+    // The pool the command buffer being recorded came from, to free it there.
+    VkCommandPool recordingPool_ = VK_NULL_HANDLE;
+};
+
+}  // namespace vulkan::zovk::app::module
