@@ -105,24 +105,6 @@ struct ZoVkPostFunctor<Slot, R(VKAPI_PTR*)(Args...)> {
     }
 };
 
-// Inserts `node` by ascending priority, after nodes of equal priority, always before the
-// terminal (the tail or dummy node).
-template <typename Node>
-void InsertFunctor(Node*& head, Node* terminal, Node* node) {
-    node->next = nullptr;
-    if (head == nullptr || head == terminal) {
-        node->next = terminal;
-        head = node;
-        return;
-    }
-    Node** link = &head;
-    while (*link != nullptr && *link != terminal && (*link)->priority <= node->priority) {
-        link = &(*link)->next;
-    }
-    node->next = *link;
-    *link = node;
-}
-
 // Unlinks `node` if it is in the chain; a node that was never filled is left alone.
 template <typename Node>
 void RemoveFunctor(Node*& head, Node* terminal, Node* node) {
@@ -136,6 +118,32 @@ void RemoveFunctor(Node*& head, Node* terminal, Node* node) {
             return;
         }
     }
+}
+
+// Inserts `node` by ascending priority, after nodes of equal priority, always before the
+// terminal (the tail or dummy node). A node already in the chain is moved, not linked a
+// second time: a processor shared by several devices has its modules hang their nodes in
+// again for each device, and a node linked to itself would loop forever.
+template <typename Node>
+void InsertFunctor(Node*& head, Node* terminal, Node* node) {
+    for (Node** link = &head; *link != nullptr && *link != terminal; link = &(*link)->next) {
+        if (*link == node) {
+            *link = node->next;
+            break;
+        }
+    }
+    node->next = nullptr;
+    if (head == nullptr || head == terminal) {
+        node->next = terminal;
+        head = node;
+        return;
+    }
+    Node** link = &head;
+    while (*link != nullptr && *link != terminal && (*link)->priority <= node->priority) {
+        link = &(*link)->next;
+    }
+    node->next = *link;
+    *link = node;
 }
 
 // The dummy node that ends every post chain of a call (exported, one per call).

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vulkan/vulkan_core.h>
+
 namespace vulkan::zovk::app {
 class ZoVkProcessorBase;
 }
@@ -23,6 +25,9 @@ public:
     virtual void RegisterModuleVkDeviceHooks() {}
     virtual void OnBegin() {}
     virtual void OnEnd() {}
+    // The device is about to go: everything the module made on it must be destroyed now,
+    // while the next layer's device still exists.
+    virtual void OnDeviceDestroy(VkDevice) {}
 
     bool valid = true;
 };

@@ -40,6 +40,12 @@ void ZoVkProcessorBase::OnEnd() {
     UnRegisterModules();
 }
 
+void ZoVkProcessorBase::PreDestroyDevice(VkDevice device, const VkAllocationCallbacks*) {
+    for (module::ZoVkModuleBase* module : modules_) {
+        module->OnDeviceDestroy(device);
+    }
+}
+
 void ZoVkProcessorBase::RegisterModule(module::ZoVkModuleBase* module) {
     if (module == nullptr || std::find(modules_.begin(), modules_.end(), module) != modules_.end()) {
         return;

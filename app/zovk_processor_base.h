@@ -37,7 +37,8 @@ public:
     virtual void PreCreateDevice(VkPhysicalDevice, const VkDeviceCreateInfo*, const VkAllocationCallbacks*, VkDevice*) {}
     virtual void PostCreateDevice(VkPhysicalDevice, const VkDeviceCreateInfo*, const VkAllocationCallbacks*, VkDevice*,
                                   VkResult) {}
-    virtual void PreDestroyDevice(VkDevice, const VkAllocationCallbacks*) {}
+    // Lets every module destroy what it made on the device before the device goes.
+    virtual void PreDestroyDevice(VkDevice device, const VkAllocationCallbacks* pAllocator);
     virtual void PostDestroyDevice(VkDevice, const VkAllocationCallbacks*) {}
     virtual void PreDestroyInstance(VkInstance, const VkAllocationCallbacks*) {}
     virtual void PostDestroyInstance(VkInstance, const VkAllocationCallbacks*) {}

@@ -47,7 +47,7 @@ VkResult VKAPI_CALL NextCreateGraphicsPipelines(VkDevice, VkPipelineCache, uint3
     }
     return gNextResult;
 }
-void VKAPI_CALL NextDestroyDevice(VkDevice, const VkAllocationCallbacks*) {}
+void VKAPI_CALL NextDestroyDevice(VkDevice, const VkAllocationCallbacks*) { gLog.push_back("next:destroyDevice"); }
 
 PFN_vkVoidFunction VKAPI_CALL NextGetDeviceProcAddr(VkDevice, const char* name) {
     static const std::map<std::string, PFN_vkVoidFunction> functions = {
@@ -148,6 +148,8 @@ public:
                        (pipelines[0] == kPipeline ? "made" : "missing"));
         postPipelines_.next->Call(device, cache, count, infos, allocator, pipelines, result);
     }
+
+    void OnDeviceDestroy(VkDevice) override { gLog.push_back(tag_ + ":deviceDestroy"); }
 
     bool stop = false;
 
@@ -351,6 +353,26 @@ TEST_F(FunctorChainTest, UnregisteringRestoresTheChainAndIgnoresNodesNeverFilled
     EXPECT_EQ(processor_->postCreateRenderPass.head, &module::sPostDummy<&T::vkCreateRenderPass>);
     processor_->VkCmdDrawIndexedHooked(CommandBuffer(), 1, 1, 0, 0, 0);
     EXPECT_EQ(gLog, (std::vector<std::string>{"next:draw:1"}));
+}
+
+TEST_F(FunctorChainTest, ASecondDeviceOnTheSameProcessorKeepsEveryChainFinite) {
+    AddModule(1, "m", 0);
+    CreateDevice();
+    int otherKey = 0;
+    FakeHandle other{&otherKey};
+    ZoVkContextManager::GetInstance()->InitDeviceInfo(reinterpret_cast<VkPhysicalDevice>(&physical_),
+                                                      reinterpret_cast<VkDevice>(&other), NextGetDeviceProcAddr,
+                                                      VK_API_VERSION_1_2, processor_, true);
+    // The module's nodes hang in again: each runs once, and every chain still ends.
+    VkRenderPass pass = VK_NULL_HANDLE;
+    Resolve<PFN_vkCreateRenderPass>("vkCreateRenderPass")(Device(), nullptr, nullptr, &pass);
+    Resolve<PFN_vkCmdEndRenderPass>("vkCmdEndRenderPass")(CommandBuffer());
+    Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed")(CommandBuffer(), 3, 1, 0, 0, 0);
+    EXPECT_EQ(gLog, (std::vector<std::string>{"next:createRenderPass", "m:createdPass:0:" + std::to_string(0x1234),
+                                              "next:endRenderPass", "m:endedPass", "m:draw", "next:draw:3"}));
+    gLog.clear();
+    ZoVkDestroyDevice(reinterpret_cast<VkDevice>(&other), nullptr);
+    EXPECT_EQ(gLog, (std::vector<std::string>{"m:deviceDestroy", "next:destroyDevice"}));
 }
 
 }  // namespace
