@@ -273,8 +273,9 @@ public:
 
 TEST(GameInfoUpdateProxyTest, UnknownTransactionFallsBackToTheDefaultImplementation) {
     sp<Deaf> deaf = new Deaf();
-    com::veltra::pavune::BpGameInfoUpdate proxy(deaf);
-    Status status = proxy.sendToZoGL(String16("6 com.miHoYo.hkrpg 2"));
+    // Reference-counted objects live in sp<>: on the stack RefBase never frees its counts.
+    const sp<com::veltra::pavune::BpGameInfoUpdate> proxy = new com::veltra::pavune::BpGameInfoUpdate(deaf);
+    Status status = proxy->sendToZoGL(String16("6 com.miHoYo.hkrpg 2"));
     EXPECT_EQ(status.transactionError(), android::UNKNOWN_TRANSACTION);
 
     Bytes expected = Token("com.veltra.pavune.IGameInfoUpdate");
@@ -284,7 +285,7 @@ TEST(GameInfoUpdateProxyTest, UnknownTransactionFallsBackToTheDefaultImplementat
     EXPECT_FALSE(com::veltra::pavune::IGameInfoUpdate::setDefaultImpl(nullptr));
     sp<DefaultImpl> fallback = new DefaultImpl();
     ASSERT_TRUE(com::veltra::pavune::IGameInfoUpdate::setDefaultImpl(fallback));
-    EXPECT_TRUE(proxy.sendToZoGL(String16("6 com.miHoYo.hkrpg 2")).isOk());
+    EXPECT_TRUE(proxy->sendToZoGL(String16("6 com.miHoYo.hkrpg 2")).isOk());
     EXPECT_EQ(fallback->seen, "6 com.miHoYo.hkrpg 2");
 }
 
