@@ -116,7 +116,8 @@ it_init() {
     # own code and drivers are not ours to judge: leaks and strict string checks stay off
     # for them; the unit tests run the layer's code with both on.
     IT_PRELOAD=()
-    if ldd "$IT_BUILD/$IT_LIBRARY_FILE" 2>/dev/null | grep -q 'libasan'; then
+    # (No pipe into grep -q here: under pipefail the early exit can SIGPIPE ldd.)
+    if [[ $(ldd "$IT_BUILD/$IT_LIBRARY_FILE" 2>/dev/null) == *libasan* ]]; then
         IT_PRELOAD=(env "LD_PRELOAD=$(ldd "$IT_BUILD/$IT_LIBRARY_FILE" | awk '/libasan/ {print $3}')"
             "ASAN_OPTIONS=abort_on_error=1:detect_leaks=0:strict_string_checks=0")
         IT_TIMEOUT=$((IT_TIMEOUT * 2))
@@ -300,4 +301,153 @@ it_stop_xvfb() {
         IT_XVFB_PID=
     fi
     unset DISPLAY
+}
+
+# ==== The host game service ==================================================================
+# For scenarios that run zovk-gameservice beside the program under test. The service serves in the
+# run's binder directory (ZOVK_BINDER_DIR, set by it_init) and logs one line per transaction on its
+# stdout. One service at a time; it_service_start makes sure it is stopped and reaped at exit.
+
+IT_SERVICE_PID=
+IT_SERVICE_TIMEOUT=
+IT_SERVICE_JOB=
+IT_SERVICE_LOG=
+IT_SERVICE_RC=
+
+# it_wait_for FILE ERE SECONDS WHAT: waits until a line of FILE matches ERE; fails naming WHAT after
+# SECONDS.
+it_wait_for() {
+    local file=$1 ere=$2 seconds=$3 what=$4 i
+    for ((i = 0; i < seconds * 10; i++)); do
+        grep -Eq -- "$ere" "$file" 2>/dev/null && return 0
+        sleep 0.1
+    done
+    it_show "$file"
+    it_fail "$what did not happen within ${seconds}s"
+}
+
+# it_child_of PARENT: the pid of PARENT's child (the first, if several).
+it_child_of() { pgrep -P "$1" | head -n 1; }
+
+# it_service_start LABEL CONFIG: starts the service of the build under test with the JSON file CONFIG
+# (an object keyed by process name), stdout in $IT_TMP/LABEL.log and stderr in $IT_TMP/LABEL.err, and
+# returns once it serves. Sets IT_SERVICE_PID (the service itself, for signals) and IT_SERVICE_LOG.
+it_service_start() {
+    local label=$1 config=$2 i
+    [ -z "$IT_SERVICE_JOB" ] || it_fail "it_service_start: a game service is already running"
+    [ -x "$IT_BUILD/zovk-gameservice" ] || it_fail "no zovk-gameservice in $IT_BUILD (is it built?)"
+    case "$(trap -p EXIT)" in
+    *it_service_stop*) ;;
+    *) trap 'it_service_stop; it_cleanup' EXIT ;;
+    esac
+    IT_SERVICE_LOG=$IT_TMP/$label.log
+    rm -f "$IT_TMP/$label.status"
+    # Bounded like every other process of a scenario. The job is a subshell that records the status:
+    # bash would report a job that a test kills on purpose as "Killed" on stderr.
+    (
+        timeout -k 5 600 "$IT_BUILD/zovk-gameservice" --config "$config" >"$IT_SERVICE_LOG" 2>"$IT_TMP/$label.err"
+        echo $? >"$IT_TMP/$label.status"
+    ) 2>/dev/null &
+    IT_SERVICE_JOB=$!
+    IT_SERVICE_TIMEOUT=
+    IT_SERVICE_PID=
+    for ((i = 0; i < 300; i++)); do
+        [ -n "$IT_SERVICE_TIMEOUT" ] || IT_SERVICE_TIMEOUT=$(it_child_of "$IT_SERVICE_JOB")
+        [ -n "$IT_SERVICE_TIMEOUT" ] && [ -z "$IT_SERVICE_PID" ] && IT_SERVICE_PID=$(it_child_of "$IT_SERVICE_TIMEOUT")
+        [ -n "$IT_SERVICE_PID" ] && grep -q '^serving ' "$IT_SERVICE_LOG" && return 0
+        if [ -s "$IT_TMP/$label.status" ]; then
+            it_show "$IT_TMP/$label.err"
+            it_service_stop
+            it_fail "the game service exited with status $IT_SERVICE_RC before it served"
+        fi
+        sleep 0.1
+    done
+    it_show "$IT_TMP/$label.err"
+    it_fail "the game service did not start serving within 30s"
+}
+
+# it_is_child PID PARENT: PID is alive and PARENT's child (so that it cannot be a reused pid).
+it_is_child() {
+    [ -n "$1" ] && [ -n "$2" ] && [ "$(ps -o ppid= -p "$1" 2>/dev/null | tr -d ' ')" = "$2" ]
+}
+
+# it_service_running: the service started last still runs.
+it_service_running() {
+    it_is_child "$IT_SERVICE_PID" "$IT_SERVICE_TIMEOUT" && it_is_child "$IT_SERVICE_TIMEOUT" "$IT_SERVICE_JOB"
+}
+
+# it_service_signal SIGNAL: sends SIGNAL (STOP, CONT, KILL, ...) to the running service.
+it_service_signal() {
+    it_service_running || it_fail "it_service_signal $1: the game service is not running"
+    kill -s "$1" "$IT_SERVICE_PID"
+}
+
+# it_service_stop: resumes and terminates the service if it still runs (SIGKILL after 20s), and reaps
+# it. Sets IT_SERVICE_RC: its exit status (0 after a clean stop, 128+N when signal N ended it).
+it_service_stop() {
+    [ -n "$IT_SERVICE_JOB" ] || return 0
+    local i
+    if it_service_running; then
+        # Straight to the service, not through `timeout`, which would signal its whole process group:
+        # LeakSanitizer's helper process (sanitizer builds) included, which can then hang the exit.
+        kill -s CONT "$IT_SERVICE_PID" 2>/dev/null
+        kill -s TERM "$IT_SERVICE_PID" 2>/dev/null
+        for ((i = 0; i < 200; i++)); do
+            it_service_running || break
+            sleep 0.1
+        done
+        it_service_running && kill -s KILL "$IT_SERVICE_PID" 2>/dev/null
+    fi
+    wait "$IT_SERVICE_JOB" 2>/dev/null
+    IT_SERVICE_RC=$(cat "${IT_SERVICE_LOG%.log}.status" 2>/dev/null)
+    IT_SERVICE_RC=${IT_SERVICE_RC:-255}
+    IT_SERVICE_JOB=
+    IT_SERVICE_TIMEOUT=
+    IT_SERVICE_PID=
+}
+
+# it_service_push LABEL RECORD: hands RECORD to the layers registered for its package, through the
+# running service; output in $IT_TMP/LABEL.out and .err. Sets IT_RC (0: delivered, 1: no layer took it).
+it_service_push() {
+    local label=$1 record=$2
+    timeout -k 5 60 "$IT_BUILD/zovk-gameservice" push "$record" >"$IT_TMP/$label.out" 2>"$IT_TMP/$label.err"
+    IT_RC=$?
+}
+
+# ==== Validation with an allowlist ============================================================
+# For scenarios whose layer build does, on purpose, what the validation layer reports: the few
+# violations that the required behaviour itself implies are listed by VUID in an allowlist file,
+# one id per line followed by one comment line (#) saying which behaviour causes it.
+
+# it_allowlist_ids FILE: the ids of an allowlist, one per line.
+it_allowlist_ids() { grep -Ev '^[[:space:]]*(#|$)' "$1" | awk '{ print $1 }'; }
+
+# it_expect_no_validation_except ALLOWLIST CONTEXT: every message in the validation log carries an id of
+# ALLOWLIST, then removes the log for the next run. A message is a line that does not start with a blank
+# and the indented lines after it (its object list); one without an id is never allowed. The allowed
+# messages seen are counted on stderr.
+it_expect_no_validation_except() {
+    local allowlist=$1 context=$2 ids unexpected
+    [ -f "$allowlist" ] || it_fail "no validation allowlist $allowlist"
+    if [ -s "$IT_VVL_LOG" ]; then
+        ids=$(it_allowlist_ids "$allowlist")
+        unexpected=$(awk -v ids="$ids" '
+            BEGIN { n = split(ids, list, "\n"); for (i = 1; i <= n; i++) ok[list[i]] = 1 }
+            /^[[:space:]]*$/ { next }
+            /^[^[:space:]]/ {
+                allowed = 0
+                if (match($0, /\[ (VUID|UNASSIGNED)-[^ ]+ \]/)) allowed = (substr($0, RSTART + 2, RLENGTH - 4) in ok)
+            }
+            !allowed { print }' "$IT_VVL_LOG")
+        if [ -n "$unexpected" ]; then
+            printf '[%s] validation messages outside %s by id:\n' "$IT_NAME" "$(basename "$allowlist")" >&2
+            printf '%s\n' "$unexpected" | grep -Eo '\[ (VUID|UNASSIGNED)-[^ ]+ \]' | sort | uniq -c >&2
+            printf '[%s] ---- first 30 of them ----\n' "$IT_NAME" >&2
+            printf '%s\n' "$unexpected" | head -n 30 >&2
+            it_fail "$context: the validation layer reported errors or warnings outside the allowlist"
+        fi
+        printf '[%s] allowlisted validation messages by id:\n' "$IT_NAME" >&2
+        grep -Eo '\[ (VUID|UNASSIGNED)-[^ ]+ \]' "$IT_VVL_LOG" | sort | uniq -c >&2
+    fi
+    rm -f "$IT_VVL_LOG"
 }
