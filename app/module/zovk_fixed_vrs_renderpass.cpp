@@ -53,6 +53,27 @@ struct SubpassReferences {
     VkAttachmentReference2 depth{};
 };
 
+// The substitute pass: no pNext, no flags, no correlated view masks; null on failure.
+VkRenderPass CreateRenderPass2(const ZoVkDeviceInfo& record, const std::vector<VkAttachmentDescription2>& attachments,
+                               const std::vector<VkSubpassDescription2>& subpasses,
+                               const std::vector<VkSubpassDependency2>& dependencies, const char* failure) {
+    VkRenderPassCreateInfo2 info{};
+    info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO_2;
+    info.attachmentCount = static_cast<uint32_t>(attachments.size());
+    info.pAttachments = attachments.data();
+    info.subpassCount = static_cast<uint32_t>(subpasses.size());
+    info.pSubpasses = subpasses.empty() ? nullptr : subpasses.data();
+    info.dependencyCount = static_cast<uint32_t>(dependencies.size());
+    info.pDependencies = dependencies.empty() ? nullptr : dependencies.data();
+    VkRenderPass renderPass = VK_NULL_HANDLE;
+    const auto create = record.functions.vkCreateRenderPass2;
+    if (create == nullptr || create(record.device, &info, nullptr, &renderPass) != VK_SUCCESS) {
+        ZOVK_LOGE("%s", failure);
+        return VK_NULL_HANDLE;
+    }
+    return renderPass;
+}
+
 }  // namespace
 
 VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass(VkRenderPassCreateInfo createInfo,
@@ -126,23 +147,7 @@ VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass(VkRenderPassCre
     }
 
     // The application's pNext chain and flags are not carried over.
-    VkRenderPassCreateInfo2 info{};
-    info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO_2;
-    info.attachmentCount = static_cast<uint32_t>(attachments.size());
-    info.pAttachments = attachments.data();
-    info.subpassCount = static_cast<uint32_t>(subpasses.size());
-    info.pSubpasses = subpasses.empty() ? nullptr : subpasses.data();
-    info.dependencyCount = static_cast<uint32_t>(dependencies.size());
-    info.pDependencies = dependencies.empty() ? nullptr : dependencies.data();
-
-    const ZoVkDeviceInfo* record = DeviceInfo();
-    VkRenderPass renderPass = VK_NULL_HANDLE;
-    const auto create = record->functions.vkCreateRenderPass2;
-    if (create == nullptr || create(record->device, &info, nullptr, &renderPass) != VK_SUCCESS) {
-        ZOVK_LOGE("failed to create rp2");
-        return VK_NULL_HANDLE;
-    }
-    return renderPass;
+    return CreateRenderPass2(*DeviceInfo(), attachments, subpasses, dependencies, "failed to create rp2");
 }
 
 VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass2(VkRenderPassCreateInfo2 createInfo,
@@ -163,23 +168,7 @@ VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass2(VkRenderPassCr
     std::vector<VkSubpassDependency2> dependencies(createInfo.pDependencies,
                                                    createInfo.pDependencies + createInfo.dependencyCount);
 
-    VkRenderPassCreateInfo2 info{};
-    info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO_2;
-    info.attachmentCount = static_cast<uint32_t>(attachments.size());
-    info.pAttachments = attachments.data();
-    info.subpassCount = static_cast<uint32_t>(subpasses.size());
-    info.pSubpasses = subpasses.empty() ? nullptr : subpasses.data();
-    info.dependencyCount = static_cast<uint32_t>(dependencies.size());
-    info.pDependencies = dependencies.empty() ? nullptr : dependencies.data();
-
-    const ZoVkDeviceInfo* record = DeviceInfo();
-    VkRenderPass renderPass = VK_NULL_HANDLE;
-    const auto create = record->functions.vkCreateRenderPass2;
-    if (create == nullptr || create(record->device, &info, nullptr, &renderPass) != VK_SUCCESS) {
-        ZOVK_LOGE("failed to create rp22");
-        return VK_NULL_HANDLE;
-    }
-    return renderPass;
+    return CreateRenderPass2(*DeviceInfo(), attachments, subpasses, dependencies, "failed to create rp22");
 }
 
 VkFramebuffer ZoVkFixedVRSRenderpass::createVRSFramebuffer(VkRenderPass renderPass, VkFramebufferCreateInfo createInfo,

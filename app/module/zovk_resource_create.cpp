@@ -70,11 +70,7 @@ VkImage ResourceCreate::createImage(uint32_t width, uint32_t height, VkFormat fo
     record->functions.vkGetImageMemoryRequirements(device, image, &requirements);
     // Shading-rate images are read by the GPU every frame: always device-local, whatever
     // the caller asked for.
-    VkMemoryAllocateInfo allocate{};
-    allocate.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
-    allocate.allocationSize = requirements.size;
-    allocate.memoryTypeIndex = findMemoryType(requirements.memoryTypeBits, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT);
-    if (record->functions.vkAllocateMemory(device, &allocate, nullptr, &memory) != VK_SUCCESS) {
+    if (!allocateMemory(requirements, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT, memory)) {
         ZOVK_LOGE("failed to allocate image memory!");
         return image;
     }
@@ -118,16 +114,22 @@ VkBuffer ResourceCreate::createBuffer(VkDeviceSize size, VkBufferUsageFlags usag
 
     VkMemoryRequirements requirements{};
     record->functions.vkGetBufferMemoryRequirements(device, buffer, &requirements);
-    VkMemoryAllocateInfo allocate{};
-    allocate.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
-    allocate.allocationSize = requirements.size;
-    allocate.memoryTypeIndex = findMemoryType(requirements.memoryTypeBits, properties);
-    if (record->functions.vkAllocateMemory(device, &allocate, nullptr, &memory) != VK_SUCCESS) {
+    if (!allocateMemory(requirements, properties, memory)) {
         ZOVK_LOGE("failed to allocate buffer memory!");
         return buffer;
     }
     record->functions.vkBindBufferMemory(device, buffer, memory, 0);
     return buffer;
+}
+
+bool ResourceCreate::allocateMemory(const VkMemoryRequirements& requirements, VkMemoryPropertyFlags properties,
+                                    VkDeviceMemory& memory) {
+    const ZoVkDeviceInfo* record = DeviceInfo();
+    VkMemoryAllocateInfo allocate{};
+    allocate.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
+    allocate.allocationSize = requirements.size;
+    allocate.memoryTypeIndex = findMemoryType(requirements.memoryTypeBits, properties);
+    return record->functions.vkAllocateMemory(record->device, &allocate, nullptr, &memory) == VK_SUCCESS;
 }
 
 uint32_t ResourceCreate::findGraphicQueueFamilies() {

@@ -55,6 +55,10 @@ protected:
     ZoVkDeviceInfo* DeviceInfo() const;
 
 private:
+    // Allocates memory of the first type that allows the requirements and has `properties`.
+    bool allocateMemory(const VkMemoryRequirements& requirements, VkMemoryPropertyFlags properties,
+                        VkDeviceMemory& memory);
+
     const VkPhysicalDeviceMemoryProperties& MemoryProperties();
     VkCommandPool OneShotPool();
 
