@@ -50,7 +50,7 @@ PARCELS = {
     "scene_report": token(PAVUNE) + i32(1) + string16('{"sceneId":10005}'),
     "ok_reply_with_json": i32(0) + string16('{"configs":{}}'),
     "exception_reply": i32(-3) + string16("bad") + i32(0),
-    "service_specific_reply": i32(-8) + string16("x") + i32(0) + i32(42),
+    "service_error_reply": i32(-8) + string16("x") + i32(0) + i32(42),
     "fat_reply_header": i32(-128) + i32(12) + i32(0) + i32(0) + i32(5),
     "null_binder": flat(TYPE_BINDER, 0x13, 0, 0, 0),
     "stranger_binder": token("com.veltra.pavune.IGameInfoUpdate") + STRANGER,

@@ -198,17 +198,17 @@ int main(int argc, char** argv) {
 
     std::vector<VkPipeline> pipelines;
     auto makePipeline = [&](VkRenderPass pass, bool colour, bool depthTest, scene::DynamicStates dynamic) {
-        scene::PipelineSpec spec;
-        spec.vertex = meshVert;
-        spec.fragment = colour ? passFrag : VK_NULL_HANDLE;
-        spec.layout = passLayout;
-        spec.renderPass = pass;
-        spec.colorCount = colour ? 1 : 0;
-        spec.depthTest = depthTest;
-        spec.depthWrite = depthTest && !colour;  // only the prepass writes depth; the rest test against it
-        spec.dynamic = dynamic;
-        spec.extent = area;
-        pipelines.push_back(scene::createPipeline(device, spec));
+        scene::PipelineDesc pipeline;
+        pipeline.vertex = meshVert;
+        pipeline.fragment = colour ? passFrag : VK_NULL_HANDLE;
+        pipeline.layout = passLayout;
+        pipeline.renderPass = pass;
+        pipeline.colorCount = colour ? 1 : 0;
+        pipeline.depthTest = depthTest;
+        pipeline.depthWrite = depthTest && !colour;  // only the prepass writes depth; the rest test against it
+        pipeline.dynamic = dynamic;
+        pipeline.extent = area;
+        pipelines.push_back(scene::createPipeline(device, pipeline));
         return pipelines.back();
     };
     using scene::DynamicStates;
@@ -219,13 +219,13 @@ int main(int argc, char** argv) {
     targets[kBloom].pipeline = makePipeline(bloomPass, true, false, DynamicStates::kEmptyBlock);
     targets[kUi].pipeline = makePipeline(uiPass, true, false, DynamicStates::kViewportScissor);
     {
-        scene::PipelineSpec spec;
-        spec.vertex = fullVert;
-        spec.fragment = compFrag;
-        spec.meshInput = false;
-        spec.layout = finalLayout;
-        spec.renderPass = finalPass;
-        pipelines.push_back(scene::createPipeline(device, spec));
+        scene::PipelineDesc pipeline;
+        pipeline.vertex = fullVert;
+        pipeline.fragment = compFrag;
+        pipeline.meshInput = false;
+        pipeline.layout = finalLayout;
+        pipeline.renderPass = finalPass;
+        pipelines.push_back(scene::createPipeline(device, pipeline));
     }
     VkPipeline finalPipeline = pipelines.back();
 

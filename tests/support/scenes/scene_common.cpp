@@ -214,15 +214,15 @@ VkRenderPass createRenderPass(VkDevice device, const std::vector<AttachmentSpec>
     return pass;
 }
 
-VkPipeline createPipeline(VkDevice device, const PipelineSpec& spec) {
+VkPipeline createPipeline(VkDevice device, const PipelineDesc& desc) {
     VkPipelineShaderStageCreateInfo stages[2] = {};
     stages[0].sType = VK_STRUCTURE_TYPE_PIPELINE_SHADER_STAGE_CREATE_INFO;
     stages[0].stage = VK_SHADER_STAGE_VERTEX_BIT;
-    stages[0].module = spec.vertex;
+    stages[0].module = desc.vertex;
     stages[0].pName = "main";
     stages[1] = stages[0];
     stages[1].stage = VK_SHADER_STAGE_FRAGMENT_BIT;
-    stages[1].module = spec.fragment;
+    stages[1].module = desc.fragment;
 
     const VkVertexInputBindingDescription binding = {0, sizeof(Vertex), VK_VERTEX_INPUT_RATE_VERTEX};
     const VkVertexInputAttributeDescription attributes[2] = {
@@ -230,7 +230,7 @@ VkPipeline createPipeline(VkDevice device, const PipelineSpec& spec) {
         {1, 0, VK_FORMAT_R32G32B32A32_SFLOAT, offsetof(Vertex, r)},
     };
     VkPipelineVertexInputStateCreateInfo vertexInput = {VK_STRUCTURE_TYPE_PIPELINE_VERTEX_INPUT_STATE_CREATE_INFO};
-    if (spec.meshInput) {
+    if (desc.meshInput) {
         vertexInput.vertexBindingDescriptionCount = 1;
         vertexInput.pVertexBindingDescriptions = &binding;
         vertexInput.vertexAttributeDescriptionCount = 2;
@@ -239,18 +239,18 @@ VkPipeline createPipeline(VkDevice device, const PipelineSpec& spec) {
     VkPipelineInputAssemblyStateCreateInfo assembly = {VK_STRUCTURE_TYPE_PIPELINE_INPUT_ASSEMBLY_STATE_CREATE_INFO};
     assembly.topology = VK_PRIMITIVE_TOPOLOGY_TRIANGLE_LIST;
 
-    const VkViewport viewport = {0, 0, float(spec.extent.width), float(spec.extent.height), 0, 1};
-    const VkRect2D scissor = {{0, 0}, spec.extent};
+    const VkViewport viewport = {0, 0, float(desc.extent.width), float(desc.extent.height), 0, 1};
+    const VkRect2D scissor = {{0, 0}, desc.extent};
     VkPipelineViewportStateCreateInfo viewportState = {VK_STRUCTURE_TYPE_PIPELINE_VIEWPORT_STATE_CREATE_INFO};
     viewportState.viewportCount = 1;
     viewportState.scissorCount = 1;
     const VkDynamicState dynamicList[2] = {VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_SCISSOR};
     VkPipelineDynamicStateCreateInfo dynamic = {VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO};
-    if (spec.dynamic == DynamicStates::kViewportScissor) {
+    if (desc.dynamic == DynamicStates::kViewportScissor) {
         dynamic.dynamicStateCount = 2;
         dynamic.pDynamicStates = dynamicList;
     } else {
-        if (spec.extent.width == 0 || spec.extent.height == 0) vkh::fail("createPipeline: a baked viewport needs an extent");
+        if (desc.extent.width == 0 || desc.extent.height == 0) vkh::fail("createPipeline: a baked viewport needs an extent");
         viewportState.pViewports = &viewport;
         viewportState.pScissors = &scissor;
     }
@@ -263,15 +263,15 @@ VkPipeline createPipeline(VkDevice device, const PipelineSpec& spec) {
     VkPipelineMultisampleStateCreateInfo multisample = {VK_STRUCTURE_TYPE_PIPELINE_MULTISAMPLE_STATE_CREATE_INFO};
     multisample.rasterizationSamples = VK_SAMPLE_COUNT_1_BIT;
     VkPipelineDepthStencilStateCreateInfo depth = {VK_STRUCTURE_TYPE_PIPELINE_DEPTH_STENCIL_STATE_CREATE_INFO};
-    depth.depthTestEnable = spec.depthTest;
-    depth.depthWriteEnable = spec.depthWrite;
+    depth.depthTestEnable = desc.depthTest;
+    depth.depthWriteEnable = desc.depthWrite;
     depth.depthCompareOp = VK_COMPARE_OP_LESS_OR_EQUAL;
     depth.maxDepthBounds = 1.0f;
 
     VkPipelineColorBlendAttachmentState blend = {};
     blend.colorWriteMask =
         VK_COLOR_COMPONENT_R_BIT | VK_COLOR_COMPONENT_G_BIT | VK_COLOR_COMPONENT_B_BIT | VK_COLOR_COMPONENT_A_BIT;
-    if (spec.additive) {
+    if (desc.additive) {
         blend.blendEnable = VK_TRUE;
         blend.srcColorBlendFactor = VK_BLEND_FACTOR_ONE;
         blend.dstColorBlendFactor = VK_BLEND_FACTOR_ONE;
@@ -280,13 +280,13 @@ VkPipeline createPipeline(VkDevice device, const PipelineSpec& spec) {
         blend.dstAlphaBlendFactor = VK_BLEND_FACTOR_ONE;
         blend.alphaBlendOp = VK_BLEND_OP_ADD;
     }
-    const std::vector<VkPipelineColorBlendAttachmentState> blends(spec.colorCount, blend);
+    const std::vector<VkPipelineColorBlendAttachmentState> blends(desc.colorCount, blend);
     VkPipelineColorBlendStateCreateInfo colorBlend = {VK_STRUCTURE_TYPE_PIPELINE_COLOR_BLEND_STATE_CREATE_INFO};
-    colorBlend.attachmentCount = spec.colorCount;
+    colorBlend.attachmentCount = desc.colorCount;
     colorBlend.pAttachments = blends.data();
 
     VkGraphicsPipelineCreateInfo info = {VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO};
-    info.stageCount = spec.fragment ? 2 : 1;
+    info.stageCount = desc.fragment ? 2 : 1;
     info.pStages = stages;
     info.pVertexInputState = &vertexInput;
     info.pInputAssemblyState = &assembly;
@@ -295,9 +295,9 @@ VkPipeline createPipeline(VkDevice device, const PipelineSpec& spec) {
     info.pMultisampleState = &multisample;
     info.pDepthStencilState = &depth;
     info.pColorBlendState = &colorBlend;
-    info.pDynamicState = spec.dynamic == DynamicStates::kNone ? nullptr : &dynamic;
-    info.layout = spec.layout;
-    info.renderPass = spec.renderPass;
+    info.pDynamicState = desc.dynamic == DynamicStates::kNone ? nullptr : &dynamic;
+    info.layout = desc.layout;
+    info.renderPass = desc.renderPass;
     info.subpass = 0;
     VkPipeline pipeline = VK_NULL_HANDLE;
     VKH_CHECK(vkCreateGraphicsPipelines(device, VK_NULL_HANDLE, 1, &info, nullptr, &pipeline));

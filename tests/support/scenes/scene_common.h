@@ -97,7 +97,7 @@ enum class DynamicStates {
     kEmptyBlock,       // a dynamic-state block listing nothing: viewport and scissor baked in
 };
 
-struct PipelineSpec {
+struct PipelineDesc {
     VkShaderModule vertex = VK_NULL_HANDLE;
     VkShaderModule fragment = VK_NULL_HANDLE;  // null for depth-only pipelines
     bool meshInput = true;                     // Vertex input; false: vertices from gl_VertexIndex
@@ -111,7 +111,7 @@ struct PipelineSpec {
     VkExtent2D extent = {0, 0};  // the baked viewport without dynamic viewport
 };
 
-VkPipeline createPipeline(VkDevice device, const PipelineSpec& spec);
+VkPipeline createPipeline(VkDevice device, const PipelineDesc& desc);
 VkPipelineLayout createPipelineLayout(VkDevice device, VkDescriptorSetLayout setLayout);
 void setViewport(VkCommandBuffer cmd, VkExtent2D extent);
 

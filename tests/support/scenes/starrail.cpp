@@ -259,32 +259,32 @@ int main(int argc, char** argv) {
     VkShaderModule fullVert = ctx.createShader(fullscreen_vert_spv, sizeof(fullscreen_vert_spv));
     VkShaderModule compFrag = ctx.createShader(composite_frag_spv, sizeof(composite_frag_spv));
 
-    scene::PipelineSpec spec;
-    spec.vertex = meshVert;
-    spec.fragment = mainFrag;
-    spec.layout = mainLayout;
-    spec.renderPass = mainDontCare;
-    spec.colorCount = colorCount;
-    spec.depthTest = spec.depthWrite = true;
-    VkPipeline mainPipeline = scene::createPipeline(device, spec);
+    scene::PipelineDesc pipeline;
+    pipeline.vertex = meshVert;
+    pipeline.fragment = mainFrag;
+    pipeline.layout = mainLayout;
+    pipeline.renderPass = mainDontCare;
+    pipeline.colorCount = colorCount;
+    pipeline.depthTest = pipeline.depthWrite = true;
+    VkPipeline mainPipeline = scene::createPipeline(device, pipeline);
 
-    spec.fragment = lightFrag;
-    spec.layout = lightLayout;
-    spec.renderPass = lightDontCare;
-    spec.colorCount = 1;
-    spec.depthTest = spec.depthWrite = false;
-    VkPipeline resolvePipeline = scene::createPipeline(device, spec);
-    spec.depthTest = true;  // lights hide behind the scene, but never write depth
-    spec.additive = true;
-    VkPipeline additivePipeline = scene::createPipeline(device, spec);
+    pipeline.fragment = lightFrag;
+    pipeline.layout = lightLayout;
+    pipeline.renderPass = lightDontCare;
+    pipeline.colorCount = 1;
+    pipeline.depthTest = pipeline.depthWrite = false;
+    VkPipeline resolvePipeline = scene::createPipeline(device, pipeline);
+    pipeline.depthTest = true;  // lights hide behind the scene, but never write depth
+    pipeline.additive = true;
+    VkPipeline additivePipeline = scene::createPipeline(device, pipeline);
 
-    spec = scene::PipelineSpec();
-    spec.vertex = fullVert;
-    spec.fragment = compFrag;
-    spec.meshInput = false;
-    spec.layout = finalLayout;
-    spec.renderPass = finalPass;
-    VkPipeline finalPipeline = scene::createPipeline(device, spec);
+    pipeline = scene::PipelineDesc();
+    pipeline.vertex = fullVert;
+    pipeline.fragment = compFrag;
+    pipeline.meshInput = false;
+    pipeline.layout = finalLayout;
+    pipeline.renderPass = finalPass;
+    VkPipeline finalPipeline = scene::createPipeline(device, pipeline);
 
     // ---- meshes
     scene::MeshBuffers meshes;
