@@ -380,6 +380,15 @@ it_service_running() {
 it_service_signal() {
     it_service_running || it_fail "it_service_signal $1: the game service is not running"
     kill -s "$1" "$IT_SERVICE_PID"
+    # Delivery is asynchronous: wait until a stopped service really is stopped (state T).
+    if [ "$1" = STOP ]; then
+        local i
+        for ((i = 0; i < 100; i++)); do
+            [ "$(awk '{print $3}' "/proc/$IT_SERVICE_PID/stat" 2>/dev/null)" = T ] && return 0
+            sleep 0.05
+        done
+        it_fail "the game service did not stop"
+    fi
 }
 
 # it_service_stop: resumes and terminates the service if it still runs (SIGKILL after 20s), and reaps

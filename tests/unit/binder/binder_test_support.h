@@ -279,7 +279,15 @@ public:
 
     bool registered() const { return registered_; }
     pid_t pid() const { return pid_; }
-    void Signal(int sig) const { kill(pid_, sig); }
+    // Signals are delivered asynchronously: a stop is waited for, so that no call made
+    // after Signal(SIGSTOP) can still be answered.
+    void Signal(int sig) const {
+        kill(pid_, sig);
+        if (sig == SIGSTOP) {
+            int status = 0;
+            waitpid(pid_, &status, WUNTRACED);
+        }
+    }
     void KillAndReap() {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
