@@ -32,7 +32,7 @@ PKGS=(
   libjsoncpp-dev android-liblog-dev android-libbase-dev android-libutils-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang-14 libclang-rt-14-dev llvm-14 valgrind
-  xvfb xauth gfxreconstruct vkbasalt mangohud
+  xvfb xauth x11-utils procps gfxreconstruct vkbasalt mangohud
   libpng-dev bc
 )
 $SUDO apt-get install -y -qq --no-install-recommends "${PKGS[@]}"
