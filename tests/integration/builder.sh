@@ -31,26 +31,13 @@ if [ ! -s "$BM_DIR/$BM_LIBRARY" ] || [ ! -f "$BM_DIR/$BM_MANIFEST" ]; then
 fi
 
 APP=com.miHoYo.hkrpg
-FRAMES=36
-SHOTS=1,12,24,$FRAMES
-CAPTURE=$IT_TMP/capture/vkcube.gfxr
 TRACE=$IT_TMP/trace.jsonl
-mkdir "$IT_TMP/capture" "$IT_TMP/shots_plain" "$IT_TMP/shots_builder" "$IT_TMP/bm_layers"
+mkdir "$IT_TMP/shots_builder" "$IT_TMP/bm_layers"
 
-it_start_xvfb
-it_run capture env VK_INSTANCE_LAYERS=VK_LAYER_LUNARG_gfxreconstruct GFXRECON_CAPTURE_FILE="$CAPTURE" \
-    GFXRECON_CAPTURE_FILE_TIMESTAMP=false GFXRECON_LOG_LEVEL=warning vkcube --c "$FRAMES"
-it_expect_success capture
-it_stop_xvfb
-[ -s "$CAPTURE" ] || it_fail "the capture layer wrote no capture file"
+it_capture_vkcube 36
 # What vkcube asked for, to compare the substitutes with.
-gfxrecon-convert --output "$IT_TMP/capture/vkcube.jsonl" "$CAPTURE" >/dev/null 2>&1 ||
+gfxrecon-convert --output "$IT_TMP/capture/vkcube.jsonl" "$IT_CAPTURE" >/dev/null 2>&1 ||
     it_fail "gfxrecon-convert could not read the capture"
-
-replay_args=(--wsi headless --screenshots "$SHOTS" --log-level warning)
-
-it_run replay_plain gfxrecon-replay "${replay_args[@]}" --screenshot-dir "$IT_TMP/shots_plain" "$CAPTURE"
-it_expect_success replay_plain
 
 # ---- the replay through the test layer ------------------------------------------------------------
 
@@ -70,7 +57,7 @@ IT_LAYER_DIR=$IT_TMP/bm_layers
 it_env_layers "$BM_LAYER:$IT_VALIDATION:$EMULATION"
 # shellcheck disable=SC2016 # expanded by the inner shell
 it_run replay_builder env "${IT_ENV[@]}" ZOVK_FSR_TRACE="$TRACE" bash -c 'exec -a "$0" "$@"' "$APP" \
-    gfxrecon-replay "${replay_args[@]}" --screenshot-dir "$IT_TMP/shots_builder" "$CAPTURE"
+    gfxrecon-replay "${IT_REPLAY_ARGS[@]}" --screenshot-dir "$IT_TMP/shots_builder" "$IT_CAPTURE"
 it_expect_success replay_builder
 it_service_stop
 
@@ -237,24 +224,5 @@ it_log "trace: $(cat "$IT_TMP/trace_check.out")"
 
 # ---- the pixels ------------------------------------------------------------------------------------
 
-replay_problems() {
-    cat "$IT_TMP/$1.out" "$IT_TMP/$1.err" | grep -E '\[gfxrecon\] (WARNING|ERROR|FATAL)' | sort -u
-}
-added=$(comm -13 <(replay_problems replay_plain) <(replay_problems replay_builder))
-if [ -n "$added" ]; then
-    printf '%s\n' "$added" >&2
-    it_fail "the replay through the test layer logged warnings or errors that the plain replay does not"
-fi
-
-plain_list=$(cd "$IT_TMP/shots_plain" && ls)
-builder_list=$(cd "$IT_TMP/shots_builder" && ls)
-[ "$(echo "$plain_list" | wc -l)" -eq 4 ] || it_fail "expected 4 plain screenshots ($SHOTS), got: $(it_words "$plain_list")"
-[ "$plain_list" = "$builder_list" ] ||
-    it_fail "the replays wrote different screenshot sets: plain [$(it_words "$plain_list")], through the test layer [$(it_words "$builder_list")]"
-cmp -s "$IT_TMP/shots_plain/screenshot_frame_1.bmp" "$IT_TMP/shots_plain/screenshot_frame_$FRAMES.bmp" &&
-    it_fail "frames 1 and $FRAMES of the plain replay are identical: the capture does not render"
-for f in $plain_list; do
-    cmp "$IT_TMP/shots_plain/$f" "$IT_TMP/shots_builder/$f" >&2 ||
-        it_fail "screenshot $f differs between the plain replay and the replay through the test layer"
-done
-it_log "PASS ($(echo "$plain_list" | wc -l) identical screenshots)"
+it_expect_same_replay replay_builder "$IT_TMP/shots_builder" "the test layer"
+it_log "PASS (4 identical screenshots)"

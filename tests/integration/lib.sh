@@ -460,3 +460,52 @@ it_expect_no_validation_except() {
     fi
     rm -f "$IT_VVL_LOG"
 }
+
+# ---- a vkcube capture, replayed headless ------------------------------------------------------------
+# gfxreconstruct 0.9.18: capture settings come from GFXRECON_* variables; the replayer takes --wsi
+# headless, --screenshots N1,N2,... (1-based frames), --screenshot-dir, and writes screenshot_frame_N.bmp.
+
+# it_capture_vkcube FRAMES: captures vkcube (capture layer only) and replays it plainly with screenshots
+# of frames 1, 12, 24 and FRAMES into $IT_TMP/shots_plain. Sets IT_CAPTURE (the capture file),
+# IT_REPLAY_ARGS (the replayer's options for another replay) and IT_REPLAY_FRAMES.
+it_capture_vkcube() {
+    IT_REPLAY_FRAMES=$1
+    IT_CAPTURE=$IT_TMP/capture/vkcube.gfxr
+    mkdir -p "$IT_TMP/capture" "$IT_TMP/shots_plain"
+    it_start_xvfb
+    it_run capture env VK_INSTANCE_LAYERS=VK_LAYER_LUNARG_gfxreconstruct GFXRECON_CAPTURE_FILE="$IT_CAPTURE" \
+        GFXRECON_CAPTURE_FILE_TIMESTAMP=false GFXRECON_LOG_LEVEL=warning vkcube --c "$IT_REPLAY_FRAMES"
+    it_expect_success capture
+    it_stop_xvfb
+    [ -s "$IT_CAPTURE" ] || it_fail "the capture layer wrote no capture file"
+    IT_REPLAY_ARGS=(--wsi headless --screenshots "1,12,24,$IT_REPLAY_FRAMES" --log-level warning)
+    it_run replay_plain gfxrecon-replay "${IT_REPLAY_ARGS[@]}" --screenshot-dir "$IT_TMP/shots_plain" "$IT_CAPTURE"
+    it_expect_success replay_plain
+}
+
+# it_expect_same_replay LABEL SHOT_DIR WHAT: the replay run as LABEL (it_run) with its screenshots in
+# SHOT_DIR added no replayer warning or error to the plain replay's, and wrote the same four screenshots,
+# byte for byte. The replayer reports calls whose result differs from the capture as warnings or errors.
+it_expect_same_replay() {
+    local label=$1 shots=$2 what=$3 added plain_list other_list f
+    replay_problems() {
+        cat "$IT_TMP/$1.out" "$IT_TMP/$1.err" | grep -E '\[gfxrecon\] (WARNING|ERROR|FATAL)' | sort -u
+    }
+    added=$(comm -13 <(replay_problems replay_plain) <(replay_problems "$label"))
+    if [ -n "$added" ]; then
+        printf '%s\n' "$added" >&2
+        it_fail "the replay through $what logged warnings or errors that the plain replay does not"
+    fi
+    plain_list=$(cd "$IT_TMP/shots_plain" && ls)
+    other_list=$(cd "$shots" && ls)
+    [ "$(echo "$plain_list" | wc -l)" -eq 4 ] || it_fail "expected 4 plain screenshots, got: $(it_words "$plain_list")"
+    [ "$plain_list" = "$other_list" ] ||
+        it_fail "the replays wrote different screenshot sets: plain [$(it_words "$plain_list")], through $what [$(it_words "$other_list")]"
+    # The cube turns from frame to frame: identical first and last frames mean nothing was rendered.
+    cmp -s "$IT_TMP/shots_plain/screenshot_frame_1.bmp" "$IT_TMP/shots_plain/screenshot_frame_$IT_REPLAY_FRAMES.bmp" &&
+        it_fail "frames 1 and $IT_REPLAY_FRAMES of the plain replay are identical: the capture does not render"
+    for f in $plain_list; do
+        cmp "$IT_TMP/shots_plain/$f" "$shots/$f" >&2 ||
+            it_fail "screenshot $f differs between the plain replay and the replay through $what"
+    done
+}
