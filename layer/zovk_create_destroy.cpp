@@ -128,18 +128,15 @@ std::vector<const char*> EnabledWith(const char* const* names, uint32_t count, c
     return enabled;
 }
 
-// The processor's pre and post hooks around the next layer's destroy function; the
-// processor is kept alive for the whole call.
-template <typename Handle, typename Destroy, typename Resolver>
+// The processor's pre and post hooks around the next layer's destroy function (resolved
+// when the object was recorded); the processor is kept alive for the whole call.
+template <typename Handle, typename Destroy>
 void DestroyThroughChain(Handle handle, const VkAllocationCallbacks* pAllocator,
-                         std::shared_ptr<app::ZoVkProcessorBase> processor, Destroy destroy, Resolver resolve,
-                         const char* name, void (app::ZoVkProcessorBase::*pre)(Handle, const VkAllocationCallbacks*),
+                         std::shared_ptr<app::ZoVkProcessorBase> processor, Destroy destroy,
+                         void (app::ZoVkProcessorBase::*pre)(Handle, const VkAllocationCallbacks*),
                          void (app::ZoVkProcessorBase::*post)(Handle, const VkAllocationCallbacks*)) {
     if (processor) {
         (processor.get()->*pre)(handle, pAllocator);
-    }
-    if (destroy == nullptr && resolve != nullptr) {
-        destroy = reinterpret_cast<Destroy>(resolve(handle, name));
     }
     if (destroy != nullptr) {
         destroy(handle, pAllocator);
@@ -270,11 +267,8 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
         ZOVK_LOGE("vkCreateDevice on a physical device of an instance the layer never saw");
         return VK_ERROR_INITIALIZATION_FAILED;
     }
-    auto nextCreateDevice = instanceRecord->functions.vkCreateDevice;
-    if (nextCreateDevice == nullptr && instanceRecord->functions.vkGetInstanceProcAddr != nullptr) {
-        nextCreateDevice = reinterpret_cast<PFN_vkCreateDevice>(
-            instanceRecord->functions.vkGetInstanceProcAddr(instanceRecord->instance, "vkCreateDevice"));
-    }
+    // Resolved when the instance was recorded (see ResolveLifecycleFunctions).
+    const PFN_vkCreateDevice nextCreateDevice = instanceRecord->functions.vkCreateDevice;
     if (nextCreateDevice == nullptr) {
         ZOVK_LOGE("the next layer has no vkCreateDevice");
         return VK_ERROR_INITIALIZATION_FAILED;
@@ -338,7 +332,6 @@ void ZoVkContextManager::DestroyDeviceHooked(VkDevice device, const VkAllocation
         return;
     }
     DestroyThroughChain(device, pAllocator, record->processor, record->functions.vkDestroyDevice,
-                        record->functions.vkGetDeviceProcAddr, "vkDestroyDevice",
                         &app::ZoVkProcessorBase::PreDestroyDevice, &app::ZoVkProcessorBase::PostDestroyDevice);
     EraseDeviceInfo(key);
 }
@@ -353,7 +346,6 @@ void ZoVkContextManager::DestroyInstanceHooked(VkInstance instance, const VkAllo
         return;
     }
     DestroyThroughChain(instance, pAllocator, record->processor, record->functions.vkDestroyInstance,
-                        record->functions.vkGetInstanceProcAddr, "vkDestroyInstance",
                         &app::ZoVkProcessorBase::PreDestroyInstance, &app::ZoVkProcessorBase::PostDestroyInstance);
     EraseInstanceInfo(key);
 }
