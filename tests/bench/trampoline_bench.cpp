@@ -65,8 +65,8 @@ struct Device {
     Device(bool withModule, bool useLock) {
         ZoVkSettings* settings = ZoVkSettings::GetInstance();
         settings->SetApplicationType(vulkan::ZOVK_APPLICATION_STAR_RAIL);
-        auto* data = static_cast<ZoVkProcessorDataBase*>(settings->GetProcessorData());
-        if (settings->GetProcessorData() == nullptr || !data->HasModuleId(2)) {
+        ZoVkProcessorDataBase* data = settings->GetProcessorData();
+        if (!data->HasModuleId(2)) {
             auto* starRail = new ZoVkStarRailData();
             starRail->moduleIds = {2};
             settings->SetProcessorData(starRail);

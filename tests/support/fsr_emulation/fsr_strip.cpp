@@ -105,15 +105,9 @@ bool FixDependency(VkSubpassDependency& d) {
     return c;
 }
 
-bool FixBarrier2(VkMemoryBarrier2& b) {
-    bool c = SetIfDifferent(b.srcStageMask, StripStages2(b.srcStageMask));
-    c |= SetIfDifferent(b.dstStageMask, StripStages2(b.dstStageMask));
-    c |= SetIfDifferent(b.srcAccessMask, StripAccess2(b.srcAccessMask));
-    c |= SetIfDifferent(b.dstAccessMask, StripAccess2(b.dstAccessMask));
-    return c;
-}
-
-bool FixBufferBarrier2(VkBufferMemoryBarrier2& b) {
+// The stage and access masks that every sync2 barrier kind carries.
+template <typename Barrier2>
+bool FixMasks2(Barrier2& b) {
     bool c = SetIfDifferent(b.srcStageMask, StripStages2(b.srcStageMask));
     c |= SetIfDifferent(b.dstStageMask, StripStages2(b.dstStageMask));
     c |= SetIfDifferent(b.srcAccessMask, StripAccess2(b.srcAccessMask));
@@ -122,10 +116,7 @@ bool FixBufferBarrier2(VkBufferMemoryBarrier2& b) {
 }
 
 bool FixImageBarrier2(VkImageMemoryBarrier2& b) {
-    bool c = SetIfDifferent(b.srcStageMask, StripStages2(b.srcStageMask));
-    c |= SetIfDifferent(b.dstStageMask, StripStages2(b.dstStageMask));
-    c |= SetIfDifferent(b.srcAccessMask, StripAccess2(b.srcAccessMask));
-    c |= SetIfDifferent(b.dstAccessMask, StripAccess2(b.dstAccessMask));
+    bool c = FixMasks2(b);
     c |= SetIfDifferent(b.oldLayout, StripLayout(b.oldLayout));
     c |= SetIfDifferent(b.newLayout, StripLayout(b.newLayout));
     return c;
@@ -269,7 +260,7 @@ RenderPassStrip StripRenderPass2(Arena& arena, const VkRenderPassCreateInfo2* in
             dep.pNext = CopyChain(arena, dep.pNext);
             auto* barrier = static_cast<VkMemoryBarrier2*>(
                 FindInChainMutable(const_cast<void*>(dep.pNext), VK_STRUCTURE_TYPE_MEMORY_BARRIER_2));
-            if (barrier != nullptr) changed |= FixBarrier2(*barrier);
+            if (barrier != nullptr) changed |= FixMasks2(*barrier);
         }
     }
     out->pDependencies = deps;
@@ -509,9 +500,9 @@ const VkDependencyInfo* StripDependencyInfos(Arena& arena, const VkDependencyInf
     VkDependencyInfo* out = arena.Copy(infos, count);
     for (uint32_t i = 0; i < count; ++i) {
         VkDependencyInfo& d = out[i];
-        d.pMemoryBarriers = FixArray(arena, d.pMemoryBarriers, d.memoryBarrierCount, changed, FixBarrier2);
+        d.pMemoryBarriers = FixArray(arena, d.pMemoryBarriers, d.memoryBarrierCount, changed, FixMasks2<VkMemoryBarrier2>);
         d.pBufferMemoryBarriers =
-            FixArray(arena, d.pBufferMemoryBarriers, d.bufferMemoryBarrierCount, changed, FixBufferBarrier2);
+            FixArray(arena, d.pBufferMemoryBarriers, d.bufferMemoryBarrierCount, changed, FixMasks2<VkBufferMemoryBarrier2>);
         d.pImageMemoryBarriers =
             FixArray(arena, d.pImageMemoryBarriers, d.imageMemoryBarrierCount, changed, FixImageBarrier2);
     }
