@@ -297,16 +297,8 @@ int main(int argc, char** argv) {
             vkCmdEndRenderPass(cmd);
         }
 
-        VkRenderPassBeginInfo finalBegin = {VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
-        finalBegin.renderPass = finalPass;
-        finalBegin.framebuffer = finalFramebuffers[imageIndex];
-        finalBegin.renderArea = {{0, 0}, screen};
-        vkCmdBeginRenderPass(cmd, &finalBegin, VK_SUBPASS_CONTENTS_INLINE);
-        vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, finalPipeline);
-        scene::setViewport(cmd, screen);
-        vkCmdBindDescriptorSets(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, finalLayout, 0, 1, &compositeSet.set, 0, nullptr);
-        vkCmdDraw(cmd, 3, 1, 0, 0);
-        vkCmdEndRenderPass(cmd);
+        scene::recordCompositePass(cmd, finalPass, finalFramebuffers[imageIndex], screen, finalPipeline, finalLayout,
+                                   compositeSet.set);
     };
 
     const double seconds = presenter.run(o.common.frames, recordFrame, o.common.png);

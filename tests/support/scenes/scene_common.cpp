@@ -323,6 +323,20 @@ void setViewport(VkCommandBuffer cmd, VkExtent2D extent) {
     vkCmdSetScissor(cmd, 0, 1, &scissor);
 }
 
+void recordCompositePass(VkCommandBuffer cmd, VkRenderPass pass, VkFramebuffer framebuffer, VkExtent2D extent,
+                         VkPipeline pipeline, VkPipelineLayout layout, VkDescriptorSet set) {
+    VkRenderPassBeginInfo begin = {VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
+    begin.renderPass = pass;
+    begin.framebuffer = framebuffer;
+    begin.renderArea = {{0, 0}, extent};
+    vkCmdBeginRenderPass(cmd, &begin, VK_SUBPASS_CONTENTS_INLINE);
+    vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, pipeline);
+    setViewport(cmd, extent);
+    vkCmdBindDescriptorSets(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, layout, 0, 1, &set, 0, nullptr);
+    vkCmdDraw(cmd, 3, 1, 0, 0);
+    vkCmdEndRenderPass(cmd);
+}
+
 // ---- sampled images
 
 void SamplerSet::create(VkDevice device, VkSampler sampler, const std::vector<std::vector<VkImageView>>& views) {

@@ -114,6 +114,9 @@ struct PipelineDesc {
 VkPipeline createPipeline(VkDevice device, const PipelineDesc& desc);
 VkPipelineLayout createPipelineLayout(VkDevice device, VkDescriptorSetLayout setLayout);
 void setViewport(VkCommandBuffer cmd, VkExtent2D extent);
+// The last pass of a frame: one full-screen triangle that samples `set` into the swapchain image.
+void recordCompositePass(VkCommandBuffer cmd, VkRenderPass pass, VkFramebuffer framebuffer, VkExtent2D extent,
+                         VkPipeline pipeline, VkPipelineLayout layout, VkDescriptorSet set);
 
 // ---- sampled images
 

@@ -384,16 +384,8 @@ int main(int argc, char** argv) {
         vkCmdExecuteCommands(cmd, 1, &lightSecondary);
         vkCmdEndRenderPass(cmd);
 
-        VkRenderPassBeginInfo finalBegin = {VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
-        finalBegin.renderPass = finalPass;
-        finalBegin.framebuffer = finalFramebuffers[imageIndex];
-        finalBegin.renderArea = {{0, 0}, extent};
-        vkCmdBeginRenderPass(cmd, &finalBegin, VK_SUBPASS_CONTENTS_INLINE);
-        vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, finalPipeline);
-        scene::setViewport(cmd, extent);
-        vkCmdBindDescriptorSets(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, finalLayout, 0, 1, &lightSet.set, 0, nullptr);
-        vkCmdDraw(cmd, 3, 1, 0, 0);
-        vkCmdEndRenderPass(cmd);
+        scene::recordCompositePass(cmd, finalPass, finalFramebuffers[imageIndex], extent, finalPipeline, finalLayout,
+                                   lightSet.set);
     };
 
     const double seconds = presenter.run(o.common.frames, recordFrame, o.common.png);
