@@ -91,16 +91,9 @@ void SweepStale(const std::string& dir) {
 }
 
 int Listen(const std::string& path, ino_t* inode) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(addr.sun_path)) {
-        HB_LOG(ERROR, "binder socket path too long: %s", path.c_str());
-        return -1;
-    }
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un addr;
+    const int fd = UnixSocket(path, &addr);
     if (fd < 0) {
-        HB_LOG(ERROR, "binder socket: %s", strerror(errno));
         return -1;
     }
     unlink(path.c_str());

@@ -244,18 +244,26 @@ bool PeerIsOurUser(int fd, pid_t* pid, uid_t* uid) {
     return true;
 }
 
-int Dial(const std::string& path, const Deadline& deadline, status_t* err) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(addr.sun_path)) {
+int UnixSocket(const std::string& path, sockaddr_un* addr) {
+    *addr = sockaddr_un{};
+    addr->sun_family = AF_UNIX;
+    if (path.size() >= sizeof(addr->sun_path)) {
         HB_LOG(ERROR, "binder socket path too long: %s", path.c_str());
-        *err = BAD_VALUE;
         return -1;
     }
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    memcpy(addr->sun_path, path.c_str(), path.size() + 1);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
-        *err = NO_MEMORY;
+        HB_LOG(ERROR, "binder socket: %s", strerror(errno));
+    }
+    return fd;
+}
+
+int Dial(const std::string& path, const Deadline& deadline, status_t* err) {
+    sockaddr_un addr;
+    const int fd = UnixSocket(path, &addr);
+    if (fd < 0) {
+        *err = path.size() >= sizeof(addr.sun_path) ? BAD_VALUE : NO_MEMORY;
         return -1;
     }
     for (;;) {

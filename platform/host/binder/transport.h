@@ -11,6 +11,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <chrono>
 #include <string>
@@ -83,6 +84,10 @@ status_t SendFrame(int fd, FrameHeader header, const void* data, size_t size, co
 // truncated input.
 status_t RecvFrame(int fd, FrameHeader* header, std::vector<uint8_t>* payload, const Deadline& deadline,
                    const char** why);
+
+// A non-blocking Unix stream socket with its address set to `path`; -1 (logged) when the path
+// is too long or no socket could be made.
+int UnixSocket(const std::string& path, sockaddr_un* addr);
 
 // Connects to the socket at `path` and checks that its owner runs as our user. Never blocks
 // past the deadline: a peer whose backlog is full (stopped process) gives TIMED_OUT.
