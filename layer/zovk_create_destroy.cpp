@@ -14,6 +14,7 @@
 #include "app/zovk_factory.h"
 #include "app/zovk_processor_base.h"
 #include "layer/zovk_context_manager.h"
+#include "layer/zovk_device_features.h"
 #include "layer/zovk_extension_catalog.h"
 #include "settings/zovk_log.h"
 
@@ -304,6 +305,8 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
                                                             pCreateInfo->enabledExtensionCount, toAdd);
     createInfo.enabledExtensionCount = static_cast<uint32_t>(extensions.size());
     createInfo.ppEnabledExtensionNames = extensions.data();
+    VkPhysicalDeviceFragmentShadingRateFeaturesKHR shadingRateFeatures{};
+    ChainShadingRateFeatures(*instanceRecord, physicalDevice, extensions, createInfo, shadingRateFeatures);
     ZOVK_LOGD("device served");
     for (const std::string& name : toAdd) {
         ZOVK_LOGD("device extension %s added", name.c_str());
