@@ -4,6 +4,7 @@
 
 #include "app/module/zovk_star_rail_hsre_module.h"
 #include "app/module/zovk_star_rail_processor.h"
+#include "app/module/zovk_star_rail_vrs_module.h"
 #include "app/zovk_app_data.h"
 
 #include "app/zovk_module_base.h"
@@ -105,11 +106,19 @@ void InitAntutuModuleCreateInfo(unsigned int) {}
 void InitStarRailModuleCreateInfo(unsigned int id) {
     using module::ZoVkStarRailHSREModule;
     using module::ZoVkStarRailHSREModuleData;
+    using module::ZoVkStarRailVRSModule;
+    using module::ZoVkStarRailVRSModuleData;
     if (id == ZoVkStarRailHSREModule::PROCESSOR_MODULE_TYPE) {
         gCreateModuleMap[id] = [](ZoVkProcessorBase* processor) { return new ZoVkStarRailHSREModule(processor); };
     }
     if (id == ZoVkStarRailHSREModuleData::MODULE_DATA_TYPE) {
         gCreateModuleDataMap[id] = [](const Json::Value& config) { return new ZoVkStarRailHSREModuleData(config); };
+    }
+    if (id == ZoVkStarRailVRSModule::PROCESSOR_MODULE_TYPE) {
+        gCreateModuleMap[id] = [](ZoVkProcessorBase* processor) { return new ZoVkStarRailVRSModule(processor); };
+    }
+    if (id == ZoVkStarRailVRSModuleData::MODULE_DATA_TYPE) {
+        gCreateModuleDataMap[id] = [](const Json::Value& config) { return new ZoVkStarRailVRSModuleData(config); };
     }
 }
 

@@ -195,6 +195,16 @@ void FillFunctor(Node& node, void* owner, Func func, int32_t priority) {
     node = Node{owner, func, priority, nullptr};
 }
 
+// Fills a module's node and hangs it into `chain`. A processor serving a new device has its
+// modules register again; a node still linked from before is unlinked first, since filling
+// clears its link and would cut the chain at it.
+template <typename Chain, typename Node, typename Func>
+void JoinFunctor(Chain& chain, Node& node, void* owner, Func func, int32_t priority) {
+    chain.Remove(&node);
+    FillFunctor(node, owner, func, priority);
+    chain.Insert(&node);
+}
+
 // The next layer's function for a call, from the device record of the processor.
 template <auto Slot>
 detail::PfnOf<Slot> NextLayer(ZoVkProcessorBase* processor) {

@@ -319,6 +319,7 @@ void ZoVkFixedVRSRenderpass::destroyShadingRateImage(ShadingRateImageInfo& info)
     info.imageView = VK_NULL_HANDLE;
     info.image = VK_NULL_HANDLE;
     info.memory = VK_NULL_HANDLE;
+    info.layout = VK_IMAGE_LAYOUT_UNDEFINED;
 }
 
 }  // namespace vulkan::zovk::app::module

@@ -15,6 +15,8 @@ struct ShadingRateImageInfo {
     VkImage image = VK_NULL_HANDLE;
     VkImageView imageView = VK_NULL_HANDLE;  // made on first use as a framebuffer attachment
     VkDeviceMemory memory = VK_NULL_HANDLE;
+    // The layout its owner last moved it to; uploads name the transfer layout regardless.
+    VkImageLayout layout = VK_IMAGE_LAYOUT_UNDEFINED;
     std::vector<unsigned char> data;
     uint32_t width = 0;
     uint32_t height = 0;

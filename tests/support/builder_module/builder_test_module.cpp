@@ -171,13 +171,9 @@ private:
         processor_->SetDeviceHookFunction(name, GlobalDeviceHookFunctor<Processor, Slot, Member>::Address());
     }
 
-    // Every new device registers the functors again, and only the pre chains start afresh:
-    // a node still linked in a post chain would be linked to itself.
     template <typename Chain, typename Node, typename Func>
     void Join(Chain& chain, Node& node, Func func) {
-        chain.Remove(&node);
-        FillFunctor(node, this, func, 0);
-        chain.Insert(&node);
+        JoinFunctor(chain, node, this, func, 0);
     }
 
     const ZoVkDeviceInfo* Record() const { return processor_->GetDeviceInfo(); }

@@ -1,0 +1,208 @@
+// The Star Rail VRS module's life: construction from the configuration, hook and functor
+// registration, and the release of everything it made before its device goes.
+#include "app/module/zovk_star_rail_vrs_module.h"
+
+#include <cutils/properties.h>
+
+#include "app/zovk_processor_data_base.h"
+#include "layer/zovk_records.h"
+#include "settings/zovk_log.h"
+#include "settings/zovk_settings.h"
+
+namespace vulkan::zovk::app::module {
+
+namespace {
+
+using P = ZoVkStarRailProcessor;
+using T = VkDeviceFunctionTable;
+using M = ZoVkStarRailVRSModule;
+
+template <auto Slot, auto Member>
+void Hook(P* processor, const char* name) {
+    processor->SetDeviceHookFunction(name, P::Trampoline<Slot, Member>());
+}
+
+template <typename Map>
+void Prepare(Map& map) {
+    map.max_load_factor(1.0f);
+}
+
+}  // namespace
+
+ZoVkStarRailVRSModule::ZoVkStarRailVRSModule(ZoVkProcessorBase* processor)
+    : ZoVkModuleBase(processor),
+      renderpassBuilder(std::make_unique<ZoVkFixedVRSRenderpass>(processor)),
+      processor_(static_cast<P*>(processor)) {
+    Prepare(mainPassMap);
+    Prepare(mainFramebufferPassMap);
+    Prepare(mainFramebufferMap);
+    Prepare(mainPipelineMap);
+    Prepare(lightPassMap);
+    Prepare(lightFramebufferPassMap);
+    Prepare(lightFramebufferMap);
+    Prepare(lightPipelineMap);
+    Prepare(mainPassCommandBuffers);
+    Prepare(mainSecondaryCommandBuffers);
+    Prepare(lightPassCommandBuffers);
+    Prepare(lightSecondaryCommandBuffers);
+
+    ZoVkProcessorDataBase* data = ZoVkSettings::GetInstance()->GetProcessorData();
+    // The factory builds this id's configuration as ZoVkStarRailVRSModuleData, nothing else.
+    moduleData = static_cast<ZoVkStarRailVRSModuleData*>(
+        data != nullptr ? data->GetProcessorModuleData(PROCESSOR_MODULE_TYPE) : nullptr);
+    if (moduleData == nullptr) {
+        valid = false;
+    } else if (!moduleData->valid) {
+        ZOVK_LOGW("vrs_Params is malformed: Star Rail VRS stays off");
+        moduleData = nullptr;
+        valid = false;
+    }
+    debugLog = property_get_bool("vendor.zogl.hkrpg.vrs.debug", false) != 0;
+}
+
+ZoVkStarRailVRSModule::~ZoVkStarRailVRSModule() {
+    // Normally empty by now: the device's pre-destroy step released everything.
+    ReleaseDeviceObjects();
+}
+
+void ZoVkStarRailVRSModule::RegisterModuleVkDeviceHooks() {
+    Hook<&T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>(processor_, "vkQueuePresentKHR");
+    Hook<&T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(processor_, "vkCreateGraphicsPipelines");
+    Hook<&T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
+    Hook<&T::vkCmdEndRenderPass, &P::VkCmdEndRenderPassHooked>(processor_, "vkCmdEndRenderPass");
+    Hook<&T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
+    Hook<&T::vkCreateFramebuffer, &P::VkCreateFramebufferHooked>(processor_, "vkCreateFramebuffer");
+    Hook<&T::vkCmdBindPipeline, &P::VkCmdBindPipelineHooked>(processor_, "vkCmdBindPipeline");
+    Hook<&T::vkCreateCommandPool, &P::VkCreateCommandPoolHooked>(processor_, "vkCreateCommandPool");
+    Hook<&T::vkCmdDrawIndexed, &P::VkCmdDrawIndexedHooked>(processor_, "vkCmdDrawIndexed");
+    Hook<&T::vkDestroyPipeline, &P::VkDestroyPipelineHooked>(processor_, "vkDestroyPipeline");
+    Hook<&T::vkDestroyRenderPass, &P::VkDestroyRenderPassHooked>(processor_, "vkDestroyRenderPass");
+    Hook<&T::vkDestroyFramebuffer, &P::VkDestroyFramebufferHooked>(processor_, "vkDestroyFramebuffer");
+    Hook<&T::vkCmdExecuteCommands, &P::VkCmdExecuteCommandsHooked>(processor_, "vkCmdExecuteCommands");
+    Hook<&T::vkBeginCommandBuffer, &P::VkBeginCommandBufferHooked>(processor_, "vkBeginCommandBuffer");
+    Hook<&T::vkEndCommandBuffer, &P::VkEndCommandBufferHooked>(processor_, "vkEndCommandBuffer");
+}
+
+void ZoVkStarRailVRSModule::RegisterModuleDeviceFunctors() {
+    P& p = *processor_;
+    JoinFunctor(p.queuePresent, presentNode_, this, &decltype(presentNode_)::Hooked<M, &M::PreVkQueuePresentKHR>, 0);
+    JoinFunctor(p.postCreateGraphicsPipelines, createPipelinesNode_, this,
+                &decltype(createPipelinesNode_)::Hooked<M, &M::PostVkCreateGraphicsPipelines>, 0);
+    JoinFunctor(p.cmdBeginRenderPass, beginRenderPassNode_, this,
+                &decltype(beginRenderPassNode_)::Hooked<M, &M::PreVkCmdBeginRenderPass>, 0);
+    JoinFunctor(p.cmdEndRenderPass, endRenderPassNode_, this,
+                &decltype(endRenderPassNode_)::Hooked<M, &M::PostVkCmdEndRenderPass>, 0);
+    JoinFunctor(p.postCreateRenderPass, createRenderPassNode_, this,
+                &decltype(createRenderPassNode_)::Hooked<M, &M::PostVkCreateRenderPass>, 0);
+    JoinFunctor(p.postCreateFramebuffer, createFramebufferNode_, this,
+                &decltype(createFramebufferNode_)::Hooked<M, &M::PostVkCreateFramebuffer>, 0);
+    JoinFunctor(p.cmdBindPipeline, bindPipelineNode_, this,
+                &decltype(bindPipelineNode_)::Hooked<M, &M::PreVkCmdBindPipeline>, 0);
+    JoinFunctor(p.postCreateCommandPool, createCommandPoolNode_, this,
+                &decltype(createCommandPoolNode_)::Hooked<M, &M::PostVkCreateCommandPool>, 0);
+    JoinFunctor(p.cmdDrawIndexed, drawIndexedNode_, this,
+                &decltype(drawIndexedNode_)::Hooked<M, &M::PreVkCmdDrawIndexed>, 0);
+    JoinFunctor(p.destroyPipeline, destroyPipelineNode_, this,
+                &decltype(destroyPipelineNode_)::Hooked<M, &M::PreVkDestroyPipeline>, 0);
+    JoinFunctor(p.destroyRenderPass, destroyRenderPassNode_, this,
+                &decltype(destroyRenderPassNode_)::Hooked<M, &M::PreVkDestroyRenderPass>, 0);
+    JoinFunctor(p.destroyFramebuffer, destroyFramebufferNode_, this,
+                &decltype(destroyFramebufferNode_)::Hooked<M, &M::PreVkDestroyFramebuffer>, 0);
+    JoinFunctor(p.cmdExecuteCommands, executeCommandsNode_, this,
+                &decltype(executeCommandsNode_)::Hooked<M, &M::PreVkCmdExecuteCommands>, 0);
+    JoinFunctor(p.beginCommandBuffer, beginCommandBufferNode_, this,
+                &decltype(beginCommandBufferNode_)::Hooked<M, &M::PreVkBeginCommandBuffer>, 0);
+    JoinFunctor(p.endCommandBuffer, endCommandBufferNode_, this,
+                &decltype(endCommandBufferNode_)::Hooked<M, &M::PreVkEndCommandBuffer>, 0);
+}
+
+void ZoVkStarRailVRSModule::UnregisterModuleDeviceFunctors() {
+    P& p = *processor_;
+    p.queuePresent.Remove(&presentNode_);
+    p.postCreateGraphicsPipelines.Remove(&createPipelinesNode_);
+    p.cmdBeginRenderPass.Remove(&beginRenderPassNode_);
+    p.cmdEndRenderPass.Remove(&endRenderPassNode_);
+    p.postCreateRenderPass.Remove(&createRenderPassNode_);
+    p.postCreateFramebuffer.Remove(&createFramebufferNode_);
+    p.cmdBindPipeline.Remove(&bindPipelineNode_);
+    p.postCreateCommandPool.Remove(&createCommandPoolNode_);
+    p.cmdDrawIndexed.Remove(&drawIndexedNode_);
+    p.destroyPipeline.Remove(&destroyPipelineNode_);
+    p.destroyRenderPass.Remove(&destroyRenderPassNode_);
+    p.destroyFramebuffer.Remove(&destroyFramebufferNode_);
+    p.cmdExecuteCommands.Remove(&executeCommandsNode_);
+    p.beginCommandBuffer.Remove(&beginCommandBufferNode_);
+    p.endCommandBuffer.Remove(&endCommandBufferNode_);
+}
+
+void ZoVkStarRailVRSModule::OnDeviceDestroy(VkDevice device) {
+    if (device_ == VK_NULL_HANDLE || device != device_) {
+        return;
+    }
+    ReleaseDeviceObjects();
+}
+
+void ZoVkStarRailVRSModule::ReleaseDeviceObjects() {
+    // Nothing is made before the module knows its device (see ReadTexelSize).
+    const ZoVkDeviceInfo* record = nullptr;
+    if (device_ != VK_NULL_HANDLE) {
+        record = processor_->GetDeviceInfo();
+        if (record == nullptr || record->device != device_) {
+            // The processor moved on to another device; this one's functions are out of reach.
+            ZOVK_LOGE("Star Rail VRS: objects of an earlier device cannot be released");
+            record = nullptr;
+        }
+    }
+    if (record != nullptr) {
+        const VkDevice device = record->device;
+        const auto& f = record->functions;
+        for (const SubstituteMap<VkPipeline>* map : {&mainPipelineMap, &lightPipelineMap}) {
+            for (const auto& [game, substitute] : *map) {
+                if (substitute != VK_NULL_HANDLE) f.vkDestroyPipeline(device, substitute, nullptr);
+            }
+        }
+        for (const SubstituteMap<VkFramebuffer>* map : {&mainFramebufferMap, &lightFramebufferMap}) {
+            for (const auto& [game, substitute] : *map) {
+                if (substitute != VK_NULL_HANDLE) f.vkDestroyFramebuffer(device, substitute, nullptr);
+            }
+        }
+        for (const SubstituteMap<VkRenderPass>* map :
+             {&mainPassMap, &mainFramebufferPassMap, &lightPassMap, &lightFramebufferPassMap}) {
+            for (const auto& [game, substitute] : *map) {
+                if (substitute != VK_NULL_HANDLE) f.vkDestroyRenderPass(device, substitute, nullptr);
+            }
+        }
+        for (std::vector<ShadingRateImageInfo>* images : {&mainPassImages, &lightPassImages}) {
+            for (ShadingRateImageInfo& image : *images) {
+                renderpassBuilder->destroyShadingRateImage(image);
+            }
+        }
+        for (std::vector<TemplateBuffer>& buffers : templateBuffers) {
+            DestroyTemplateBuffers(buffers);
+        }
+        renderpassBuilder->Release();
+    }
+    for (auto* map : {&mainPassMap, &mainFramebufferPassMap, &lightPassMap, &lightFramebufferPassMap}) map->clear();
+    mainFramebufferMap.clear();
+    lightFramebufferMap.clear();
+    mainPipelineMap.clear();
+    lightPipelineMap.clear();
+    lightPassSubstitute = VK_NULL_HANDLE;
+    mainPassImages.clear();
+    lightPassImages.clear();
+    templateBuffers.clear();
+    for (auto* set : {&mainPassCommandBuffers, &mainSecondaryCommandBuffers, &lightPassCommandBuffers,
+                      &lightSecondaryCommandBuffers}) {
+        set->clear();
+    }
+    lightSecondaryRecording = false;
+    coarseRateActive = false;
+    lightDrawCounter = 0;
+    curMainResIndex_ = -1;
+    // A later device starts again from its own texel size and images.
+    texelSize = MyVkExtent2D();
+    vrsFlags.store(0, std::memory_order_relaxed);
+    device_ = VK_NULL_HANDLE;
+}
+
+}  // namespace vulkan::zovk::app::module

@@ -1,0 +1,252 @@
+// Star Rail VRS: recognising the main scene pass and the light pass as the game creates them,
+// making substitutes with a shading-rate attachment beside the game's objects, and destroying
+// the substitutes with them.
+#include "app/module/zovk_star_rail_vrs_module.h"
+#include "app/module/zovk_star_rail_vrs_trace.h"
+#include "layer/zovk_records.h"
+
+namespace vulkan::zovk::app::module {
+
+namespace {
+
+using T = VkDeviceFunctionTable;
+
+bool Is(const VkAttachmentDescription& a, VkFormat format, VkAttachmentLoadOp loadOp) {
+    return a.format == format && a.loadOp == loadOp;
+}
+
+// The main pass: the two G-buffer colours first and depth-stencil last, all with `loadOp`.
+// Nothing else of the pass is compared.
+bool IsMainPass(const VkRenderPassCreateInfo& info, VkAttachmentLoadOp loadOp) {
+    const uint32_t n = info.attachmentCount;
+    return n >= 2 && info.pAttachments != nullptr && Is(info.pAttachments[0], VK_FORMAT_R8G8B8A8_SRGB, loadOp) &&
+           Is(info.pAttachments[1], VK_FORMAT_R8G8B8A8_UNORM, loadOp) &&
+           Is(info.pAttachments[n - 1], VK_FORMAT_D24_UNORM_S8_UINT, loadOp);
+}
+
+// The light pass: the lighting target and the main pass's depth-stencil.
+bool IsLightPass(const VkRenderPassCreateInfo& info, VkAttachmentLoadOp colorLoadOp, VkAttachmentLoadOp depthLoadOp) {
+    return info.attachmentCount == 2 && info.pAttachments != nullptr &&
+           Is(info.pAttachments[0], VK_FORMAT_B10G11R11_UFLOAT_PACK32, colorLoadOp) &&
+           Is(info.pAttachments[1], VK_FORMAT_D24_UNORM_S8_UINT, depthLoadOp);
+}
+
+template <typename Handle>
+Handle Lookup(const std::unordered_map<Handle, Handle>& map, Handle game) {
+    const auto it = map.find(game);
+    return it == map.end() ? VK_NULL_HANDLE : it->second;
+}
+
+// Stores `substitute` under `game`. A failed substitute is stored as null all the same: the
+// later steps read null as "no substitute". An entry left by a game handle that was reused
+// without passing the destroy hook loses its substitute first.
+template <typename Handle, typename Destroy>
+void Remember(std::unordered_map<Handle, Handle>& map, Handle game, Handle substitute, VkDevice device,
+              Destroy destroy) {
+    Handle& slot = map[game];
+    if (slot != VK_NULL_HANDLE) {
+        destroy(device, slot, nullptr);
+    }
+    slot = substitute;
+}
+
+// Destroys the substitute of `game` in `map`, if the map has the game's handle.
+template <typename Handle, typename Destroy>
+bool Forget(std::unordered_map<Handle, Handle>& map, Handle game, VkDevice device, Destroy destroy) {
+    const auto it = map.find(game);
+    if (it == map.end()) {
+        return false;
+    }
+    if (it->second != VK_NULL_HANDLE) {
+        destroy(device, it->second, nullptr);
+    }
+    map.erase(it);
+    return true;
+}
+
+}  // namespace
+
+void ZoVkStarRailVRSModule::ReadTexelSize() {
+    const ZoVkInstanceInfo* instance = processor_->GetInstanceInfo();
+    const ZoVkDeviceInfo* device = processor_->GetDeviceInfo();
+    PFN_vkGetPhysicalDeviceProperties2 properties2 = nullptr;
+    if (instance != nullptr) {
+        properties2 = instance->functions.vkGetPhysicalDeviceProperties2 != nullptr
+                          ? instance->functions.vkGetPhysicalDeviceProperties2
+                          : instance->functions.vkGetPhysicalDeviceProperties2KHR;
+    }
+    if (device == nullptr || device->physicalDevice == VK_NULL_HANDLE || properties2 == nullptr) {
+        texelSize = MyVkExtent2D();
+        return;
+    }
+    VkPhysicalDeviceFragmentShadingRatePropertiesKHR rate{};
+    rate.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_SHADING_RATE_PROPERTIES_KHR;
+    VkPhysicalDeviceProperties2 properties{};
+    properties.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PROPERTIES_2;
+    properties.pNext = &rate;
+    properties2(device->physicalDevice, &properties);
+    texelSize = rate.maxFragmentShadingRateAttachmentTexelSize;
+    if (texelSize.width == 0 || texelSize.height == 0) {
+        ZOVK_VRS_TRACE(debugLog, "shading-rate attachment texel size %ux%u: no substitution yet", texelSize.width,
+                       texelSize.height);
+        return;
+    }
+    device_ = device->device;
+    SetFlags(kTexelSizeKnown);
+    ZOVK_LOGD("Star Rail VRS: shading-rate texel size %ux%u", texelSize.width, texelSize.height);
+}
+
+void ZoVkStarRailVRSModule::PostVkCreateRenderPass(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
+                                                   const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass,
+                                                   VkResult result) {
+    if ((Flags() & kTexelSizeKnown) == 0) {
+        ReadTexelSize();
+    }
+    if ((Flags() & kTexelSizeKnown) != 0 && result == VK_SUCCESS && pCreateInfo != nullptr &&
+        pRenderPass != nullptr && *pRenderPass != VK_NULL_HANDLE) {
+        const VkRenderPassCreateInfo& info = *pCreateInfo;
+        const VkRenderPass game = *pRenderPass;
+        const auto destroy = NextLayer<&T::vkDestroyRenderPass>(processor_);
+        auto substitute = [&] { return renderpassBuilder->createShadingRateRenderpass(info, texelSize); };
+        if (info.attachmentCount == static_cast<uint32_t>(moduleData->mainPassAttachmentCount)) {
+            if (IsMainPass(info, VK_ATTACHMENT_LOAD_OP_CLEAR)) {
+                const VkRenderPass made = substitute();
+                Remember(mainPassMap, game, made, device_, destroy);
+                ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass111, create main pass: %llu---->%llu",
+                               HandleNumber(game), HandleNumber(made));
+            } else if (IsMainPass(info, VK_ATTACHMENT_LOAD_OP_DONT_CARE)) {
+                const VkRenderPass made = substitute();
+                Remember(mainFramebufferPassMap, game, made, device_, destroy);
+                ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass222, create main pass for fbo: %llu-----> %llu",
+                               HandleNumber(game), HandleNumber(made));
+            }
+        } else if (info.attachmentCount == 2) {
+            if (IsLightPass(info, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_ATTACHMENT_LOAD_OP_LOAD)) {
+                const VkRenderPass made = substitute();
+                Remember(lightPassMap, game, made, device_, destroy);
+                lightPassSubstitute = made;
+                ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass111, create light pass: %llu---->%llu",
+                               HandleNumber(game), HandleNumber(made));
+            } else if (IsLightPass(info, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_ATTACHMENT_LOAD_OP_DONT_CARE)) {
+                const VkRenderPass made = substitute();
+                Remember(lightFramebufferPassMap, game, made, device_, destroy);
+                ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass222, create light pass for fbo: %llu---->%llu",
+                               HandleNumber(game), HandleNumber(made));
+            }
+        }
+    }
+    createRenderPassNode_.next->Call(device, pCreateInfo, pAllocator, pRenderPass, result);
+}
+
+void ZoVkStarRailVRSModule::PostVkCreateFramebuffer(VkDevice device, const VkFramebufferCreateInfo* pCreateInfo,
+                                                    const VkAllocationCallbacks* pAllocator,
+                                                    VkFramebuffer* pFramebuffer, VkResult result) {
+    if ((Flags() & (kTexelSizeKnown | kImagesReady)) == kTexelSizeKnown && initShadingRateImages()) {
+        SetFlags(kImagesReady);
+    }
+    const int32_t index = pCreateInfo != nullptr ? ResolutionIndex(pCreateInfo->width, pCreateInfo->height) : -1;
+    if ((Flags() & (kTexelSizeKnown | kImagesReady)) == (kTexelSizeKnown | kImagesReady) && result == VK_SUCCESS &&
+        pFramebuffer != nullptr && *pFramebuffer != VK_NULL_HANDLE && index >= 0 &&
+        static_cast<size_t>(index) < mainPassImages.size()) {
+        const VkFramebufferCreateInfo& info = *pCreateInfo;
+        const VkFramebuffer game = *pFramebuffer;
+        // The clear variant of the pass wins; the game may create its framebuffers on either.
+        auto substitute = [&](const SubstituteMap<VkRenderPass>& clearPasses,
+                              const SubstituteMap<VkRenderPass>& framebufferPasses, ShadingRateImageInfo& image,
+                              SubstituteMap<VkFramebuffer>& framebuffers, const char* clearLine,
+                              const char* framebufferLine) {
+            VkRenderPass pass = Lookup(clearPasses, info.renderPass);
+            const char* line = clearLine;
+            if (pass == VK_NULL_HANDLE) {
+                pass = Lookup(framebufferPasses, info.renderPass);
+                line = framebufferLine;
+            }
+            if (pass == VK_NULL_HANDLE) {
+                return;
+            }
+            const VkFramebuffer made = renderpassBuilder->createVRSFramebuffer(pass, info, image);
+            Remember(framebuffers, game, made, device_, NextLayer<&T::vkDestroyFramebuffer>(processor_));
+            ZOVK_VRS_TRACE(debugLog, line, HandleNumber(game), HandleNumber(made), info.width, info.height);
+        };
+        if (info.attachmentCount == static_cast<uint32_t>(moduleData->mainPassAttachmentCount)) {
+            substitute(mainPassMap, mainFramebufferPassMap, mainPassImages[index], mainFramebufferMap,
+                       "PostVkCreateFramebuffer 111, old new main framebuffer: %llu---->%llu, wh: %dx%d",
+                       "PostVkCreateFramebuffer 222, old new main framebuffer: %llu---->%llu, wh: %dx%d");
+        } else if (info.attachmentCount == 2) {
+            substitute(lightPassMap, lightFramebufferPassMap, lightPassImages[index], lightFramebufferMap,
+                       "PostVkCreateFramebuffer 111, old new light framebuffer: %llu---->%llu, wh: %dx%d",
+                       "PostVkCreateFramebuffer 222, old new light framebuffer: %llu---->%llu, wh: %dx%d");
+        }
+    }
+    createFramebufferNode_.next->Call(device, pCreateInfo, pAllocator, pFramebuffer, result);
+}
+
+void ZoVkStarRailVRSModule::PostVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache pipelineCache,
+                                                          uint32_t createInfoCount,
+                                                          const VkGraphicsPipelineCreateInfo* pCreateInfos,
+                                                          const VkAllocationCallbacks* pAllocator,
+                                                          VkPipeline* pPipelines, VkResult result) {
+    const auto destroy = NextLayer<&T::vkDestroyPipeline>(processor_);
+    for (uint32_t i = 0; pCreateInfos != nullptr && pPipelines != nullptr && i < createInfoCount; ++i) {
+        const VkPipeline game = pPipelines[i];
+        if (game == VK_NULL_HANDLE) {
+            continue;  // not made (a failed or deferred create)
+        }
+        // Only the framebuffer variants of the passes name pipelines. The substitute gets no
+        // allocator: the module destroys it without one.
+        if (const VkRenderPass pass = Lookup(mainFramebufferPassMap, pCreateInfos[i].renderPass)) {
+            const VkPipeline made =
+                renderpassBuilder->createVRSPipelineCreateInfo(pipelineCache, nullptr, pCreateInfos[i], pass);
+            Remember(mainPipelineMap, game, made, device_, destroy);
+            ZOVK_VRS_TRACE(debugLog, "PostVkCreateGraphicsPipelines, main pipeline: %llu ----> %llu",
+                           HandleNumber(game), HandleNumber(made));
+        } else if (const VkRenderPass lightPass = Lookup(lightFramebufferPassMap, pCreateInfos[i].renderPass)) {
+            const VkPipeline made =
+                renderpassBuilder->createVRSPipelineCreateInfo(pipelineCache, nullptr, pCreateInfos[i], lightPass);
+            Remember(lightPipelineMap, game, made, device_, destroy);
+            ZOVK_VRS_TRACE(debugLog, "PostVkCreateGraphicsPipelines, light pipeline: %llu ----> %llu",
+                           HandleNumber(game), HandleNumber(made));
+        }
+    }
+    createPipelinesNode_.next->Call(device, pipelineCache, createInfoCount, pCreateInfos, pAllocator, pPipelines,
+                                    result);
+}
+
+void ZoVkStarRailVRSModule::PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline,
+                                                 const VkAllocationCallbacks* pAllocator) {
+    if (pipeline != VK_NULL_HANDLE) {
+        const auto destroy = NextLayer<&T::vkDestroyPipeline>(processor_);
+        Forget(mainPipelineMap, pipeline, device, destroy);
+        Forget(lightPipelineMap, pipeline, device, destroy);
+    }
+    destroyPipelineNode_.next->Call(device, pipeline, pAllocator);
+}
+
+void ZoVkStarRailVRSModule::PreVkDestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer,
+                                                    const VkAllocationCallbacks* pAllocator) {
+    if (framebuffer != VK_NULL_HANDLE) {
+        const auto destroy = NextLayer<&T::vkDestroyFramebuffer>(processor_);
+        Forget(mainFramebufferMap, framebuffer, device, destroy);
+        Forget(lightFramebufferMap, framebuffer, device, destroy);
+    }
+    destroyFramebufferNode_.next->Call(device, framebuffer, pAllocator);
+}
+
+void ZoVkStarRailVRSModule::PreVkDestroyRenderPass(VkDevice device, VkRenderPass renderPass,
+                                                   const VkAllocationCallbacks* pAllocator) {
+    if (renderPass != VK_NULL_HANDLE) {
+        const auto destroy = NextLayer<&T::vkDestroyRenderPass>(processor_);
+        if (Lookup(lightPassMap, renderPass) == lightPassSubstitute) {
+            lightPassSubstitute = VK_NULL_HANDLE;
+        }
+        if (!Forget(mainPassMap, renderPass, device, destroy)) {
+            Forget(lightPassMap, renderPass, device, destroy);
+        }
+        if (!Forget(mainFramebufferPassMap, renderPass, device, destroy)) {
+            Forget(lightFramebufferPassMap, renderPass, device, destroy);
+        }
+    }
+    destroyRenderPassNode_.next->Call(device, renderPass, pAllocator);
+}
+
+}  // namespace vulkan::zovk::app::module

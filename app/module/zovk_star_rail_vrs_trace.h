@@ -1,0 +1,31 @@
+#pragma once
+
+// The Star Rail VRS module's trace lines: debug priority, written only while the module's
+// "vendor.zogl.hkrpg.vrs.debug" property is on, whatever the layer's own debug switch says.
+
+#include <android/log.h>
+
+#include <cstdint>
+#include <type_traits>
+
+#include "settings/zovk_log.h"
+
+#define ZOVK_VRS_TRACE(enabled, ...)                                              \
+    do {                                                                          \
+        if (enabled) __android_log_print(ANDROID_LOG_DEBUG, ZOVK_LOG_TAG, __VA_ARGS__); \
+    } while (0)
+
+namespace vulkan::zovk::app::module {
+
+// A handle as the number the trace lines print (%llu): pointers on 64-bit builds, integers
+// on 32-bit ones.
+template <typename Handle>
+unsigned long long HandleNumber(Handle handle) {
+    if constexpr (std::is_pointer_v<Handle>) {
+        return static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(handle));
+    } else {
+        return static_cast<unsigned long long>(handle);
+    }
+}
+
+}  // namespace vulkan::zovk::app::module
