@@ -66,6 +66,7 @@ bool ZoVkStarRailVRSModule::initShadingRateImages() {
     for (size_t i = 0; i < count; ++i) {
         const MyVkExtent2D size = shadingRateImageSize(moduleData->resolutions[i], texelSize);
         for (ShadingRateImageInfo* image : {&mainPassImages[i], &lightPassImages[i]}) {
+            const char* pass = image == &mainPassImages[i] ? "main" : "light";
             image->width = size.width;
             image->height = size.height;
             if (image->image == VK_NULL_HANDLE) {
@@ -74,9 +75,9 @@ bool ZoVkStarRailVRSModule::initShadingRateImages() {
                     VK_IMAGE_USAGE_TRANSFER_DST_BIT | VK_IMAGE_USAGE_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR,
                     VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT, image->memory);
                 image->layout = VK_IMAGE_LAYOUT_UNDEFINED;
-                ZOVK_LOGD("Star Rail VRS: shading-rate image %ux%u (%u bytes) for %ux%u", size.width, size.height,
-                          size.width * size.height, moduleData->resolutions[i].width,
-                          moduleData->resolutions[i].height);
+                ZOVK_LOGD("Star Rail VRS: %s pass shading-rate image %llu, %ux%u (%u bytes), for %ux%u", pass,
+                          HandleNumber(image->image), size.width, size.height, size.width * size.height,
+                          moduleData->resolutions[i].width, moduleData->resolutions[i].height);
             }
         }
         if (!initShadingRateImageTemplates(static_cast<int32_t>(i), size.width, size.height)) {
@@ -159,6 +160,9 @@ VkResult ZoVkStarRailVRSModule::PreVkQueuePresentKHR(VkQueue queue, const VkPres
         }
         SetFlags(kLevelOn);
     }
+    // What the frame that ends here recorded, for the run report.
+    ZOVK_VRS_TRACE(debugLog, "Star Rail VRS present %llu: sceneId %d, level %d, vrsFlags 0x%x",
+                   static_cast<unsigned long long>(frameCounter), sceneId, level, Flags());
     if (frameCounter % kReportEvery == 0) {
         const uint32_t flags = Flags();
         const uint32_t rates = kMainRateSet | kLightRateSet | kFullRateDrawSwitched;
