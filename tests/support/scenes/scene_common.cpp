@@ -455,12 +455,16 @@ double Presenter::run(uint32_t frames, const RecordFrame& record, const std::str
         submit.pSignalSemaphores = &rendered_[imageIndex];
         VKH_CHECK(vkQueueSubmit(ctx_.queue, 1, &submit, fence_));
 
-        if (frame + 1 == frames && !png.empty()) {
+        // A name with "%d" gets every frame, numbered from 1; any other name the last one.
+        const bool everyFrame = png.find("%d") != std::string::npos;
+        if (!png.empty() && (everyFrame || frame + 1 == frames)) {
             // The image is still ours until it is presented: read it back first.
             VKH_CHECK(vkWaitForFences(ctx_.device, 1, &fence_, VK_TRUE, UINT64_MAX));
             const std::vector<uint8_t> rgba = ctx_.readImageRGBA(swapchain.images[imageIndex], swapchain.format,
                                                                  swapchain.extent, VK_IMAGE_LAYOUT_PRESENT_SRC_KHR);
-            vkh::writePng(png, swapchain.extent.width, swapchain.extent.height, rgba);
+            std::string name = png;
+            if (everyFrame) name.replace(name.find("%d"), 2, std::to_string(frame + 1));
+            vkh::writePng(name, swapchain.extent.width, swapchain.extent.height, rgba);
         }
 
         VkPresentInfoKHR present = {VK_STRUCTURE_TYPE_PRESENT_INFO_KHR};

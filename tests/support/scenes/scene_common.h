@@ -143,7 +143,8 @@ public:
     ~Presenter();
 
     using RecordFrame = std::function<void(VkCommandBuffer cmd, uint32_t imageIndex, uint32_t frame)>;
-    // Runs `frames` frames; writes the last one to `png` when it is not empty. Returns seconds.
+    // Runs `frames` frames; writes the last one to `png` when it is not empty, every one when
+    // `png` holds "%d" (replaced by the frame number from 1). Returns seconds.
     double run(uint32_t frames, const RecordFrame& record, const std::string& png);
 
     vkh::Swapchain swapchain;
