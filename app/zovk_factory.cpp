@@ -2,6 +2,9 @@
 
 #include <unordered_set>
 
+#include "app/module/zovk_antutu_processor.h"
+#include "app/module/zovk_antutu_vrs_module.h"
+#include "app/module/zovk_antutu_vrs_module_data.h"
 #include "app/module/zovk_star_rail_hsre_module.h"
 #include "app/module/zovk_star_rail_processor.h"
 #include "app/module/zovk_star_rail_vrs_module.h"
@@ -74,6 +77,7 @@ void InitProcessorCreateInfo() {
         case ZOVK_APPLICATION_NONE:
             return;
         case ZOVK_APPLICATION_ANTUTU:
+            gCreateProcessorFunc = MakeProcessor<ZoVkAntutuProcessor>;
             gModuleCreateInfoFunc = InitAntutuModuleCreateInfo;
             return;
         case ZOVK_APPLICATION_STAR_RAIL:
@@ -100,8 +104,16 @@ void InitModuleCreateInfo(unsigned int id) {
     }
 }
 
-// Module creators are entered here as the application's module classes exist.
-void InitAntutuModuleCreateInfo(unsigned int) {}
+void InitAntutuModuleCreateInfo(unsigned int id) {
+    using module::ZoVkAntutuVRSModule;
+    using module::ZoVkAntutuVRSModuleData;
+    if (id != 0 && id == ZoVkAntutuVRSModule::PROCESSOR_MODULE_TYPE) {
+        gCreateModuleMap[id] = [](ZoVkProcessorBase* processor) { return new ZoVkAntutuVRSModule(processor); };
+    }
+    if (id != 0 && id == ZoVkAntutuVRSModuleData::MODULE_DATA_TYPE) {
+        gCreateModuleDataMap[id] = [](const Json::Value& config) { return new ZoVkAntutuVRSModuleData(config); };
+    }
+}
 
 void InitStarRailModuleCreateInfo(unsigned int id) {
     using module::ZoVkStarRailHSREModule;

@@ -1,0 +1,259 @@
+#include "app/module/zovk_antutu_vrs_module.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "app/zovk_processor_data_base.h"
+#include "settings/zovk_app_info_monitor.h"
+#include "settings/zovk_log.h"
+#include "settings/zovk_settings.h"
+
+namespace vulkan::zovk::app::module {
+
+namespace {
+
+bool IsSingleAttachmentFormat(VkFormat format) {
+    return format == VK_FORMAT_R8G8B8A8_UNORM || format == VK_FORMAT_D24_UNORM_S8_UINT ||
+           format == VK_FORMAT_D16_UNORM;
+}
+
+// The step machine, walking the benchmark's sequence of pass kinds. At each step, in this
+// order: a pass of the stay kind keeps the step, one of the advance kind moves to the next
+// step, and any other pass that is not single-attachment gets the other size. Sizes index
+// the six configured sizes; a kind of 0 or a size of -1 is no rule.
+struct StepRule {
+    char stayKind;
+    int staySize;
+    char advanceKind;
+    int advanceSize;
+    int otherSize;
+};
+constexpr StepRule kStepRules[] = {
+    {0, -1, 'B', 0, -1},   // 0: the first clear-colour pass
+    {'B', 0, 'C', 1, -1},  // 1: clear colour until the first half-float pass
+    {'C', 1, 'B', 2, 4},   // 2: half float until clear colour comes back
+    {'B', 2, 'C', 3, 4},   // 3: clear colour until half float comes back
+    {'C', 3, 0, -1, 5},    // 4: the last step, kept for the rest of the process
+};
+
+// Every registration starts from a clean node: a processor serving a second device registers
+// again, and its post chain still holds the node from the first.
+template <typename Chain, typename Node, typename Func>
+void Join(Chain& chain, Node& node, void* owner, Func func, int32_t priority) {
+    chain.Remove(&node);
+    FillFunctor(node, owner, func, priority);
+    chain.Insert(&node);
+}
+
+}  // namespace
+
+ZoVkAntutuVRSModule::ZoVkAntutuVRSModule(ZoVkProcessorBase* processor)
+    : ZoVkModuleBase(processor), processor_(static_cast<ZoVkAntutuProcessor*>(processor)), config_(Json::Value()) {
+    const ZoVkProcessorDataBase* data = ZoVkSettings::GetInstance()->GetProcessorData();
+    ZoVkModuleDataBase* moduleData = data != nullptr ? data->GetProcessorModuleData(PROCESSOR_MODULE_TYPE) : nullptr;
+    if (moduleData == nullptr) {
+        valid = false;
+    } else {
+        config_ = *static_cast<ZoVkAntutuVRSModuleData*>(moduleData);
+    }
+    for (size_t i = 0; i < ZoVkAntutuVRSModuleData::kRateCodeCount; ++i) {
+        fragmentSizes_[i] = GetFramentSizeFromIntConfig(config_.rateCodes[i]);
+    }
+}
+
+VkExtent2D ZoVkAntutuVRSModule::GetFramentSizeFromIntConfig(int code) {
+    switch (code) {
+        case 3:
+            return {1, 2};
+        case 4:
+            return {2, 1};
+        case 5:
+            return {2, 2};
+        case 6:
+            return {2, 4};
+        case 9:
+            return {4, 2};
+        case 10:
+            return {4, 4};
+        default:
+            return {1, 1};
+    }
+}
+
+void ZoVkAntutuVRSModule::RegisterModuleVkDeviceHooks() {
+    using P = ZoVkAntutuProcessor;
+    processor_->SetDeviceHookFunction(
+        "vkCreateGraphicsPipelines",
+        GlobalDeviceHookFunctor<P, &T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>::Address());
+    processor_->SetDeviceHookFunction(
+        "vkCmdBeginRenderPass",
+        GlobalDeviceHookFunctor<P, &T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>::Address());
+    processor_->SetDeviceHookFunction(
+        "vkCreateRenderPass",
+        GlobalDeviceHookFunctor<P, &T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>::Address());
+    processor_->SetDeviceHookFunction(
+        "vkQueuePresentKHR", GlobalDeviceHookFunctor<P, &T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>::Address());
+}
+
+void ZoVkAntutuVRSModule::RegisterModuleDeviceFunctors() {
+    using M = ZoVkAntutuVRSModule;
+    Join(processor_->createGraphicsPipelines, pipelinesNode_, this,
+         &decltype(pipelinesNode_)::Hooked<M, &M::PreVkCreateGraphicsPipelines>, 1000);
+    Join(processor_->cmdBeginRenderPass, beginNode_, this, &decltype(beginNode_)::Hooked<M, &M::PreVkCmdBeginRenderPass>,
+         0);
+    Join(processor_->postCreateRenderPass, createPassNode_, this,
+         &decltype(createPassNode_)::Hooked<M, &M::PostVkCreateRenderPass>, 0);
+    Join(processor_->queuePresent, presentNode_, this, &decltype(presentNode_)::Hooked<M, &M::PreVkQueuePresentKHR>, 0);
+}
+
+void ZoVkAntutuVRSModule::UnregisterModuleDeviceFunctors() {
+    processor_->createGraphicsPipelines.Remove(&pipelinesNode_);
+    processor_->cmdBeginRenderPass.Remove(&beginNode_);
+    processor_->postCreateRenderPass.Remove(&createPassNode_);
+    processor_->queuePresent.Remove(&presentNode_);
+}
+
+void ZoVkAntutuVRSModule::OnDeviceDestroy(VkDevice device) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (PassSet* set : {&singleAttachmentPasses_, &clearColorPasses_, &halfFloatPasses_}) {
+        for (auto it = set->begin(); it != set->end();) {
+            it = it->second == device ? set->erase(it) : std::next(it);
+        }
+    }
+}
+
+VkResult ZoVkAntutuVRSModule::PreVkQueuePresentKHR(VkQueue queue, const VkPresentInfoKHR* pPresentInfo) {
+    const uint64_t presents = presentCount_.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (presents % kSamplingPeriod == 0) {
+        const bool enabled = android::ZoVkAppInfoMonitor::GetInstance()->IsVrsEnable();
+        vrsEnabled_.store(enabled, std::memory_order_relaxed);
+        ZOVK_LOGD("vxxk vflag: %d", enabled ? 1 : 0);
+    }
+    return presentNode_.next->Call(queue, pPresentInfo);
+}
+
+VkResult ZoVkAntutuVRSModule::PreVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache pipelineCache,
+                                                           uint32_t createInfoCount,
+                                                           const VkGraphicsPipelineCreateInfo* pCreateInfos,
+                                                           const VkAllocationCallbacks* pAllocator,
+                                                           VkPipeline* pPipelines) {
+    if (createInfoCount == 0 || pCreateInfos == nullptr) {
+        return pipelinesNode_.next->Call(device, pipelineCache, createInfoCount, pCreateInfos, pAllocator, pPipelines);
+    }
+    // The application's structures are const: the extended lists go into copies that live
+    // until the next layer has returned.
+    std::vector<VkGraphicsPipelineCreateInfo> infos(pCreateInfos, pCreateInfos + createInfoCount);
+    std::vector<VkPipelineDynamicStateCreateInfo> blocks(createInfoCount);
+    std::vector<std::vector<VkDynamicState>> states(createInfoCount);
+    for (uint32_t i = 0; i < createInfoCount; ++i) {
+        const VkPipelineDynamicStateCreateInfo* block = pCreateInfos[i].pDynamicState;
+        if (block == nullptr) {
+            continue;
+        }
+        std::vector<VkDynamicState>& list = states[i];
+        if (block->pDynamicStates != nullptr) {
+            list.assign(block->pDynamicStates, block->pDynamicStates + block->dynamicStateCount);
+        }
+        if (std::find(list.begin(), list.end(), VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR) == list.end()) {
+            list.push_back(VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR);
+        }
+        blocks[i] = *block;
+        blocks[i].dynamicStateCount = static_cast<uint32_t>(list.size());
+        blocks[i].pDynamicStates = list.data();
+        infos[i].pDynamicState = &blocks[i];
+    }
+    return pipelinesNode_.next->Call(device, pipelineCache, createInfoCount, infos.data(), pAllocator, pPipelines);
+}
+
+void ZoVkAntutuVRSModule::PostVkCreateRenderPass(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
+                                                 const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass,
+                                                 VkResult result) {
+    if (pCreateInfo != nullptr && result == VK_SUCCESS && pRenderPass != nullptr) {
+        Classify(device, *pCreateInfo, *pRenderPass);
+    }
+    createPassNode_.next->Call(device, pCreateInfo, pAllocator, pRenderPass, result);
+}
+
+void ZoVkAntutuVRSModule::Classify(VkDevice device, const VkRenderPassCreateInfo& info, VkRenderPass pass) {
+    const VkAttachmentDescription* attachments = info.pAttachments;
+    if (attachments == nullptr) {
+        return;
+    }
+    PassSet* set = nullptr;
+    char kind = 'O';
+    if (info.attachmentCount == 1 && IsSingleAttachmentFormat(attachments[0].format)) {
+        set = &singleAttachmentPasses_;
+        kind = 'A';
+    } else if (info.attachmentCount == 2 && depthFormats_.count(attachments[1].format) != 0) {
+        if (attachments[0].loadOp == VK_ATTACHMENT_LOAD_OP_CLEAR && attachments[1].loadOp == VK_ATTACHMENT_LOAD_OP_LOAD &&
+            clearColorFormats_.count(attachments[0].format) != 0) {
+            set = &clearColorPasses_;
+            kind = 'B';
+        } else if (halfFloatFormats_.count(attachments[0].format) != 0) {
+            set = &halfFloatPasses_;
+            kind = 'C';
+        }
+    }
+    if (set == nullptr) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        (*set)[pass] = device;
+    }
+    ZOVK_LOGD("vxxk c: %p %c", reinterpret_cast<void*>(pass), kind);
+}
+
+void ZoVkAntutuVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer,
+                                                  const VkRenderPassBeginInfo* pRenderPassBegin,
+                                                  VkSubpassContents contents) {
+    if (vrsEnabled_.load(std::memory_order_relaxed) && pRenderPassBegin != nullptr &&
+        config_.InRange(pRenderPassBegin->renderArea.extent.width, pRenderPassBegin->renderArea.extent.height)) {
+        SetRate(commandBuffer, *pRenderPassBegin);
+    }
+    beginNode_.next->Call(commandBuffer, pRenderPassBegin, contents);
+}
+
+void ZoVkAntutuVRSModule::SetRate(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo& begin) {
+    const PFN_vkCmdSetFragmentShadingRateKHR setRate = NextLayer<&T::vkCmdSetFragmentShadingRateKHR>(processor_);
+    if (setRate == nullptr) {
+        return;
+    }
+    VkExtent2D size{1, 1};
+    int step = 0;
+    bool stepChanged = false;
+    char kind = 'O';
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const bool inA = singleAttachmentPasses_.count(begin.renderPass) != 0;
+        const bool inB = clearColorPasses_.count(begin.renderPass) != 0;
+        const bool inC = halfFloatPasses_.count(begin.renderPass) != 0;
+        kind = inB ? 'B' : inC ? 'C' : inA ? 'A' : 'O';
+        const auto in = [&](char set) { return (set == 'B' && inB) || (set == 'C' && inC); };
+        const StepRule& rule = kStepRules[passStep_];
+        // The first rule that matches wins; a pass that matches none keeps 1x1.
+        step = passStep_;
+        if (in(rule.stayKind)) {
+            size = fragmentSizes_[rule.staySize];
+        } else if (in(rule.advanceKind)) {
+            size = fragmentSizes_[rule.advanceSize];
+            step = passStep_ + 1;
+        } else if (rule.otherSize >= 0 && !inA) {
+            size = fragmentSizes_[rule.otherSize];
+        }
+        stepChanged = step != passStep_;
+        passStep_ = step;
+    }
+    const VkExtent2D& area = begin.renderArea.extent;
+    if (stepChanged) {
+        // The extents are written disguised on purpose; unsigned arithmetic cannot overflow.
+        ZOVK_LOGD("vxxk s: px%dx%px%dx%d", step, static_cast<const void*>(&begin),
+                  static_cast<int>(area.width * 32u - 23u), static_cast<int>(area.height * 23u + 32u));
+    }
+    ZOVK_LOGD("vxxk r: %llu %c %ux%u %d",
+              static_cast<unsigned long long>(presentCount_.load(std::memory_order_relaxed) + 1), kind, size.width,
+              size.height, step);
+    setRate(commandBuffer, &size, combinerOps_);
+}
+
+}  // namespace vulkan::zovk::app::module

@@ -1,0 +1,387 @@
+// The AnTuTu processor and VRS module on a recording next layer: the configuration, the pass
+// classes, the step machine, the sampling of the VRS switch and the pipeline copies.
+#include <gtest/gtest.h>
+
+#include <json/value.h>
+
+#include <array>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/module/zovk_antutu_processor.h"
+#include "app/module/zovk_antutu_vrs_module.h"
+#include "app/module/zovk_antutu_vrs_module_data.h"
+#include "app/zovk_app_data.h"
+#include "app/zovk_factory.h"
+#include "layer/zovk_records.h"
+#include "settings/zovk_app_info_monitor.h"
+#include "settings/zovk_settings.h"
+#include "tests/unit/binder/binder_test_support.h"
+
+using namespace vulkan::zovk;
+using namespace vulkan::zovk::app;
+using module::ZoVkAntutuVRSModule;
+using module::ZoVkAntutuVRSModuleData;
+
+namespace {
+
+constexpr char kPackage[] = "com.antutu.benchmark.full:ue";
+// Codes 3 4 5 6 9 10: every step has a size of its own (1x2 2x1 2x2 2x4 4x2 4x4).
+constexpr char kSizeRange[] = "2000;3500;1000;2000;3;4;5;6;9;10";
+
+Json::Value SizeRange(const std::string& value) {
+    Json::Value config(Json::objectValue);
+    config["vrs_SizeRange"] = value;
+    return config;
+}
+
+std::string Size(const VkExtent2D& e) { return std::to_string(e.width) + "x" + std::to_string(e.height); }
+
+// ---- the next layer -------------------------------------------------------------------------
+
+struct Next {
+    std::vector<std::string> calls;
+    VkResult createPassResult = VK_SUCCESS;
+    uintptr_t lastPass = 0x100;
+    VkResult pipelinesResult = VK_SUCCESS;
+    uint32_t pipelineCount = 0;
+    const VkGraphicsPipelineCreateInfo* pipelineInfos = nullptr;
+    std::vector<uint32_t> subpasses;
+    std::vector<const VkPipelineDynamicStateCreateInfo*> blocks;
+    std::vector<std::vector<VkDynamicState>> states;
+};
+Next* gNext;
+
+VkResult VKAPI_CALL CreateRenderPass(VkDevice, const VkRenderPassCreateInfo*, const VkAllocationCallbacks*,
+                                     VkRenderPass* pass) {
+    // A handle even on failure: the module must go by the result.
+    *pass = reinterpret_cast<VkRenderPass>(++gNext->lastPass);
+    return gNext->createPassResult;
+}
+void VKAPI_CALL CmdBeginRenderPass(VkCommandBuffer, const VkRenderPassBeginInfo*, VkSubpassContents) {
+    gNext->calls.push_back("begin");
+}
+void VKAPI_CALL CmdSetFragmentShadingRateKHR(VkCommandBuffer, const VkExtent2D* size,
+                                             const VkFragmentShadingRateCombinerOpKHR ops[2]) {
+    EXPECT_EQ(ops[0], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
+    EXPECT_EQ(ops[1], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
+    gNext->calls.push_back(Size(*size));
+}
+VkResult VKAPI_CALL QueuePresent(VkQueue, const VkPresentInfoKHR*) { return VK_SUBOPTIMAL_KHR; }
+VkResult VKAPI_CALL CreateGraphicsPipelines(VkDevice, VkPipelineCache, uint32_t count,
+                                            const VkGraphicsPipelineCreateInfo* infos, const VkAllocationCallbacks*,
+                                            VkPipeline*) {
+    gNext->pipelineCount = count;
+    gNext->pipelineInfos = infos;
+    for (uint32_t i = 0; infos != nullptr && i < count; ++i) {
+        const VkPipelineDynamicStateCreateInfo* block = infos[i].pDynamicState;
+        gNext->subpasses.push_back(infos[i].subpass);
+        gNext->blocks.push_back(block);
+        gNext->states.emplace_back();
+        if (block != nullptr && block->pDynamicStates != nullptr) {
+            gNext->states.back().assign(block->pDynamicStates, block->pDynamicStates + block->dynamicStateCount);
+        }
+    }
+    return gNext->pipelinesResult;
+}
+
+// ---- a served AnTuTu device --------------------------------------------------------------------
+
+// The AnTuTu process with the configuration `sizeRange` accepted, its processor made by the
+// factory and given a device whose next layer is the recording one above.
+class AntutuVrsTest : public ::testing::Test {
+protected:
+    void SetUp() override { Serve(kSizeRange); }
+    void TearDown() override {
+        if (processor_ != nullptr) {
+            processor_->OnEnd();
+        }
+        gNext = nullptr;
+    }
+
+    void Serve(const std::string& sizeRange) {
+        gNext = &next_;
+        ZoVkSettings* settings = ZoVkSettings::GetInstance();
+        ASSERT_TRUE(settings->IdentifyApplication(kPackage));
+        auto* data = new ZoVkAntutuData();
+        settings->SetProcessorData(data);
+        Json::Value config = SizeRange(sizeRange);
+        config["xrender_BaseInfo"] = "1";
+        ASSERT_TRUE(data->InitProcessorConfigData(config));  // also starts the monitor
+        processor_ = CreateVkProcessor();
+        ASSERT_NE(processor_, nullptr);
+        ASSERT_EQ(processor_->GetProcessorId(), ZoVkAntutuProcessor::PROCESSOR_TYPE);
+        ASSERT_NE(processor_->GetVkModule(ZoVkAntutuVRSModule::PROCESSOR_MODULE_TYPE), nullptr);
+
+        record_.device = reinterpret_cast<VkDevice>(&deviceObject_);
+        auto& f = record_.functions;
+        f.vkCreateRenderPass = CreateRenderPass;
+        f.vkCmdBeginRenderPass = CmdBeginRenderPass;
+        f.vkCmdSetFragmentShadingRateKHR = CmdSetFragmentShadingRateKHR;
+        f.vkQueuePresentKHR = QueuePresent;
+        f.vkCreateGraphicsPipelines = CreateGraphicsPipelines;
+        processor_->SetDeviceInfo(&record_);
+        processor_->InitVkDeviceHooks();
+        for (const char* name : {"vkCreateGraphicsPipelines", "vkCmdBeginRenderPass", "vkCreateRenderPass",
+                                 "vkQueuePresentKHR"}) {
+            EXPECT_NE(processor_->GetDeviceHookFunction(name), nullptr) << name;
+        }
+    }
+
+    ZoVkAntutuProcessor& P() { return *static_cast<ZoVkAntutuProcessor*>(processor_.get()); }
+
+    static void PushVrs(int value) {
+        android::ZoVkAppInfoMonitor::GetInstance()->UpdateAppInfo("6 " + std::string(kPackage) + " " +
+                                                                  std::to_string(value));
+    }
+    void Present(int count) {
+        for (int i = 0; i < count; ++i) {
+            EXPECT_EQ(P().VkQueuePresentKHRHooked(Queue(), nullptr), VK_SUBOPTIMAL_KHR);
+        }
+    }
+    // VRS on and sampled.
+    void SwitchOn() {
+        PushVrs(1);
+        Present(ZoVkAntutuVRSModule::kSamplingPeriod);
+    }
+
+    VkRenderPass Pass(std::vector<std::pair<VkFormat, VkAttachmentLoadOp>> attachments,
+                      VkResult result = VK_SUCCESS) {
+        std::vector<VkAttachmentDescription> descriptions;
+        for (const auto& [format, loadOp] : attachments) {
+            VkAttachmentDescription d{};
+            d.format = format;
+            d.loadOp = loadOp;
+            descriptions.push_back(d);
+        }
+        VkRenderPassCreateInfo info{};
+        info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
+        info.attachmentCount = static_cast<uint32_t>(descriptions.size());
+        info.pAttachments = descriptions.empty() ? nullptr : descriptions.data();
+        next_.createPassResult = result;
+        VkRenderPass pass = VK_NULL_HANDLE;
+        EXPECT_EQ(P().VkCreateRenderPassHooked(record_.device, &info, nullptr, &pass), result);
+        next_.createPassResult = VK_SUCCESS;
+        return pass;
+    }
+
+    // The rate recorded before the begin reached the next layer, or "none".
+    std::string Begin(VkRenderPass pass, uint32_t width = 2400, uint32_t height = 1200) {
+        next_.calls.clear();
+        VkRenderPassBeginInfo begin{};
+        begin.sType = VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO;
+        begin.renderPass = pass;
+        begin.renderArea.extent = {width, height};
+        P().VkCmdBeginRenderPassHooked(CommandBuffer(), &begin, VK_SUBPASS_CONTENTS_INLINE);
+        if (next_.calls.size() == 1 && next_.calls[0] == "begin") {
+            return "none";
+        }
+        EXPECT_EQ(next_.calls.size(), 2u);
+        EXPECT_EQ(next_.calls.back(), "begin");
+        return next_.calls.empty() ? "lost" : next_.calls.front();
+    }
+    std::vector<std::string> Begins(const std::vector<VkRenderPass>& passes) {
+        std::vector<std::string> rates;
+        for (VkRenderPass pass : passes) {
+            rates.push_back(Begin(pass));
+        }
+        return rates;
+    }
+
+    VkQueue Queue() { return reinterpret_cast<VkQueue>(&deviceObject_); }
+    VkCommandBuffer CommandBuffer() { return reinterpret_cast<VkCommandBuffer>(&deviceObject_); }
+
+    zovk_test::BinderDir binderDir_;  // no service: the monitor's registration just gives up
+    Next next_;
+    void* deviceObject_ = nullptr;
+    ZoVkDeviceInfo record_;
+    std::shared_ptr<ZoVkProcessorBase> processor_;
+};
+
+constexpr auto kClear = VK_ATTACHMENT_LOAD_OP_CLEAR;
+constexpr auto kLoad = VK_ATTACHMENT_LOAD_OP_LOAD;
+constexpr auto kHdr = VK_FORMAT_B10G11R11_UFLOAT_PACK32;
+constexpr auto kHalf = VK_FORMAT_R16G16B16A16_SFLOAT;
+constexpr auto kDepth = VK_FORMAT_D24_UNORM_S8_UINT;
+
+}  // namespace
+
+// ---- configuration ---------------------------------------------------------------------------
+
+TEST(AntutuSizeRange, FourOrTenIntegersOtherwiseEveryDefault) {
+    using Codes = std::array<int32_t, 6>;
+    const Codes defaults{0, 5, 0, 0, 3, 5};
+    struct Case {
+        Json::Value config;
+        std::array<int32_t, 4> bounds;
+        Codes codes;
+    };
+    Json::Value notString(Json::objectValue);
+    notString["vrs_SizeRange"] = 2000;
+    for (const Case& c : {
+             Case{SizeRange("1;2;3;4"), {1, 2, 3, 4}, defaults},
+             Case{SizeRange("1;2;3;4;5;6;7;8;9;10"), {1, 2, 3, 4}, {5, 6, 7, 8, 9, 10}},
+             Case{SizeRange("1;2;3;4;5;6;x7;8;9;10"), {2000, 3500, 1000, 2000}, defaults},
+             Case{SizeRange("1;2;3;-4"), {2000, 3500, 1000, 2000}, defaults},
+             Case{SizeRange("1;2;3;4;5"), {2000, 3500, 1000, 2000}, defaults},
+             Case{SizeRange("1;2;3"), {2000, 3500, 1000, 2000}, defaults},
+             Case{SizeRange("1;2;3;2147483648"), {2000, 3500, 1000, 2000}, defaults},
+             Case{SizeRange(""), {2000, 3500, 1000, 2000}, defaults},
+             Case{notString, {2000, 3500, 1000, 2000}, defaults},
+             Case{Json::Value(), {2000, 3500, 1000, 2000}, defaults},
+         }) {
+        const ZoVkAntutuVRSModuleData d(c.config);
+        const std::string what = c.config.toStyledString();
+        EXPECT_TRUE(d.valid) << what;
+        EXPECT_EQ((std::array<int32_t, 4>{d.widthMin, d.widthMax, d.heightMin, d.heightMax}), c.bounds) << what;
+        EXPECT_EQ(d.rateCodes, c.codes) << what;
+    }
+}
+
+TEST(AntutuSizeRange, BoundsAreExclusive) {
+    const ZoVkAntutuVRSModuleData d{Json::Value()};
+    EXPECT_TRUE(d.InRange(2001, 1001));
+    EXPECT_TRUE(d.InRange(3499, 1999));
+    for (const auto& [w, h] : std::vector<std::pair<uint32_t, uint32_t>>{
+             {2000, 1200}, {3500, 1200}, {2400, 1000}, {2400, 2000}, {0xFFFFFFFFu, 1200}}) {
+        EXPECT_FALSE(d.InRange(w, h)) << w << "x" << h;
+    }
+}
+
+TEST(AntutuFragmentSize, CodeTableWithSevenAndEightAtFullRate) {
+    const std::vector<std::pair<int, std::string>> table = {
+        {3, "1x2"}, {4, "2x1"}, {5, "2x2"}, {6, "2x4"}, {7, "1x1"}, {8, "1x1"}, {9, "4x2"}, {10, "4x4"},
+        {0, "1x1"}, {1, "1x1"}, {2, "1x1"}, {11, "1x1"}, {-5, "1x1"}};
+    for (const auto& [code, size] : table) {
+        EXPECT_EQ(Size(ZoVkAntutuVRSModule::GetFramentSizeFromIntConfig(code)), size) << code;
+    }
+}
+
+// ---- render passes and rates -----------------------------------------------------------------
+
+TEST_F(AntutuVrsTest, NoRateBeforeTheSwitchIsSampledAndNoneAfterItIsSampledOff) {
+    const VkRenderPass hdr = Pass({{kHdr, kClear}, {kDepth, kLoad}});
+    PushVrs(1);
+    Present(119);
+    EXPECT_EQ(Begin(hdr), "none");
+    Present(1);
+    EXPECT_EQ(Begin(hdr), "1x2");
+    // Exactly 2000 wide or 1000 high is outside the range.
+    EXPECT_EQ(Begin(hdr, 2000, 1200), "none");
+    EXPECT_EQ(Begin(hdr, 2400, 1000), "none");
+
+    PushVrs(0);
+    Present(119);
+    EXPECT_EQ(Begin(hdr), "1x2");
+    Present(1);
+    EXPECT_EQ(Begin(hdr), "none");
+}
+
+TEST_F(AntutuVrsTest, PassesAreClassifiedByTheirAttachmentsWhenCreated) {
+    const VkRenderPass rgba = Pass({{VK_FORMAT_R8G8B8A8_UNORM, kClear}});
+    const VkRenderPass depth = Pass({{kDepth, kClear}});
+    const VkRenderPass depth16 = Pass({{VK_FORMAT_D16_UNORM, kLoad}});
+    const VkRenderPass bloom = Pass({{kHalf, kClear}});                        // one attachment, not listed
+    const VkRenderPass loadedHdr = Pass({{kHdr, kLoad}, {kDepth, kLoad}});     // not a clear-colour pair
+    const VkRenderPass otherDepth = Pass({{kHalf, kClear}, {VK_FORMAT_D32_SFLOAT, kLoad}});
+    const VkRenderPass three = Pass({{kHdr, kClear}, {kDepth, kLoad}, {kDepth, kLoad}});
+    const VkRenderPass failed = Pass({{kHdr, kClear}, {kDepth, kLoad}}, VK_ERROR_OUT_OF_HOST_MEMORY);
+    VkRenderPass noArray = VK_NULL_HANDLE;
+    {
+        VkRenderPassCreateInfo info{};
+        info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
+        info.attachmentCount = 1;
+        EXPECT_EQ(P().VkCreateRenderPassHooked(record_.device, &info, nullptr, &noArray), VK_SUCCESS);
+        EXPECT_EQ(P().VkCreateRenderPassHooked(record_.device, nullptr, nullptr, &noArray), VK_SUCCESS);
+    }
+    const VkRenderPass hdr = Pass({{kHdr, kClear}, {kDepth, kLoad}});
+    const VkRenderPass half = Pass({{kHalf, kLoad}, {kDepth, kClear}});  // load ops do not matter here
+    const std::vector<VkRenderPass> others = {bloom, loadedHdr, otherDepth, three, failed, noArray};
+    SwitchOn();
+
+    // Step 0 takes only clear-colour passes; step 1 then only half-float ones.
+    for (VkRenderPass pass : {rgba, depth, depth16, half, loadedHdr, otherDepth, three, failed, noArray}) {
+        EXPECT_EQ(Begin(pass), "1x1");
+    }
+    EXPECT_EQ(Begin(hdr), "1x2");
+    for (VkRenderPass pass : {rgba, bloom, three, failed}) {
+        EXPECT_EQ(Begin(pass), "1x1");
+    }
+    EXPECT_EQ(Begin(half), "2x1");
+    // Step 2 leaves single-attachment passes at full rate and gives every unclassified one the fifth size.
+    EXPECT_EQ(Begins({rgba, depth, depth16}), (std::vector<std::string>(3, "1x1")));
+    EXPECT_EQ(Begins(others), (std::vector<std::string>(others.size(), "4x2")));
+
+    // Once the device goes, its passes are forgotten.
+    processor_->PreDestroyDevice(record_.device, nullptr);
+    EXPECT_EQ(Begins({rgba, half}), (std::vector<std::string>{"4x2", "4x2"}));
+}
+
+TEST_F(AntutuVrsTest, StepMachineWalksTheBenchmarkSequenceToItsLastStepAndStays) {
+    const VkRenderPass a = Pass({{kDepth, kClear}});
+    const VkRenderPass b = Pass({{kHdr, kClear}, {kDepth, kLoad}});
+    const VkRenderPass c = Pass({{kHalf, kClear}, {kDepth, kLoad}});
+    const VkRenderPass o = Pass({{kHalf, kClear}});
+    SwitchOn();
+    const std::vector<VkRenderPass> frame = {a, b, b, c, c, o, b, o, c, c, o, a};
+    // Steps: 0 -> 1 at the first B, 2 at the first C, 3 at the B after it, 4 at the next C.
+    EXPECT_EQ(Begins(frame), (std::vector<std::string>{"1x1", "1x2", "1x2", "2x1", "2x1", "4x2", "2x2", "4x2",
+                                                        "2x4", "2x4", "4x4", "1x1"}));
+    for (int again = 0; again < 2; ++again) {
+        EXPECT_EQ(Begins(frame), (std::vector<std::string>{"1x1", "4x4", "4x4", "2x4", "2x4", "4x4", "4x4", "4x4",
+                                                            "2x4", "2x4", "4x4", "1x1"}));
+    }
+}
+
+// ---- pipelines -------------------------------------------------------------------------------
+
+TEST_F(AntutuVrsTest, PipelinesWithADynamicStateBlockGetTheRateOnceInACopy) {
+    const VkDynamicState viewport[2] = {VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_SCISSOR};
+    const VkDynamicState already[2] = {VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR, VK_DYNAMIC_STATE_VIEWPORT};
+    VkPipelineDynamicStateCreateInfo blocks[3] = {};
+    for (auto& block : blocks) {
+        block.sType = VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO;
+    }
+    blocks[0].dynamicStateCount = 2;
+    blocks[0].pDynamicStates = viewport;
+    blocks[1].dynamicStateCount = 2;
+    blocks[1].pDynamicStates = already;
+    // blocks[2]: empty
+    VkGraphicsPipelineCreateInfo infos[4] = {};
+    for (uint32_t i = 0; i < 4; ++i) {
+        infos[i].sType = VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO;
+        infos[i].subpass = i;
+        infos[i].pDynamicState = i == 0 ? nullptr : &blocks[i - 1];
+    }
+    VkPipeline pipelines[4] = {};
+    next_.pipelinesResult = VK_PIPELINE_COMPILE_REQUIRED;
+    EXPECT_EQ(P().VkCreateGraphicsPipelinesHooked(record_.device, VK_NULL_HANDLE, 4, infos, nullptr, pipelines),
+              VK_PIPELINE_COMPILE_REQUIRED);
+
+    ASSERT_EQ(next_.pipelineCount, 4u);
+    ASSERT_NE(next_.pipelineInfos, infos) << "the application's array went down, not a copy";
+    EXPECT_EQ(next_.subpasses, (std::vector<uint32_t>{0, 1, 2, 3}));
+    const VkDynamicState rate = VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR;
+    EXPECT_EQ(next_.blocks[0], nullptr);
+    EXPECT_EQ(next_.states[1], (std::vector<VkDynamicState>{VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_SCISSOR, rate}));
+    EXPECT_EQ(next_.states[2], (std::vector<VkDynamicState>{rate, VK_DYNAMIC_STATE_VIEWPORT}));
+    EXPECT_EQ(next_.states[3], (std::vector<VkDynamicState>{rate}));
+    // The application's structures are as they were.
+    EXPECT_EQ(infos[1].pDynamicState, &blocks[0]);
+    EXPECT_EQ(blocks[0].dynamicStateCount, 2u);
+    EXPECT_EQ(blocks[0].pDynamicStates, viewport);
+    EXPECT_EQ(blocks[2].dynamicStateCount, 0u);
+    EXPECT_EQ(blocks[2].pDynamicStates, nullptr);
+
+    // Nothing to copy: handed on as they came.
+    next_.pipelineInfos = nullptr;
+    EXPECT_EQ(P().VkCreateGraphicsPipelinesHooked(record_.device, VK_NULL_HANDLE, 0, infos, nullptr, pipelines),
+              VK_PIPELINE_COMPILE_REQUIRED);
+    EXPECT_EQ(next_.pipelineCount, 0u);
+    EXPECT_EQ(next_.pipelineInfos, infos);
+    P().VkCreateGraphicsPipelinesHooked(record_.device, VK_NULL_HANDLE, 2, nullptr, nullptr, pipelines);
+    EXPECT_EQ(next_.pipelineCount, 2u);
+    EXPECT_EQ(next_.pipelineInfos, nullptr);
+}
