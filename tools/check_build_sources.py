@@ -37,13 +37,9 @@ def is_platform_macro(name):
 
 def cmake_list(text, name):
     """The words of `set(NAME ...)`, comments dropped; None when there is no such set."""
+    text = re.sub(r"#.*", "", text)
     match = re.search(r"\bset\(\s*%s\b([^)]*)\)" % re.escape(name), text)
-    if match is None:
-        return None
-    words = []
-    for line in match.group(1).splitlines():
-        words += line.split("#", 1)[0].split()
-    return words
+    return match.group(1).split() if match else None
 
 
 def strip_blueprint_comments(text):

@@ -21,7 +21,7 @@ def cmake_text(sources):
     return textwrap.dedent("""\
         set(ZOVK_WARNINGS %s)
         # The layer's own sources.
-        set(ZOVK_LAYER_SOURCES
+        set(ZOVK_LAYER_SOURCES  # the library (both builds)
           %s
         )
         set(ZOVK_HOST_PLATFORM_SOURCES
