@@ -218,6 +218,8 @@ expected = [
     {"event": "renderPass", "attachmentCount": 3, "attachment": 0, "texelWidth": texel, "texelHeight": texel,
      "subpasses": [0, 1]},
     {"event": "framebuffer", "width": 100, "height": 60, "layers": 1, "imageless": False},
+    {"event": "pipeline", "dynamicStateBlock": True, "rateDynamic": True},
+    {"event": "pipeline", "dynamicStateBlock": True, "rateDynamic": True},
     {"event": "setRate", "commandBuffer": draw2, "level": "secondary", "position": 1, "width": 2, "height": 1,
      "combinerOps": ["KEEP", "MAX"]},
     {"event": "draw", "commandBuffer": draw2, "position": 2, "call": "vkCmdDraw", "vertexCount": 3,
@@ -249,7 +251,7 @@ for n, (got, want) in enumerate(zip(lines, expected), 1):
                                      f"expected {str(value)[:80]}")
 if len(lines) == len(expected):
     # Handles the probe cannot see (the validation layer wraps them) must agree with each other.
-    device, rp, fb, begin, up1, up2, summary = (lines[i] for i in (0, 1, 2, 6, 12, 13, 14))
+    device, rp, fb, begin, up1, up2, summary = (lines[i] for i in (0, 1, 2, 8, 14, 15, 16))
     check(fb.get("renderPass") == rp.get("renderPass"), "the framebuffer names another render pass")
     check(fb.get("view") is not None, "the framebuffer line has no shading-rate view")
     check((begin.get("renderPass"), begin.get("framebuffer"), begin.get("view")) ==

@@ -780,9 +780,18 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateGraphicsPipelines(VkDevice device, VkPipeli
                                                        const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    return dev.fn.CreateGraphicsPipelines(device, pipelineCache, createInfoCount,
-                                          StripGraphicsPipelines(arena, pCreateInfos, createInfoCount), pAllocator,
-                                          pPipelines);
+    VkResult result = dev.fn.CreateGraphicsPipelines(device, pipelineCache, createInfoCount,
+                                                     StripGraphicsPipelines(arena, pCreateInfos, createInfoCount),
+                                                     pAllocator, pPipelines);
+    // What the layers above asked for, before it was stripped.
+    for (uint32_t i = 0; TraceEnabled() && result >= 0 && i < createInfoCount; ++i) {
+        if (pPipelines[i] == VK_NULL_HANDLE) continue;
+        Emit(TraceLine("pipeline")
+                 .Handle("pipeline", H(pPipelines[i]))
+                 .Bool("dynamicStateBlock", pCreateInfos[i].pDynamicState != nullptr)
+                 .Bool("rateDynamic", HasRateDynamicState(pCreateInfos[i].pDynamicState)));
+    }
+    return result;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -422,15 +422,16 @@ const VkPhysicalDeviceImageFormatInfo2* StripImageFormatInfo(Arena& arena,
     return out;
 }
 
+bool HasRateDynamicState(const VkPipelineDynamicStateCreateInfo* dyn) {
+    if (dyn == nullptr) return false;
+    for (uint32_t i = 0; i < dyn->dynamicStateCount; ++i) {
+        if (dyn->pDynamicStates[i] == VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR) return true;
+    }
+    return false;
+}
+
 const VkGraphicsPipelineCreateInfo* StripGraphicsPipelines(Arena& arena, const VkGraphicsPipelineCreateInfo* infos,
                                                            uint32_t count) {
-    auto hasRateState = [](const VkPipelineDynamicStateCreateInfo* dyn) {
-        if (dyn == nullptr) return false;
-        for (uint32_t i = 0; i < dyn->dynamicStateCount; ++i) {
-            if (dyn->pDynamicStates[i] == VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR) return true;
-        }
-        return false;
-    };
     const VkPipelineCreateFlags renderingRate = VK_PIPELINE_CREATE_RENDERING_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR;
     bool changed = false;
     VkGraphicsPipelineCreateInfo* out = arena.Copy(infos, count);
@@ -444,7 +445,7 @@ const VkGraphicsPipelineCreateInfo* StripGraphicsPipelines(Arena& arena, const V
             ci.pNext = CopyChain(arena, ci.pNext, VK_STRUCTURE_TYPE_PIPELINE_FRAGMENT_SHADING_RATE_STATE_CREATE_INFO_KHR);
             changed = true;
         }
-        if (hasRateState(ci.pDynamicState)) {
+        if (HasRateDynamicState(ci.pDynamicState)) {
             VkPipelineDynamicStateCreateInfo* dyn = arena.Copy(ci.pDynamicState);
             auto* states = arena.Alloc<VkDynamicState>(dyn->dynamicStateCount);
             uint32_t n = 0;

@@ -96,6 +96,8 @@ const VkImageCreateInfo* StripImageCreateInfo(Arena& arena, const VkImageCreateI
 const VkImageViewCreateInfo* StripImageViewCreateInfo(Arena& arena, const VkImageViewCreateInfo* info);
 const VkPhysicalDeviceImageFormatInfo2* StripImageFormatInfo(Arena& arena,
                                                             const VkPhysicalDeviceImageFormatInfo2* info);
+// Whether a pipeline's dynamic-state block lists the fragment shading rate.
+bool HasRateDynamicState(const VkPipelineDynamicStateCreateInfo* dynamicState);
 const VkGraphicsPipelineCreateInfo* StripGraphicsPipelines(Arena& arena, const VkGraphicsPipelineCreateInfo* infos,
                                                            uint32_t count);
 const VkRenderingInfo* StripRenderingInfo(Arena& arena, const VkRenderingInfo* info);
