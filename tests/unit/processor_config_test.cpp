@@ -29,13 +29,11 @@ public:
     explicit TestModuleData(bool ok) { valid = ok; }
 };
 
-// Module configuration creators for ids 1 and 2; id 2's object is invalid when the
-// configuration says so.
+// Module configuration creators for ids 1 and 2, until the configuration registers the
+// application's own.
 void RegisterDataCreators() {
     gCreateModuleDataMap[1] = [](const Json::Value&) { return new TestModuleData(true); };
-    gCreateModuleDataMap[2] = [](const Json::Value& config) {
-        return new TestModuleData(!config.isMember("break_module_2"));
-    };
+    gCreateModuleDataMap[2] = [](const Json::Value&) { return new TestModuleData(true); };
 }
 
 class ProcessorConfigTest : public ::testing::Test {
@@ -72,7 +70,8 @@ TEST_F(ProcessorConfigTest, MaskBitsBecomeModuleIdsAndSetTheModulesFlag) {
 }
 
 TEST_F(ProcessorConfigTest, ModuleWithoutUsableConfigurationIsErasedEverywhere) {
-    ASSERT_TRUE(data_.InitProcessorConfigData(Parse(R"({"xrender_BaseInfo":"3","break_module_2":1})")));
+    // Module 2's own configuration rejects the resolution item.
+    ASSERT_TRUE(data_.InitProcessorConfigData(Parse(R"({"xrender_BaseInfo":"3","vrs_Params":"1920*1080"})")));
     EXPECT_EQ(data_.moduleIds, (std::vector<unsigned int>{1}));
     EXPECT_EQ(data_.GetProcessorModuleData(2), nullptr);
     EXPECT_TRUE(data_.deviceExtensionFunctions.empty());
