@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -431,6 +432,7 @@ Presenter::~Presenter() {
 
 double Presenter::run(uint32_t frames, const RecordFrame& record, const std::string& png) {
     const auto start = std::chrono::steady_clock::now();
+    std::vector<double> presentMicros;
     for (uint32_t frame = 0; frame < frames; ++frame) {
         VKH_CHECK(vkWaitForFences(ctx_.device, 1, &fence_, VK_TRUE, UINT64_MAX));
         VKH_CHECK(vkResetFences(ctx_.device, 1, &fence_));
@@ -473,9 +475,18 @@ double Presenter::run(uint32_t frames, const RecordFrame& record, const std::str
         present.swapchainCount = 1;
         present.pSwapchains = &swapchain.swapchain;
         present.pImageIndices = &imageIndex;
+        const auto presentStart = std::chrono::steady_clock::now();
         VKH_CHECK(vkQueuePresentKHR(ctx_.queue, &present));
+        presentMicros.push_back(
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - presentStart).count());
     }
     VKH_CHECK(vkQueueWaitIdle(ctx_.queue));
+    if (!presentTimesPath.empty()) {
+        if (FILE* f = std::fopen(presentTimesPath.c_str(), "w")) {
+            for (double us : presentMicros) std::fprintf(f, "%.1f\n", us);
+            std::fclose(f);
+        }
+    }
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 

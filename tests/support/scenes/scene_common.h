@@ -147,6 +147,9 @@ public:
     // `png` holds "%d" (replaced by the frame number from 1). Returns seconds.
     double run(uint32_t frames, const RecordFrame& record, const std::string& png);
 
+    // Microseconds that each vkQueuePresentKHR of run() took, one line per frame, written to
+    // `path` at the end of run() (for the present-time benchmark).
+    std::string presentTimesPath;
     vkh::Swapchain swapchain;
 
 private:

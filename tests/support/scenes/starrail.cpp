@@ -60,7 +60,8 @@ const char kUsage[] =
     "                           (default 11,3000,1); draw P-1 has I indices and N+1 instances,\n"
     "                           and the last draw, if after P+1, repeats draw P\n"
     "  --framebuffer-pass K     create framebuffers against the 'dontcare' (default) or 'clear'\n"
-    "                           variant of each pass\n";
+    "                           variant of each pass\n"
+    "  --present-times FILE     write the microseconds each present took, one line per frame\n";
 
 struct Options {
     scene::CommonOptions common;
@@ -70,6 +71,7 @@ struct Options {
     uint32_t fullRateIndices = 3000;
     uint32_t fullRateInstances = 1;
     bool framebuffersOnClear = false;
+    std::string presentTimes;
 };
 
 Options parseOptions(int argc, char** argv) {
@@ -90,6 +92,8 @@ Options parseOptions(int argc, char** argv) {
             const std::string kind = scene::optionValue(argc, argv, i);
             if (kind != "clear" && kind != "dontcare") vkh::fail("--framebuffer-pass: 'clear' or 'dontcare'");
             o.framebuffersOnClear = kind == "clear";
+        } else if (arg == "--present-times") {
+            o.presentTimes = scene::optionValue(argc, argv, i);
         } else if (arg == "--help" || arg == "-h") {
             std::fputs(kUsage, stdout);
             std::exit(0);
@@ -389,6 +393,7 @@ int main(int argc, char** argv) {
                                    lightSet.set);
     };
 
+    presenter.presentTimesPath = o.presentTimes;
     const double seconds = presenter.run(o.common.frames, recordFrame, o.common.png);
     std::printf("zovk-scene-starrail: %u frames in %.2f s\n", o.common.frames, seconds);
 
