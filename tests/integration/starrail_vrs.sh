@@ -13,6 +13,8 @@
 #   no rate and no upload once level 0 governs;
 # - every frame's pixels equal those of the scene run without the layer;
 # - nothing outside validation_allowlist.txt, which includes objects left alive at vkDestroyDevice.
+# The run also shows the served creation path: the instance at API version 1.2 and the extensions
+# the modules need added.
 # Then: the 8x8 preset gets 240x135 images; another process name, or the module switched off in
 # the configuration, gets no shading-rate object at all.
 . "$(dirname "$0")/lib.sh"
@@ -49,6 +51,12 @@ for n in $(seq 1 "$FRAMES"); do
     cmp -s "$IT_TMP/plain/frame-$n.png" "$IT_TMP/vrs/frame-$n.png" ||
         it_fail "frame $n: the pixels differ from the run without the layer"
 done
+python3 -c '
+import json, sys
+layer = json.load(open(sys.argv[1]))["layer"]
+added = {"VK_KHR_get_physical_device_properties2", "VK_KHR_create_renderpass2", "VK_KHR_fragment_shading_rate"}
+sys.exit(0 if layer["servedApiVersion"] == "1.2" and added <= set(layer["extensionsAdded"]) else 1)' \
+    "$IT_TMP/vrs/summary.json" || it_fail "the instance was not served at 1.2 with the modules' extensions added"
 IT_VVL_LOG=$IT_TMP/vrs/validation.log
 it_expect_no_validation_except "$SRC/tests/integration/validation_allowlist.txt" "Star Rail VRS"
 
