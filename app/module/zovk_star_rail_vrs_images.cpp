@@ -3,6 +3,8 @@
 // every present that follows the game's scene and VRS level.
 #include <android/log.h>
 
+#include <algorithm>
+
 #include "app/module/zovk_star_rail_vrs_module.h"
 #include "app/module/zovk_star_rail_vrs_patterns.h"
 #include "app/module/zovk_star_rail_vrs_trace.h"
@@ -16,6 +18,9 @@ namespace {
 constexpr int kSceneGateId = 1058;
 constexpr int kSceneGateAbove = 1000000;
 constexpr uint64_t kReportEvery = 180;
+// Only levels 1 and 2 have patterns; a configuration asking for far more levels would only
+// make unused buffers.
+constexpr int32_t kMaxTemplateLevels = 8;
 
 }  // namespace
 
@@ -65,6 +70,12 @@ bool ZoVkStarRailVRSModule::initShadingRateImages() {
     templateBuffers.resize(count);
     for (size_t i = 0; i < count; ++i) {
         const MyVkExtent2D size = shadingRateImageSize(moduleData->resolutions[i], texelSize);
+        if (size.width == 0 || size.height == 0) {
+            ZOVK_LOGE("Star Rail VRS: resolution %ux%u is smaller than one %ux%u texel: no shading-rate images",
+                      moduleData->resolutions[i].width, moduleData->resolutions[i].height, texelSize.width,
+                      texelSize.height);
+            return false;
+        }
         for (ShadingRateImageInfo* image : {&mainPassImages[i], &lightPassImages[i]}) {
             const char* pass = image == &mainPassImages[i] ? "main" : "light";
             image->width = size.width;
@@ -102,8 +113,12 @@ bool ZoVkStarRailVRSModule::initShadingRateImageTemplates(int32_t resolutionInde
     std::vector<TemplateBuffer>& buffers = templateBuffers[resolutionIndex];
     // A retry makes the buffers again; the earlier ones go first.
     DestroyTemplateBuffers(buffers);
-    buffers.assign(moduleData->templateLevelCount > 0 ? 2 * static_cast<size_t>(moduleData->templateLevelCount) : 0,
-                   TemplateBuffer());
+    int32_t levels = std::max(moduleData->templateLevelCount, 0);
+    if (levels > kMaxTemplateLevels) {
+        ZOVK_LOGW("Star Rail VRS: %d template levels configured, %d made", levels, kMaxTemplateLevels);
+        levels = kMaxTemplateLevels;
+    }
+    buffers.assign(2 * static_cast<size_t>(levels), TemplateBuffer());
     const VkDeviceSize bytes = VkDeviceSize{width} * height;
     for (size_t k = 0; k < buffers.size(); ++k) {
         TemplateBuffer& t = buffers[k];

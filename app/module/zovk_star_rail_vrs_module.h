@@ -157,6 +157,7 @@ private:
     // The device whose objects the module holds; null before the first one is made.
     VkDevice device_ = VK_NULL_HANDLE;
     bool missingRateCommandLogged_ = false;
+    bool zeroTexelSizeLogged_ = false;
 
     ZoVkPreFunctor<&T::vkQueuePresentKHR> presentNode_;
     ZoVkPostFunctor<&T::vkCreateGraphicsPipelines> createPipelinesNode_;

@@ -87,8 +87,12 @@ void ZoVkStarRailVRSModule::ReadTexelSize() {
     properties2(device->physicalDevice, &properties);
     texelSize = rate.maxFragmentShadingRateAttachmentTexelSize;
     if (texelSize.width == 0 || texelSize.height == 0) {
-        ZOVK_VRS_TRACE(debugLog, "shading-rate attachment texel size %ux%u: no substitution yet", texelSize.width,
-                       texelSize.height);
+        if (!zeroTexelSizeLogged_) {
+            ZOVK_LOGW("Star Rail VRS: the device reports a shading-rate attachment texel size of %ux%u: "
+                      "no substitution until it reports one",
+                      texelSize.width, texelSize.height);
+            zeroTexelSizeLogged_ = true;
+        }
         return;
     }
     device_ = device->device;

@@ -512,6 +512,23 @@ TEST_F(StarRailVrsModuleTest, DestroyHooksAndDeviceDestroyFreeEverythingMade) {
     EXPECT_EQ(fake_.Count("destroy "), 0u);
 }
 
+TEST_F(StarRailVrsModuleTest, OutOfRangeSizesAndLevelCountsAreBounded) {
+    // A resolution smaller than one texel gets no zero-sized image; the images never get ready.
+    M& m = Make("8x8;5;10,12,3000,1;2");
+    MainPass(kClear);
+    CreateFramebuffer(Handle<VkRenderPass>(0x999), 5, 8, 8);
+    EXPECT_EQ(fake_.Count("vkCreateImage"), 0u);
+    EXPECT_EQ(m.Flags() & M::kImagesReady, 0u);
+}
+
+TEST_F(StarRailVrsModuleTest, ManyLevelsMakeABoundedNumberOfTemplates) {
+    M& m = Make("1920x1080;5;10,12,3000,1;100000");
+    MainPass(kClear);
+    CreateFramebuffer(Handle<VkRenderPass>(0x999), 5);
+    EXPECT_EQ(m.templateBuffers.at(0).size(), 16u);
+    EXPECT_NE(m.Flags() & M::kImagesReady, 0u);
+}
+
 TEST_F(StarRailVrsModuleTest, MalformedConfigurationKeepsTheModuleOff) {
     EXPECT_FALSE(Make("1920*1080").valid);
 }
