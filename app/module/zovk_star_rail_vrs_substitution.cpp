@@ -2,6 +2,9 @@
 // making substitutes with a shading-rate attachment beside the game's objects, and destroying
 // the substitutes with them.
 #include "app/module/zovk_star_rail_vrs_module.h"
+
+#include <initializer_list>
+
 #include "app/module/zovk_star_rail_vrs_trace.h"
 #include "layer/zovk_records.h"
 
@@ -62,6 +65,19 @@ bool Forget(std::unordered_map<Handle, Handle>& map, Handle game, VkDevice devic
     }
     map.erase(it);
     return true;
+}
+
+// Destroys the substitutes of `game` in every map that has it, with the next layer's destroy call.
+template <auto DestroySlot, typename Handle>
+void ForgetEverywhere(ZoVkProcessorBase* processor, VkDevice device, Handle game,
+                      std::initializer_list<std::unordered_map<Handle, Handle>*> maps) {
+    if (game == VK_NULL_HANDLE) {
+        return;
+    }
+    const auto destroy = NextLayer<DestroySlot>(processor);
+    for (auto* map : maps) {
+        Forget(*map, game, device, destroy);
+    }
 }
 
 }  // namespace
@@ -218,21 +234,14 @@ void ZoVkStarRailVRSModule::PostVkCreateGraphicsPipelines(VkDevice device, VkPip
 
 void ZoVkStarRailVRSModule::PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline,
                                                  const VkAllocationCallbacks* pAllocator) {
-    if (pipeline != VK_NULL_HANDLE) {
-        const auto destroy = NextLayer<&T::vkDestroyPipeline>(processor_);
-        Forget(mainPipelineMap, pipeline, device, destroy);
-        Forget(lightPipelineMap, pipeline, device, destroy);
-    }
+    ForgetEverywhere<&T::vkDestroyPipeline>(processor_, device, pipeline, {&mainPipelineMap, &lightPipelineMap});
     destroyPipelineNode_.next->Call(device, pipeline, pAllocator);
 }
 
 void ZoVkStarRailVRSModule::PreVkDestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer,
                                                     const VkAllocationCallbacks* pAllocator) {
-    if (framebuffer != VK_NULL_HANDLE) {
-        const auto destroy = NextLayer<&T::vkDestroyFramebuffer>(processor_);
-        Forget(mainFramebufferMap, framebuffer, device, destroy);
-        Forget(lightFramebufferMap, framebuffer, device, destroy);
-    }
+    ForgetEverywhere<&T::vkDestroyFramebuffer>(processor_, device, framebuffer,
+                                               {&mainFramebufferMap, &lightFramebufferMap});
     destroyFramebufferNode_.next->Call(device, framebuffer, pAllocator);
 }
 
