@@ -36,6 +36,12 @@ constexpr StepRule kStepRules[] = {
     {'C', 3, 0, -1, 5},    // 4: the last step, kept for the rest of the process
 };
 
+// Enters the trampoline of a call into the processor's device hook map.
+template <auto Slot, auto Member>
+void Hook(ZoVkAntutuProcessor* processor, const char* name) {
+    processor->SetDeviceHookFunction(name, GlobalDeviceHookFunctor<ZoVkAntutuProcessor, Slot, Member>::Address());
+}
+
 // Every registration starts from a clean node: a processor serving a second device registers
 // again, and its post chain still holds the node from the first.
 template <typename Chain, typename Node, typename Func>
@@ -82,17 +88,10 @@ VkExtent2D ZoVkAntutuVRSModule::GetFramentSizeFromIntConfig(int code) {
 
 void ZoVkAntutuVRSModule::RegisterModuleVkDeviceHooks() {
     using P = ZoVkAntutuProcessor;
-    processor_->SetDeviceHookFunction(
-        "vkCreateGraphicsPipelines",
-        GlobalDeviceHookFunctor<P, &T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>::Address());
-    processor_->SetDeviceHookFunction(
-        "vkCmdBeginRenderPass",
-        GlobalDeviceHookFunctor<P, &T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>::Address());
-    processor_->SetDeviceHookFunction(
-        "vkCreateRenderPass",
-        GlobalDeviceHookFunctor<P, &T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>::Address());
-    processor_->SetDeviceHookFunction(
-        "vkQueuePresentKHR", GlobalDeviceHookFunctor<P, &T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>::Address());
+    Hook<&T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(processor_, "vkCreateGraphicsPipelines");
+    Hook<&T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
+    Hook<&T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
+    Hook<&T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>(processor_, "vkQueuePresentKHR");
 }
 
 void ZoVkAntutuVRSModule::RegisterModuleDeviceFunctors() {
