@@ -1,0 +1,120 @@
+"""The AnTuTu part of zovk-run's report: which passes the VRS module classified, and, frame by
+frame, the rate it recorded at each begin of a large render pass, the step its state machine
+reached, and the share of fragment work each rate removes.
+
+The rates come from the shading-rate emulation trace (what reached the driver's level); the pass
+kind and the step of each begin from the module's debug lines, which zovk-run turns on:
+  "vxxk c: <pass> <kind>"                            a pass classified at creation
+  "vxxk r: <frame> <kind> <width>x<height> <step>"   a rate recorded at a begin
+  "vxxk vflag: <0|1>"                                the VRS switch, sampled every 120 presents
+Kinds: A single attachment, B clear colour, C half float, O none of them.
+"""
+
+import itertools
+import re
+from collections import Counter
+
+CLASSIFIED_LINE = re.compile(r"vxxk c: (\S+) ([ABC])$")
+RATE_LINE = re.compile(r"vxxk r: (\d+) ([ABCO]) (\d+)x(\d+) (\d+)$")
+SWITCH_LINE = re.compile(r"vxxk vflag: (\d+)")
+SAMPLING_PERIOD = 120
+
+
+def saved_share(width, height):
+    """The share of fragment shader invocations a fragment size removes."""
+    return 1 - 1 / (width * height) if width > 0 and height > 0 else 0.0
+
+
+def summarise(events, layer_texts):
+    classified, switch, logged = [], [], {}
+    for t in layer_texts:
+        if m := CLASSIFIED_LINE.search(t):
+            classified.append({"pass": m.group(1), "kind": m.group(2)})
+        elif m := RATE_LINE.search(t):
+            logged.setdefault(int(m.group(1)), []).append(
+                {"kind": m.group(2), "size": [int(m.group(3)), int(m.group(4))], "step": int(m.group(5))})
+        elif m := SWITCH_LINE.search(t):
+            switch.append({"present": SAMPLING_PERIOD * (len(switch) + 1), "on": m.group(1) != "0"})
+
+    pipelines = Counter()
+    frames, rates, frame = [], [], 1
+    for e in events:
+        kind = e.get("event")
+        if kind == "pipeline":
+            pipelines["withBlock" if e.get("dynamicStateBlock") else "withoutBlock"] += 1
+            if e.get("rateDynamic"):
+                pipelines["withRate" if e.get("dynamicStateBlock") else "withRateButNoBlock"] += 1
+        elif kind == "setRate":
+            rates.append([e["width"], e["height"]])
+        elif kind == "present":
+            frames.append(_frame(frame, rates, logged.get(frame, [])))
+            frame, rates = e["frame"] + 1, []
+
+    step = 0
+    for f in frames:
+        for begin in f["begins"]:
+            begin["stepChanged"] = begin["step"] is not None and begin["step"] != step
+            step = begin["step"] if begin["step"] is not None else step
+        f["step"] = step if f["begins"] else None
+    sizes = Counter(f"{w}x{h}" for f in frames for b in f["begins"] for w, h in [b["size"]])
+    shares = [b["saved"] for f in frames for b in f["begins"]]
+    return {
+        "classified": dict(sorted(Counter(p["kind"] for p in classified).items())),
+        "classifiedPasses": classified,
+        "switchSamples": switch,
+        "pipelines": dict(pipelines),
+        "frames": frames,
+        "totals": {
+            "framesWithRates": sum(1 for f in frames if f["begins"]),
+            "rates": dict(sorted(sizes.items())),
+            "meanSaved": round(sum(shares) / len(shares), 4) if shares else 0.0,
+            "logAgrees": all(f["logAgrees"] for f in frames),
+        },
+    }
+
+
+def _frame(number, rates, logged):
+    """A frame's begins: the trace's rates in order, with the kind and step the log gives each."""
+    agrees = [r["size"] for r in logged] == rates
+    begins = []
+    for n, (width, height) in enumerate(rates):
+        entry = logged[n] if agrees else {}
+        begins.append({"kind": entry.get("kind", "?"), "size": [width, height], "step": entry.get("step"),
+                       "saved": round(saved_share(width, height), 4)})
+    return {"frame": number, "begins": begins, "logAgrees": agrees or not logged}
+
+
+def _describe(f):
+    if not f["begins"]:
+        return "no rate"
+    begins = ", ".join(f"{b['kind']} {b['size'][0]}x{b['size'][1]} {b['saved'] * 100:.0f}%"
+                       + (f" (step {b['step']})" if b["stepChanged"] else "") for b in f["begins"])
+    mean = sum(b["saved"] for b in f["begins"]) / len(f["begins"])
+    kinds = Counter(b["kind"] for b in f["begins"])
+    return (f"{len(f['begins'])} rates, step {f['step']}; passes " +
+            " ".join(f"{k} x{n}" for k, n in sorted(kinds.items())) +
+            f"; {begins}; mean saved {mean * 100:.1f}%" + ("" if f["logAgrees"] else "; log and trace disagree"))
+
+
+def report_lines(s):
+    names = {"A": "single attachment", "B": "clear colour", "C": "half float"}
+    lines = ["  AnTuTu VRS:"]
+    lines.append("    passes classified at creation: " +
+                 (", ".join(f"{k} ({names[k]}) x{n}" for k, n in s["classified"].items()) or "none"))
+    p = s["pipelines"]
+    lines.append(f"    pipelines: {p.get('withRate', 0)} of {p.get('withBlock', 0)} with a dynamic-state block carry "
+                 f"the shading rate; {p.get('withoutBlock', 0)} without a block"
+                 + (f", {p['withRateButNoBlock']} of them with the rate" if p.get("withRateButNoBlock") else ""))
+    if s["switchSamples"]:
+        lines.append("    VRS switch sampled: " +
+                     ", ".join(f"present {x['present']} {'on' if x['on'] else 'off'}" for x in s["switchSamples"]))
+    # Runs of frames that did the same thing.
+    for text, run in itertools.groupby(s["frames"], key=_describe):
+        run = list(run)
+        first, last = run[0]["frame"], run[-1]["frame"]
+        lines.append(f"    {'frame ' + str(first) if first == last else f'frames {first}-{last}'}: {text}")
+    t = s["totals"]
+    lines.append(f"    summed: {t['framesWithRates']} frames with rates; " +
+                 (", ".join(f"{k} x{n}" for k, n in t["rates"].items()) or "no rate") +
+                 f"; fragment work saved per begin with a rate, on average {t['meanSaved'] * 100:.1f}%")
+    return lines
