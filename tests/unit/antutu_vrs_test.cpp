@@ -4,9 +4,13 @@
 
 #include <json/value.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -42,6 +46,7 @@ std::string Size(const VkExtent2D& e) { return std::to_string(e.width) + "x" + s
 // ---- the next layer -------------------------------------------------------------------------
 
 struct Next {
+    std::mutex lock;  // the begin and rate calls may come from several threads
     std::vector<std::string> calls;
     VkResult createPassResult = VK_SUCCESS;
     uintptr_t lastPass = 0x100;
@@ -61,12 +66,14 @@ VkResult VKAPI_CALL CreateRenderPass(VkDevice, const VkRenderPassCreateInfo*, co
     return gNext->createPassResult;
 }
 void VKAPI_CALL CmdBeginRenderPass(VkCommandBuffer, const VkRenderPassBeginInfo*, VkSubpassContents) {
+    std::lock_guard<std::mutex> lock(gNext->lock);
     gNext->calls.push_back("begin");
 }
 void VKAPI_CALL CmdSetFragmentShadingRateKHR(VkCommandBuffer, const VkExtent2D* size,
                                              const VkFragmentShadingRateCombinerOpKHR ops[2]) {
     EXPECT_EQ(ops[0], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
     EXPECT_EQ(ops[1], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
+    std::lock_guard<std::mutex> lock(gNext->lock);
     gNext->calls.push_back(Size(*size));
 }
 VkResult VKAPI_CALL QueuePresent(VkQueue, const VkPresentInfoKHR*) { return VK_SUBOPTIMAL_KHR; }
@@ -333,6 +340,38 @@ TEST_F(AntutuVrsTest, StepMachineWalksTheBenchmarkSequenceToItsLastStepAndStays)
         EXPECT_EQ(Begins(frame), (std::vector<std::string>{"1x1", "4x4", "4x4", "2x4", "2x4", "4x4", "4x4", "4x4",
                                                             "2x4", "2x4", "4x4", "1x1"}));
     }
+}
+
+TEST_F(AntutuVrsTest, PassesBeginsAndPresentsOnSeveralThreads) {
+    const VkRenderPass b = Pass({{kHdr, kClear}, {kDepth, kLoad}});
+    const VkRenderPass c = Pass({{kHalf, kClear}, {kDepth, kLoad}});
+    SwitchOn();
+    next_.calls.clear();
+    constexpr int kBegins = 400;
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        for (int i = 0; i < 100; ++i) {
+            Pass({{kHdr, kClear}, {kDepth, kLoad}});
+        }
+    });
+    threads.emplace_back([&] { Present(2 * ZoVkAntutuVRSModule::kSamplingPeriod); });
+    for (VkRenderPass pass : {b, c}) {
+        threads.emplace_back([&, pass] {
+            VkRenderPassBeginInfo begin{};
+            begin.sType = VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO;
+            begin.renderPass = pass;
+            begin.renderArea.extent = {2400, 1200};
+            for (int i = 0; i < kBegins; ++i) {
+                P().VkCmdBeginRenderPassHooked(CommandBuffer(), &begin, VK_SUBPASS_CONTENTS_INLINE);
+            }
+        });
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    // The switch stayed on through both samplings: one rate before every begin.
+    EXPECT_EQ(std::count(next_.calls.begin(), next_.calls.end(), "begin"), 2 * kBegins);
+    EXPECT_EQ(next_.calls.size(), 4u * kBegins);
 }
 
 // ---- pipelines -------------------------------------------------------------------------------
