@@ -68,22 +68,9 @@ ZoVkAntutuVRSModule::ZoVkAntutuVRSModule(ZoVkProcessorBase* processor)
 }
 
 VkExtent2D ZoVkAntutuVRSModule::GetFramentSizeFromIntConfig(int code) {
-    switch (code) {
-        case 3:
-            return {1, 2};
-        case 4:
-            return {2, 1};
-        case 5:
-            return {2, 2};
-        case 6:
-            return {2, 4};
-        case 9:
-            return {4, 2};
-        case 10:
-            return {4, 4};
-        default:
-            return {1, 1};
-    }
+    // Codes 3 to 10; 7 and 8 stay at full rate.
+    constexpr VkExtent2D kSizes[] = {{1, 2}, {2, 1}, {2, 2}, {2, 4}, {1, 1}, {1, 1}, {4, 2}, {4, 4}};
+    return code >= 3 && code <= 10 ? kSizes[code - 3] : VkExtent2D{1, 1};
 }
 
 void ZoVkAntutuVRSModule::RegisterModuleVkDeviceHooks() {
