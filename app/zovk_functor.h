@@ -39,6 +39,12 @@ R DefaultResult() {
 }
 }  // namespace detail
 
+// The next layer's function for a call, from the device record of the processor.
+template <auto Slot>
+detail::PfnOf<Slot> NextLayer(ZoVkProcessorBase* processor) {
+    return processor->GetDeviceInfo()->functions.*Slot;
+}
+
 template <auto Slot, typename Pfn = detail::PfnOf<Slot>>
 struct ZoVkPreFunctor;
 
@@ -187,6 +193,14 @@ struct ZoVkPostChain {
     void Run(Args... args) const {
         head->Call(args...);
     }
+    // The shape of the create calls that modules only watch: the next layer first, then this
+    // chain with its result, which the application gets.
+    template <typename... Args>
+    VkResult RunAfterNextLayer(ZoVkProcessorBase* processor, Args... args) const {
+        const VkResult result = NextLayer<Slot>(processor)(args...);
+        Run(args..., result);
+        return result;
+    }
 };
 
 // Fills a module's node for the chain it is about to join.
@@ -205,10 +219,5 @@ void JoinFunctor(Chain& chain, Node& node, void* owner, Func func, int32_t prior
     chain.Insert(&node);
 }
 
-// The next layer's function for a call, from the device record of the processor.
-template <auto Slot>
-detail::PfnOf<Slot> NextLayer(ZoVkProcessorBase* processor) {
-    return processor->GetDeviceInfo()->functions.*Slot;
-}
 
 }  // namespace vulkan::zovk::app::module

@@ -33,10 +33,7 @@ public:
     }
     VkResult VkCreateRenderPassHooked(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
                                       const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass) {
-        const VkResult result =
-            module::NextLayer<&T::vkCreateRenderPass>(this)(device, pCreateInfo, pAllocator, pRenderPass);
-        postCreateRenderPass.Run(device, pCreateInfo, pAllocator, pRenderPass, result);
-        return result;
+        return postCreateRenderPass.RunAfterNextLayer(this, device, pCreateInfo, pAllocator, pRenderPass);
     }
     VkResult VkQueuePresentKHRHooked(VkQueue queue, const VkPresentInfoKHR* pPresentInfo) {
         return queuePresent.Run(queue, pPresentInfo);

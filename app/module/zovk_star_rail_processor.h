@@ -112,17 +112,13 @@ inline void ZoVkStarRailProcessor::VkCmdEndRenderPassHooked(VkCommandBuffer comm
 inline VkResult ZoVkStarRailProcessor::VkCreateRenderPassHooked(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
                                                          const VkAllocationCallbacks* pAllocator,
                                                          VkRenderPass* pRenderPass) {
-    const VkResult result = module::NextLayer<&T::vkCreateRenderPass>(this)(device, pCreateInfo, pAllocator, pRenderPass);
-    postCreateRenderPass.Run(device, pCreateInfo, pAllocator, pRenderPass, result);
-    return result;
+    return postCreateRenderPass.RunAfterNextLayer(this, device, pCreateInfo, pAllocator, pRenderPass);
 }
 
 inline VkResult ZoVkStarRailProcessor::VkCreateFramebufferHooked(VkDevice device, const VkFramebufferCreateInfo* pCreateInfo,
                                                           const VkAllocationCallbacks* pAllocator,
                                                           VkFramebuffer* pFramebuffer) {
-    const VkResult result = module::NextLayer<&T::vkCreateFramebuffer>(this)(device, pCreateInfo, pAllocator, pFramebuffer);
-    postCreateFramebuffer.Run(device, pCreateInfo, pAllocator, pFramebuffer, result);
-    return result;
+    return postCreateFramebuffer.RunAfterNextLayer(this, device, pCreateInfo, pAllocator, pFramebuffer);
 }
 
 inline void ZoVkStarRailProcessor::VkCmdBindPipelineHooked(VkCommandBuffer commandBuffer,
@@ -133,9 +129,7 @@ inline void ZoVkStarRailProcessor::VkCmdBindPipelineHooked(VkCommandBuffer comma
 inline VkResult ZoVkStarRailProcessor::VkCreateCommandPoolHooked(VkDevice device, const VkCommandPoolCreateInfo* pCreateInfo,
                                                           const VkAllocationCallbacks* pAllocator,
                                                           VkCommandPool* pCommandPool) {
-    const VkResult result = module::NextLayer<&T::vkCreateCommandPool>(this)(device, pCreateInfo, pAllocator, pCommandPool);
-    postCreateCommandPool.Run(device, pCreateInfo, pAllocator, pCommandPool, result);
-    return result;
+    return postCreateCommandPool.RunAfterNextLayer(this, device, pCreateInfo, pAllocator, pCommandPool);
 }
 
 inline void ZoVkStarRailProcessor::VkCmdDrawIndexedHooked(VkCommandBuffer commandBuffer, uint32_t indexCount,

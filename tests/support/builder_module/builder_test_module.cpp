@@ -58,10 +58,7 @@ public:
     VkResult VkCreateRenderPass2Hooked(VkDevice device, const VkRenderPassCreateInfo2* pCreateInfo,
                                        const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass) {
         // vkCreateRenderPass2KHR lands here too: at the served API version it is the core call.
-        const VkResult result =
-            module::NextLayer<&T::vkCreateRenderPass2>(this)(device, pCreateInfo, pAllocator, pRenderPass);
-        postCreateRenderPass2.Run(device, pCreateInfo, pAllocator, pRenderPass, result);
-        return result;
+        return postCreateRenderPass2.RunAfterNextLayer(this, device, pCreateInfo, pAllocator, pRenderPass);
     }
 
     PostChain<&T::vkCreateRenderPass2> postCreateRenderPass2;
