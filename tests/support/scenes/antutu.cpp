@@ -44,21 +44,16 @@ struct Options {
 Options parseOptions(int argc, char** argv) {
     Options o;
     o.common.frames = 200;  // past the 120th present, where the benchmark's switch is sampled
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (scene::parseCommonOption(argc, argv, i, o.common)) continue;
+    scene::parseOptions(argc, argv, kUsage, o.common, [&](const std::string& arg, int& i) {
         if (arg == "--render-width") {
             o.renderWidth = scene::parseNumber(scene::optionValue(argc, argv, i), "--render-width", 32, 8192);
         } else if (arg == "--render-height") {
             o.renderHeight = scene::parseNumber(scene::optionValue(argc, argv, i), "--render-height", 32, 8192);
-        } else if (arg == "--help" || arg == "-h") {
-            std::fputs(kUsage, stdout);
-            std::exit(0);
         } else {
-            std::fputs(kUsage, stderr);
-            vkh::fail("unknown option %s", arg.c_str());
+            return false;
         }
-    }
+        return true;
+    });
     return o;
 }
 
@@ -74,20 +69,6 @@ const PassStep kSequence[] = {
     {kHalf, "C"},         {kBloom, "O"}, {kHdr, "B"},  {kBloom, "O"}, {kHalf, "C"},
     {kHalf, "C"},         {kBloom, "O"}, {kUi, "A"},
 };
-
-VkFramebuffer createFramebuffer(VkDevice device, VkRenderPass pass, const std::vector<VkImageView>& views,
-                                VkExtent2D extent) {
-    VkFramebufferCreateInfo info = {VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
-    info.renderPass = pass;
-    info.attachmentCount = uint32_t(views.size());
-    info.pAttachments = views.data();
-    info.width = extent.width;
-    info.height = extent.height;
-    info.layers = 1;
-    VkFramebuffer fb = VK_NULL_HANDLE;
-    VKH_CHECK(vkCreateFramebuffer(device, &info, nullptr, &fb));
-    return fb;
-}
 
 }  // namespace
 
@@ -173,16 +154,19 @@ int main(int argc, char** argv) {
         bool dynamicViewport;
     };
     TargetInfo targets[kTargetCount] = {};
-    targets[kDepthPrepass] = {depthPass, createFramebuffer(device, depthPass, {depth.view}, area), area, VK_NULL_HANDLE, false};
-    targets[kHdr] = {hdrPass, createFramebuffer(device, hdrPass, {hdr.view, depth.view}, area), area, VK_NULL_HANDLE, true};
-    targets[kHalf] = {halfPass, createFramebuffer(device, halfPass, {half.view, depth.view}, area), area, VK_NULL_HANDLE, false};
-    targets[kHalfSmall] = {halfPass, createFramebuffer(device, halfPass, {halfSmall.view, smallDepth.view}, smallArea),
-                           smallArea, VK_NULL_HANDLE, true};
-    targets[kBloom] = {bloomPass, createFramebuffer(device, bloomPass, {bloom.view}, area), area, VK_NULL_HANDLE, false};
-    targets[kUi] = {uiPass, createFramebuffer(device, uiPass, {ui.view}, area), area, VK_NULL_HANDLE, true};
+    auto framebuffer = [&](VkRenderPass pass, std::vector<VkImageView> views, VkExtent2D extent) {
+        return scene::createFramebuffer(device, pass, views, extent);
+    };
+    targets[kDepthPrepass] = {depthPass, framebuffer(depthPass, {depth.view}, area), area, VK_NULL_HANDLE, false};
+    targets[kHdr] = {hdrPass, framebuffer(hdrPass, {hdr.view, depth.view}, area), area, VK_NULL_HANDLE, true};
+    targets[kHalf] = {halfPass, framebuffer(halfPass, {half.view, depth.view}, area), area, VK_NULL_HANDLE, false};
+    targets[kHalfSmall] = {halfPass, framebuffer(halfPass, {halfSmall.view, smallDepth.view}, smallArea), smallArea,
+                           VK_NULL_HANDLE, true};
+    targets[kBloom] = {bloomPass, framebuffer(bloomPass, {bloom.view}, area), area, VK_NULL_HANDLE, false};
+    targets[kUi] = {uiPass, framebuffer(uiPass, {ui.view}, area), area, VK_NULL_HANDLE, true};
     std::vector<VkFramebuffer> finalFramebuffers;
     for (VkImageView view : swapchain.views) {
-        finalFramebuffers.push_back(createFramebuffer(device, finalPass, {view}, screen));
+        finalFramebuffers.push_back(framebuffer(finalPass, {view}, screen));
     }
 
     // ---- pipelines: with a viewport/scissor block, with an empty block, with none

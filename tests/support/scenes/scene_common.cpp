@@ -58,6 +58,20 @@ bool parseCommonOption(int argc, char** argv, int& i, CommonOptions& options) {
     return true;
 }
 
+void parseOptions(int argc, char** argv, const char* usage, CommonOptions& common,
+                  const std::function<bool(const std::string& option, int& i)>& own) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (parseCommonOption(argc, argv, i, common) || own(arg, i)) continue;
+        if (arg == "--help" || arg == "-h") {
+            std::fputs(usage, stdout);
+            std::exit(0);
+        }
+        std::fputs(usage, stderr);
+        vkh::fail("unknown option %s", arg.c_str());
+    }
+}
+
 // ---- meshes
 
 Mesh makeGrid(uint32_t cols, uint32_t rows, float depthLeft, float depthRight) {
@@ -213,6 +227,20 @@ VkRenderPass createRenderPass(VkDevice device, const std::vector<AttachmentSpec>
     VkRenderPass pass = VK_NULL_HANDLE;
     VKH_CHECK(vkCreateRenderPass(device, &info, nullptr, &pass));
     return pass;
+}
+
+VkFramebuffer createFramebuffer(VkDevice device, VkRenderPass pass, const std::vector<VkImageView>& views,
+                                VkExtent2D extent) {
+    VkFramebufferCreateInfo info = {VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
+    info.renderPass = pass;
+    info.attachmentCount = uint32_t(views.size());
+    info.pAttachments = views.data();
+    info.width = extent.width;
+    info.height = extent.height;
+    info.layers = 1;
+    VkFramebuffer fb = VK_NULL_HANDLE;
+    VKH_CHECK(vkCreateFramebuffer(device, &info, nullptr, &fb));
+    return fb;
 }
 
 VkPipeline createPipeline(VkDevice device, const PipelineDesc& desc) {

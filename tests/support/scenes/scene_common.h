@@ -25,6 +25,12 @@ struct CommonOptions {
 // Parses "--frames N", "--width N", "--height N", "--png FILE" at argv[i] (advancing i past the
 // value) and returns true; false when argv[i] is not one of them.
 bool parseCommonOption(int argc, char** argv, int& i, CommonOptions& options);
+
+// Walks the command line: the common options into `common`, the scene's own through `own`
+// (given the option, it returns whether it took it, advancing i past a value), "--help" prints
+// `usage` and exits, anything else fails with it.
+void parseOptions(int argc, char** argv, const char* usage, CommonOptions& common,
+                  const std::function<bool(const std::string& option, int& i)>& own);
 // The value after argv[i] (advancing i), or a usage failure naming the option.
 const char* optionValue(int argc, char** argv, int& i);
 uint32_t parseNumber(const char* text, const char* option, uint32_t min, uint32_t max);
@@ -90,6 +96,9 @@ struct AttachmentSpec {
 // others are colour attachments in order. Created with vkCreateRenderPass (version 1), with
 // external dependencies that order attachment writes against earlier and later passes.
 VkRenderPass createRenderPass(VkDevice device, const std::vector<AttachmentSpec>& attachments);
+// A one-layer framebuffer of `views` at `extent`.
+VkFramebuffer createFramebuffer(VkDevice device, VkRenderPass pass, const std::vector<VkImageView>& views,
+                                VkExtent2D extent);
 
 enum class DynamicStates {
     kViewportScissor,  // a dynamic-state block with viewport and scissor

@@ -76,9 +76,7 @@ struct Options {
 
 Options parseOptions(int argc, char** argv) {
     Options o;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (scene::parseCommonOption(argc, argv, i, o.common)) continue;
+    scene::parseOptions(argc, argv, kUsage, o.common, [&](const std::string& arg, int& i) {
         if (arg == "--main-attachments") {
             o.mainAttachments = scene::parseNumber(scene::optionValue(argc, argv, i), "--main-attachments", 3, 9);
         } else if (arg == "--light-draws") {
@@ -94,14 +92,11 @@ Options parseOptions(int argc, char** argv) {
             o.framebuffersOnClear = kind == "clear";
         } else if (arg == "--present-times") {
             o.presentTimes = scene::optionValue(argc, argv, i);
-        } else if (arg == "--help" || arg == "-h") {
-            std::fputs(kUsage, stdout);
-            std::exit(0);
         } else {
-            std::fputs(kUsage, stderr);
-            vkh::fail("unknown option %s", arg.c_str());
+            return false;
         }
-    }
+        return true;
+    });
     // Draw 1 resolves the G-buffer, so the full-rate draw comes later.
     if (o.fullRatePos < 2 || o.fullRatePos > o.lightDraws) {
         vkh::fail("--full-rate-draw: the draw number must be from 2 to the light draw count (%u)", o.lightDraws);
@@ -152,20 +147,6 @@ std::vector<LightDraw> planLightDraws(const Options& o, const scene::MeshRange& 
         draws.push_back(d);
     }
     return draws;
-}
-
-VkFramebuffer createFramebuffer(VkDevice device, VkRenderPass pass, const std::vector<VkImageView>& views,
-                                VkExtent2D extent) {
-    VkFramebufferCreateInfo info = {VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO};
-    info.renderPass = pass;
-    info.attachmentCount = uint32_t(views.size());
-    info.pAttachments = views.data();
-    info.width = extent.width;
-    info.height = extent.height;
-    info.layers = 1;
-    VkFramebuffer fb = VK_NULL_HANDLE;
-    VKH_CHECK(vkCreateFramebuffer(device, &info, nullptr, &fb));
-    return fb;
 }
 
 }  // namespace
@@ -241,11 +222,13 @@ int main(int argc, char** argv) {
     for (const vkh::Image& t : mainTargets) mainViews.push_back(t.view);
     mainViews.push_back(depth.view);
     VkFramebuffer mainFramebuffer =
-        createFramebuffer(device, o.framebuffersOnClear ? mainClear : mainDontCare, mainViews, extent);
-    VkFramebuffer lightFramebuffer =
-        createFramebuffer(device, o.framebuffersOnClear ? lightClear : lightDontCare, {light.view, depth.view}, extent);
+        scene::createFramebuffer(device, o.framebuffersOnClear ? mainClear : mainDontCare, mainViews, extent);
+    VkFramebuffer lightFramebuffer = scene::createFramebuffer(device, o.framebuffersOnClear ? lightClear : lightDontCare,
+                                                              {light.view, depth.view}, extent);
     std::vector<VkFramebuffer> finalFramebuffers;
-    for (VkImageView view : swapchain.views) finalFramebuffers.push_back(createFramebuffer(device, finalPass, {view}, extent));
+    for (VkImageView view : swapchain.views) {
+        finalFramebuffers.push_back(scene::createFramebuffer(device, finalPass, {view}, extent));
+    }
 
     // ---- pipelines, against the DONT_CARE variants
     VkSampler nearest = scene::createSampler(device, VK_FILTER_NEAREST);
