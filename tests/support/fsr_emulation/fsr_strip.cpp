@@ -190,10 +190,8 @@ RenderPassStrip StripRenderPass2(Arena& arena, const VkRenderPassCreateInfo2* in
 
     VkRenderPassCreateInfo2* out = arena.Copy(info);
     if (!removed.empty() && FindInChain(info->pNext, VK_STRUCTURE_TYPE_RENDER_PASS_FRAGMENT_DENSITY_MAP_CREATE_INFO_EXT)) {
-        out->pNext = CopyChain(arena, info->pNext);
-        auto* density = static_cast<VkRenderPassFragmentDensityMapCreateInfoEXT*>(
-            FindInChainMutable(const_cast<void*>(out->pNext),
-                               VK_STRUCTURE_TYPE_RENDER_PASS_FRAGMENT_DENSITY_MAP_CREATE_INFO_EXT));
+        auto* density = CopyChainFind<VkRenderPassFragmentDensityMapCreateInfoEXT>(
+            arena, info->pNext, &out->pNext, VK_STRUCTURE_TYPE_RENDER_PASS_FRAGMENT_DENSITY_MAP_CREATE_INFO_EXT);
         if (density != nullptr) {
             density->fragmentDensityMapAttachment.attachment =
                 RemapAttachment(density->fragmentDensityMapAttachment.attachment, removed);
@@ -257,9 +255,8 @@ RenderPassStrip StripRenderPass2(Arena& arena, const VkRenderPassCreateInfo2* in
         changed |= SetIfDifferent(dep.srcAccessMask, StripAccess(dep.srcAccessMask));
         changed |= SetIfDifferent(dep.dstAccessMask, StripAccess(dep.dstAccessMask));
         if (FindInChain(dep.pNext, VK_STRUCTURE_TYPE_MEMORY_BARRIER_2)) {
-            dep.pNext = CopyChain(arena, dep.pNext);
-            auto* barrier = static_cast<VkMemoryBarrier2*>(
-                FindInChainMutable(const_cast<void*>(dep.pNext), VK_STRUCTURE_TYPE_MEMORY_BARRIER_2));
+            auto* barrier =
+                CopyChainFind<VkMemoryBarrier2>(arena, dep.pNext, &dep.pNext, VK_STRUCTURE_TYPE_MEMORY_BARRIER_2);
             if (barrier != nullptr) changed |= FixMasks2(*barrier);
         }
     }
@@ -300,9 +297,8 @@ FramebufferStrip StripFramebuffer(Arena& arena, const VkFramebufferCreateInfo* i
     VkFramebufferCreateInfo* out = arena.Copy(info);
     uint32_t kept = 0;
     if (info->flags & VK_FRAMEBUFFER_CREATE_IMAGELESS_BIT) {
-        out->pNext = CopyChain(arena, info->pNext);
-        auto* images = static_cast<VkFramebufferAttachmentsCreateInfo*>(
-            FindInChainMutable(const_cast<void*>(out->pNext), VK_STRUCTURE_TYPE_FRAMEBUFFER_ATTACHMENTS_CREATE_INFO));
+        auto* images = CopyChainFind<VkFramebufferAttachmentsCreateInfo>(
+            arena, info->pNext, &out->pNext, VK_STRUCTURE_TYPE_FRAMEBUFFER_ATTACHMENTS_CREATE_INFO);
         if (images != nullptr) {
             auto* infos = arena.Alloc<VkFramebufferAttachmentImageInfo>(images->attachmentImageInfoCount);
             for (uint32_t i = 0; i < images->attachmentImageInfoCount; ++i) {
@@ -358,9 +354,8 @@ BeginStrip StripRenderPassBegin(Arena& arena, const VkRenderPassBeginInfo* info,
         out->pClearValues = clears;
     }
     if (views != nullptr) {
-        out->pNext = CopyChain(arena, info->pNext);
-        auto* copy = static_cast<VkRenderPassAttachmentBeginInfo*>(
-            FindInChainMutable(const_cast<void*>(out->pNext), VK_STRUCTURE_TYPE_RENDER_PASS_ATTACHMENT_BEGIN_INFO));
+        auto* copy = CopyChainFind<VkRenderPassAttachmentBeginInfo>(arena, info->pNext, &out->pNext,
+                                                                    VK_STRUCTURE_TYPE_RENDER_PASS_ATTACHMENT_BEGIN_INFO);
         auto* kept = arena.Alloc<VkImageView>(views->attachmentCount);
         uint32_t n = 0;
         for (uint32_t i = 0; i < views->attachmentCount; ++i) {
@@ -377,20 +372,30 @@ BeginStrip StripRenderPassBegin(Arena& arena, const VkRenderPassBeginInfo* info,
     return result;
 }
 
-const VkImageCreateInfo* StripImageCreateInfo(Arena& arena, const VkImageCreateInfo* info) {
+namespace {
+
+// Image creation and image format queries carry the usage bit twice: in `usage` and in the
+// stencil usage structure of the chain.
+template <typename Info>
+const Info* StripImageUsage(Arena& arena, const Info* info) {
     auto* stencil = static_cast<const VkImageStencilUsageCreateInfo*>(
         FindInChain(info->pNext, VK_STRUCTURE_TYPE_IMAGE_STENCIL_USAGE_CREATE_INFO));
     const bool stencilHasBit = stencil && StripUsage(stencil->stencilUsage) != stencil->stencilUsage;
     if (StripUsage(info->usage) == info->usage && !stencilHasBit) return info;
-    VkImageCreateInfo* out = arena.Copy(info);
+    Info* out = arena.Copy(info);
     out->usage = StripUsage(info->usage);
     if (stencilHasBit) {
-        out->pNext = CopyChain(arena, info->pNext);
-        auto* copy = static_cast<VkImageStencilUsageCreateInfo*>(
-            FindInChainMutable(const_cast<void*>(out->pNext), VK_STRUCTURE_TYPE_IMAGE_STENCIL_USAGE_CREATE_INFO));
+        auto* copy = CopyChainFind<VkImageStencilUsageCreateInfo>(arena, info->pNext, &out->pNext,
+                                                                  VK_STRUCTURE_TYPE_IMAGE_STENCIL_USAGE_CREATE_INFO);
         copy->stencilUsage = StripUsage(copy->stencilUsage);
     }
     return out;
+}
+
+}  // namespace
+
+const VkImageCreateInfo* StripImageCreateInfo(Arena& arena, const VkImageCreateInfo* info) {
+    return StripImageUsage(arena, info);
 }
 
 const VkImageViewCreateInfo* StripImageViewCreateInfo(Arena& arena, const VkImageViewCreateInfo* info) {
@@ -398,28 +403,15 @@ const VkImageViewCreateInfo* StripImageViewCreateInfo(Arena& arena, const VkImag
         FindInChain(info->pNext, VK_STRUCTURE_TYPE_IMAGE_VIEW_USAGE_CREATE_INFO));
     if (usage == nullptr || StripUsage(usage->usage) == usage->usage) return info;
     VkImageViewCreateInfo* out = arena.Copy(info);
-    out->pNext = CopyChain(arena, info->pNext);
-    auto* copy = static_cast<VkImageViewUsageCreateInfo*>(
-        FindInChainMutable(const_cast<void*>(out->pNext), VK_STRUCTURE_TYPE_IMAGE_VIEW_USAGE_CREATE_INFO));
+    auto* copy = CopyChainFind<VkImageViewUsageCreateInfo>(arena, info->pNext, &out->pNext,
+                                                           VK_STRUCTURE_TYPE_IMAGE_VIEW_USAGE_CREATE_INFO);
     copy->usage = StripUsage(copy->usage);
     return out;
 }
 
 const VkPhysicalDeviceImageFormatInfo2* StripImageFormatInfo(Arena& arena,
                                                             const VkPhysicalDeviceImageFormatInfo2* info) {
-    auto* stencil = static_cast<const VkImageStencilUsageCreateInfo*>(
-        FindInChain(info->pNext, VK_STRUCTURE_TYPE_IMAGE_STENCIL_USAGE_CREATE_INFO));
-    const bool stencilHasBit = stencil && StripUsage(stencil->stencilUsage) != stencil->stencilUsage;
-    if (StripUsage(info->usage) == info->usage && !stencilHasBit) return info;
-    VkPhysicalDeviceImageFormatInfo2* out = arena.Copy(info);
-    out->usage = StripUsage(info->usage);
-    if (stencilHasBit) {
-        out->pNext = CopyChain(arena, info->pNext);
-        auto* copy = static_cast<VkImageStencilUsageCreateInfo*>(
-            FindInChainMutable(const_cast<void*>(out->pNext), VK_STRUCTURE_TYPE_IMAGE_STENCIL_USAGE_CREATE_INFO));
-        copy->stencilUsage = StripUsage(copy->stencilUsage);
-    }
-    return out;
+    return StripImageUsage(arena, info);
 }
 
 bool HasRateDynamicState(const VkPipelineDynamicStateCreateInfo* dyn) {

@@ -48,6 +48,13 @@ void* CopyChain(Arena& arena, const void* chain, VkStructureType drop = VK_STRUC
 // First node of type sType in a chain, or null.
 const void* FindInChain(const void* chain, VkStructureType sType);
 void* FindInChainMutable(void* chain, VkStructureType sType);
+// Copies `chain` into the arena, points *head at the copy, and returns the copy's structure of
+// `sType` (null when the chain has none).
+template <typename S>
+S* CopyChainFind(Arena& arena, const void* chain, const void** head, VkStructureType sType) {
+    *head = CopyChain(arena, chain);
+    return static_cast<S*>(FindInChainMutable(const_cast<void*>(*head), sType));
+}
 
 // Flags and layouts.
 VkImageUsageFlags StripUsage(VkImageUsageFlags usage);
