@@ -27,6 +27,19 @@ void Prepare(Map& map) {
     map.max_load_factor(1.0f);
 }
 
+// Destroys every substitute the maps hold (unless `destroy` is null: the device is out of
+// reach) and empties them.
+template <typename Destroy, typename... Maps>
+void DestroySubstitutes(Destroy destroy, VkDevice device, Maps&... maps) {
+    auto release = [&](auto& map) {
+        for (const auto& entry : map) {
+            if (destroy != nullptr && entry.second != VK_NULL_HANDLE) destroy(device, entry.second, nullptr);
+        }
+        map.clear();
+    };
+    (release(maps), ...);
+}
+
 }  // namespace
 
 ZoVkStarRailVRSModule::ZoVkStarRailVRSModule(ZoVkProcessorBase* processor)
@@ -153,25 +166,14 @@ void ZoVkStarRailVRSModule::ReleaseDeviceObjects() {
             record = nullptr;
         }
     }
+    const VkDevice device = record != nullptr ? record->device : VK_NULL_HANDLE;
+    const VkDeviceFunctionTable* f = record != nullptr ? &record->functions : nullptr;
+    DestroySubstitutes(f != nullptr ? f->vkDestroyPipeline : nullptr, device, mainPipelineMap, lightPipelineMap);
+    DestroySubstitutes(f != nullptr ? f->vkDestroyFramebuffer : nullptr, device, mainFramebufferMap,
+                       lightFramebufferMap);
+    DestroySubstitutes(f != nullptr ? f->vkDestroyRenderPass : nullptr, device, mainPassMap, mainFramebufferPassMap,
+                       lightPassMap, lightFramebufferPassMap);
     if (record != nullptr) {
-        const VkDevice device = record->device;
-        const auto& f = record->functions;
-        for (const SubstituteMap<VkPipeline>* map : {&mainPipelineMap, &lightPipelineMap}) {
-            for (const auto& [game, substitute] : *map) {
-                if (substitute != VK_NULL_HANDLE) f.vkDestroyPipeline(device, substitute, nullptr);
-            }
-        }
-        for (const SubstituteMap<VkFramebuffer>* map : {&mainFramebufferMap, &lightFramebufferMap}) {
-            for (const auto& [game, substitute] : *map) {
-                if (substitute != VK_NULL_HANDLE) f.vkDestroyFramebuffer(device, substitute, nullptr);
-            }
-        }
-        for (const SubstituteMap<VkRenderPass>* map :
-             {&mainPassMap, &mainFramebufferPassMap, &lightPassMap, &lightFramebufferPassMap}) {
-            for (const auto& [game, substitute] : *map) {
-                if (substitute != VK_NULL_HANDLE) f.vkDestroyRenderPass(device, substitute, nullptr);
-            }
-        }
         for (std::vector<ShadingRateImageInfo>* images : {&mainPassImages, &lightPassImages}) {
             for (ShadingRateImageInfo& image : *images) {
                 renderpassBuilder->destroyShadingRateImage(image);
@@ -182,11 +184,6 @@ void ZoVkStarRailVRSModule::ReleaseDeviceObjects() {
         }
         renderpassBuilder->Release();
     }
-    for (auto* map : {&mainPassMap, &mainFramebufferPassMap, &lightPassMap, &lightFramebufferPassMap}) map->clear();
-    mainFramebufferMap.clear();
-    lightFramebufferMap.clear();
-    mainPipelineMap.clear();
-    lightPipelineMap.clear();
     lightPassSubstitute = VK_NULL_HANDLE;
     mainPassImages.clear();
     lightPassImages.clear();
