@@ -151,12 +151,20 @@ uint32_t ResourceCreate::findGraphicQueueFamilies() {
     return UINT32_MAX;
 }
 
+uint32_t ResourceCreate::GraphicsFamily() {
+    if (!graphicsFamilyCached_) {
+        graphicsFamily_ = findGraphicQueueFamilies();
+        graphicsFamilyCached_ = true;
+    }
+    return graphicsFamily_;
+}
+
 // The helper records into a pool of its own, so that no application pool is used from a
 // thread that may not own it. The application's pool is the fallback.
 VkCommandPool ResourceCreate::OneShotPool() {
     if (ownPool_ == VK_NULL_HANDLE && !ownPoolTried_) {
         ownPoolTried_ = true;
-        const uint32_t family = findGraphicQueueFamilies();
+        const uint32_t family = GraphicsFamily();
         if (family != UINT32_MAX) {
             const ZoVkDeviceInfo* record = DeviceInfo();
             VkCommandPoolCreateInfo info{};
@@ -219,7 +227,7 @@ void ResourceCreate::endSingleTimeCommands(VkCommandBuffer commandBuffer) {
     const VkDevice device = record->device;
     record->functions.vkEndCommandBuffer(commandBuffer);
 
-    const uint32_t family = findGraphicQueueFamilies();
+    const uint32_t family = GraphicsFamily();
     VkQueue queue = VK_NULL_HANDLE;
     if (family != UINT32_MAX) {
         record->functions.vkGetDeviceQueue(device, family, 0, &queue);
@@ -291,6 +299,8 @@ void ResourceCreate::Release() {
     commandPool_ = VK_NULL_HANDLE;
     memoryProperties_ = {};
     memoryPropertiesCached_ = false;
+    graphicsFamily_ = UINT32_MAX;
+    graphicsFamilyCached_ = false;
 }
 
 }  // namespace vulkan::zovk::app::module

@@ -60,12 +60,16 @@ private:
                         VkDeviceMemory& memory);
 
     const VkPhysicalDeviceMemoryProperties& MemoryProperties();
+    // findGraphicQueueFamilies, asked once per device: every one-shot submission needs it.
+    uint32_t GraphicsFamily();
     VkCommandPool OneShotPool();
 
     ZoVkProcessorBase* processor_;
     VkCommandPool commandPool_ = VK_NULL_HANDLE;
     VkPhysicalDeviceMemoryProperties memoryProperties_{};
     bool memoryPropertiesCached_ = false;
+    uint32_t graphicsFamily_ = UINT32_MAX;
+    bool graphicsFamilyCached_ = false;
     VkCommandPool ownPool_ = VK_NULL_HANDLE;
     bool ownPoolTried_ = false;
     // The pool the command buffer being recorded came from, to free it there.
