@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -72,15 +73,21 @@ bool HasNodeSocketOf(const BinderDir& dir, pid_t pid) {
 
 class Ipc : public testing::Test {
 protected:
+    // The echo service in a child process, found through the service manager; null if either fails.
+    sp<IBinder> StartEcho() {
+        echo_ = std::make_unique<ChildService>("echo", MakeService);
+        EXPECT_TRUE(echo_->registered());
+        return Find("echo");
+    }
+
     BinderDir dir_;
+    std::unique_ptr<ChildService> echo_;
 };
 
 // --- calls ---------------------------------------------------------------------------------
 
 TEST_F(Ipc, ACallReachesTheServiceAndItsReplyComesBack) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     EXPECT_NE(service->remoteBinder(), nullptr);
     EXPECT_EQ(service->localBinder(), nullptr);
@@ -100,13 +107,11 @@ TEST_F(Ipc, ACallReachesTheServiceAndItsReplyComesBack) {
     EXPECT_EQ(service->pingBinder(), android::OK);
     EXPECT_TRUE(service->isBinderAlive());
     EXPECT_EQ(Find("echo"), service) << "one proxy per remote object";
-    EXPECT_EQ(Call(service, TestService::WHO), child.pid());
+    EXPECT_EQ(Call(service, TestService::WHO), echo_->pid());
 }
 
 TEST_F(Ipc, TheCalleesStatusComesBackAsItIs) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     Parcel empty;
     Parcel reply;
@@ -120,9 +125,7 @@ TEST_F(Ipc, TheCalleesStatusComesBackAsItIs) {
 }
 
 TEST_F(Ipc, ConcurrentCallersAreAllServed) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     std::vector<std::thread> threads;
     std::atomic<int> good{0};
@@ -193,9 +196,7 @@ TEST_F(Ipc, ANameGoesToItsLatestRegistration) {
 // --- strong binders ------------------------------------------------------------------------
 
 TEST_F(Ipc, ACallbackIsCalledBackAndComesHomeAsItself) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     const sp<TestCallback> callback = new TestCallback();
 
@@ -208,15 +209,13 @@ TEST_F(Ipc, ACallbackIsCalledBackAndComesHomeAsItself) {
     EXPECT_EQ(back.get(), static_cast<IBinder*>(callback.get()));
     EXPECT_EQ(ITestCallback::asInterface(back).get(), static_cast<ITestCallback*>(callback.get()));
 
-    EXPECT_EQ(callback->notes(), std::vector<std::string>{"from " + std::to_string(child.pid())});
-    EXPECT_EQ(callback->callers(), std::vector<pid_t>{child.pid()});
+    EXPECT_EQ(callback->notes(), std::vector<std::string>{"from " + std::to_string(echo_->pid())});
+    EXPECT_EQ(callback->callers(), std::vector<pid_t>{echo_->pid()});
     EXPECT_TRUE(HasNodeSocketOf(dir_, getpid())) << "the callback got a socket of its own";
 }
 
 TEST_F(Ipc, ARemoteReferenceKeepsTheObjectAliveAndItsSocketGoesWithIt) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     sp<TestCallback> callback = new TestCallback();
     const wp<TestCallback> weak = callback;
@@ -237,9 +236,7 @@ TEST_F(Ipc, ARemoteReferenceKeepsTheObjectAliveAndItsSocketGoesWithIt) {
 }
 
 TEST_F(Ipc, AnObjectReturnedInAReplyOutlivesTheCalleesReference) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     Parcel data;
     Parcel reply;
@@ -255,9 +252,7 @@ TEST_F(Ipc, AnObjectReturnedInAReplyOutlivesTheCalleesReference) {
 }
 
 TEST_F(Ipc, AOneWayCallCarryingABinderKeepsItAlive) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     sp<TestCallback> callback = new TestCallback();
     const wp<TestCallback> weak = callback;
@@ -277,17 +272,15 @@ TEST_F(Ipc, AOneWayCallCarryingABinderKeepsItAlive) {
 
 TEST_F(Ipc, OneWayCallsDoNotWaitForTheCallee) {
     setenv("ZOVK_BINDER_TIMEOUT_MS", "500", 1);
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     ASSERT_EQ(Echo(service, "open a connection"), android::OK);
 
-    child.Signal(SIGSTOP);  // a two-way call now would time out
+    echo_->Signal(SIGSTOP);  // a two-way call now would time out
     Parcel data;
     data.writeInt32(42);
     EXPECT_EQ(service->transact(TestService::SET_VALUE, data, nullptr, IBinder::FLAG_ONEWAY), android::OK);
-    child.Signal(SIGCONT);
+    echo_->Signal(SIGCONT);
     EXPECT_EQ(Call(service, TestService::GET_VALUE), 42) << "the one-way call arrived, in order";
 }
 
@@ -328,9 +321,7 @@ private:
 };
 
 TEST_F(Ipc, DeathOfTheServiceReachesItsRecipientsOnce) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     const sp<Recipient> linked = new Recipient();
     const sp<Recipient> unlinked = new Recipient();
@@ -343,7 +334,7 @@ TEST_F(Ipc, DeathOfTheServiceReachesItsRecipientsOnce) {
     EXPECT_EQ(out.promote(), unlinked);
     EXPECT_EQ(service->linkToDeath(nullptr), android::BAD_VALUE);
 
-    child.KillAndReap();
+    echo_->KillAndReap();
     ASSERT_TRUE(linked->WaitForDeath());
     EXPECT_EQ(linked->who().promote(), service);
     EXPECT_NE(linked->thread(), std::this_thread::get_id()) << "delivered on a binder thread";
@@ -358,24 +349,20 @@ TEST_F(Ipc, DeathOfTheServiceReachesItsRecipientsOnce) {
 }
 
 TEST_F(Ipc, ARecipientOnlyTheBinderHoldsLapsesQuietly) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     ASSERT_EQ(service->linkToDeath(sp<Recipient>(new Recipient())), android::OK);  // dropped at once
     const sp<Recipient> kept = new Recipient();
     ASSERT_EQ(service->linkToDeath(kept), android::OK);
-    child.KillAndReap();
+    echo_->KillAndReap();
     EXPECT_TRUE(kept->WaitForDeath());
 }
 
 TEST_F(Ipc, CallsToADeadServiceFailWithoutAnyRecipient) {
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     ASSERT_EQ(Echo(service, "alive"), android::OK);
-    child.KillAndReap();
+    echo_->KillAndReap();
     EXPECT_EQ(Echo(service, "dead"), android::DEAD_OBJECT);
     EXPECT_FALSE(service->isBinderAlive());
     EXPECT_EQ(Echo(service, "still dead"), android::DEAD_OBJECT);
@@ -386,13 +373,11 @@ TEST_F(Ipc, CallsToADeadServiceFailWithoutAnyRecipient) {
 
 TEST_F(Ipc, AStoppedServiceTimesOutInsteadOfHanging) {
     setenv("ZOVK_BINDER_TIMEOUT_MS", "300", 1);
-    ChildService child("echo", MakeService);
-    ASSERT_TRUE(child.registered());
-    const sp<IBinder> service = Find("echo");
+    const sp<IBinder> service = StartEcho();
     ASSERT_NE(service, nullptr);
     ASSERT_EQ(Echo(service, "open a connection"), android::OK);
 
-    child.Signal(SIGSTOP);
+    echo_->Signal(SIGSTOP);
     auto start = Clock::now();
     EXPECT_EQ(Echo(service, "on the open connection"), android::TIMED_OUT);
     EXPECT_EQ(Echo(service, "on a new connection"), android::TIMED_OUT);
@@ -422,7 +407,7 @@ TEST_F(Ipc, AStoppedServiceTimesOutInsteadOfHanging) {
 
     // Awake again: a loaded machine may take longer than the short bound to answer.
     setenv("ZOVK_BINDER_TIMEOUT_MS", "10000", 1);
-    child.Signal(SIGCONT);
+    echo_->Signal(SIGCONT);
     EXPECT_TRUE(service->isBinderAlive()) << "a slow service is not a dead one";
     EXPECT_EQ(Echo(service, "awake"), android::OK);
 }
