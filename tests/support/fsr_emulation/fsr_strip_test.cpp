@@ -102,6 +102,15 @@ struct RatePass {
         info.dependencyCount = 1;
         info.pDependencies = &dep;
     }
+
+    // The same pass with nothing of the extension: no rate info, attachment 1 a colour target.
+    void WithoutRate() {
+        subpasses[0].pNext = nullptr;
+        subpasses[1].pNext = nullptr;
+        atts[1] = Desc(VK_FORMAT_R8G8B8A8_UNORM);
+        dep.dstStageMask = VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT;
+        dep.dstAccessMask = VK_ACCESS_SHADER_READ_BIT;
+    }
 };
 
 TEST(RenderPass2, RemovesTheRateAttachmentAndRemapsEveryReference) {
@@ -177,11 +186,7 @@ TEST(RenderPass2, RemovesTwoDifferentRateAttachmentsInOrder) {
 
 TEST(RenderPass2, PassWithoutAnythingOfTheExtensionGoesDownUntouched) {
     RatePass pass;
-    pass.subpasses[0].pNext = nullptr;
-    pass.subpasses[1].pNext = nullptr;
-    pass.atts[1] = Desc(VK_FORMAT_R8G8B8A8_UNORM);
-    pass.dep.dstStageMask = VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT;
-    pass.dep.dstAccessMask = VK_ACCESS_SHADER_READ_BIT;
+    pass.WithoutRate();
     Arena arena;
     RenderPassStrip s = StripRenderPass2(arena, &pass.info);
     EXPECT_EQ(s.info, &pass.info);
@@ -206,11 +211,7 @@ TEST(RenderPass2, RateInfoWithoutAttachmentIsDroppedButNothingRemoved) {
 
 TEST(RenderPass2, FixesSynchronization2BarrierOfADependency) {
     RatePass pass;
-    pass.subpasses[0].pNext = nullptr;
-    pass.subpasses[1].pNext = nullptr;
-    pass.atts[1] = Desc(VK_FORMAT_R8G8B8A8_UNORM);
-    pass.dep.dstStageMask = VK_PIPELINE_STAGE_FRAGMENT_SHADER_BIT;
-    pass.dep.dstAccessMask = VK_ACCESS_SHADER_READ_BIT;
+    pass.WithoutRate();
     VkMemoryBarrier2 barrier = {VK_STRUCTURE_TYPE_MEMORY_BARRIER_2};
     barrier.dstStageMask = VK_PIPELINE_STAGE_2_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR | VK_PIPELINE_STAGE_2_COPY_BIT;
     barrier.dstAccessMask = VK_ACCESS_2_FRAGMENT_SHADING_RATE_ATTACHMENT_READ_BIT_KHR;
