@@ -254,6 +254,15 @@ uint32_t Context::memoryType(uint32_t typeBits, VkMemoryPropertyFlags flags) con
     fail("no memory type among 0x%x with properties 0x%x", typeBits, flags);
 }
 
+VkDeviceMemory Context::allocate(const VkMemoryRequirements& requirements, VkMemoryPropertyFlags flags) const {
+    VkMemoryAllocateInfo alloc = {VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO};
+    alloc.allocationSize = requirements.size;
+    alloc.memoryTypeIndex = memoryType(requirements.memoryTypeBits, flags);
+    VkDeviceMemory memory = VK_NULL_HANDLE;
+    VKH_CHECK(vkAllocateMemory(device, &alloc, nullptr, &memory));
+    return memory;
+}
+
 Buffer Context::createBuffer(VkDeviceSize size, VkBufferUsageFlags usage, VkMemoryPropertyFlags flags) {
     Buffer b;
     b.size = size;
@@ -264,10 +273,7 @@ Buffer Context::createBuffer(VkDeviceSize size, VkBufferUsageFlags usage, VkMemo
     VKH_CHECK(vkCreateBuffer(device, &info, nullptr, &b.buffer));
     VkMemoryRequirements req;
     vkGetBufferMemoryRequirements(device, b.buffer, &req);
-    VkMemoryAllocateInfo alloc = {VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO};
-    alloc.allocationSize = req.size;
-    alloc.memoryTypeIndex = memoryType(req.memoryTypeBits, flags);
-    VKH_CHECK(vkAllocateMemory(device, &alloc, nullptr, &b.memory));
+    b.memory = allocate(req, flags);
     VKH_CHECK(vkBindBufferMemory(device, b.buffer, b.memory, 0));
     if (flags & VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT) VKH_CHECK(vkMapMemory(device, b.memory, 0, VK_WHOLE_SIZE, 0, &b.mapped));
     return b;
@@ -297,10 +303,7 @@ Image Context::createImage(VkFormat format, VkExtent2D extent, VkImageUsageFlags
     VKH_CHECK(vkCreateImage(device, &info, nullptr, &img.image));
     VkMemoryRequirements req;
     vkGetImageMemoryRequirements(device, img.image, &req);
-    VkMemoryAllocateInfo alloc = {VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO};
-    alloc.allocationSize = req.size;
-    alloc.memoryTypeIndex = memoryType(req.memoryTypeBits, kDeviceMemory);
-    VKH_CHECK(vkAllocateMemory(device, &alloc, nullptr, &img.memory));
+    img.memory = allocate(req, kDeviceMemory);
     VKH_CHECK(vkBindImageMemory(device, img.image, img.memory, 0));
     VkImageViewCreateInfo viewInfo = {VK_STRUCTURE_TYPE_IMAGE_VIEW_CREATE_INFO};
     viewInfo.image = img.image;

@@ -115,6 +115,8 @@ public:
 
     bool supportsOptimal(VkFormat format, VkFormatFeatureFlags features) const;
     uint32_t memoryType(uint32_t typeBits, VkMemoryPropertyFlags flags) const;
+    // Memory of the first type that fits `requirements` and has `flags`.
+    VkDeviceMemory allocate(const VkMemoryRequirements& requirements, VkMemoryPropertyFlags flags) const;
 
     Buffer createBuffer(VkDeviceSize size, VkBufferUsageFlags usage, VkMemoryPropertyFlags flags);
     // A host-visible buffer holding a copy of `data`.
