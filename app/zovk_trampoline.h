@@ -47,4 +47,11 @@ private:
     }
 };
 
+// Enters the trampoline of `Processor` for a call into `processor`'s device hook map, under the
+// call's name: how modules install the hooks their nodes need.
+template <typename Processor, auto Slot, auto Member>
+void SetDeviceHook(ZoVkProcessorBase* processor, const char* name) {
+    processor->SetDeviceHookFunction(name, GlobalDeviceHookFunctor<Processor, Slot, Member>::Address());
+}
+
 }  // namespace vulkan::zovk::app

@@ -36,21 +36,6 @@ constexpr StepRule kStepRules[] = {
     {'C', 3, 0, -1, 5},    // 4: the last step, kept for the rest of the process
 };
 
-// Enters the trampoline of a call into the processor's device hook map.
-template <auto Slot, auto Member>
-void Hook(ZoVkAntutuProcessor* processor, const char* name) {
-    processor->SetDeviceHookFunction(name, GlobalDeviceHookFunctor<ZoVkAntutuProcessor, Slot, Member>::Address());
-}
-
-// Every registration starts from a clean node: a processor serving a second device registers
-// again, and its post chain still holds the node from the first.
-template <typename Chain, typename Node, typename Func>
-void Join(Chain& chain, Node& node, void* owner, Func func, int32_t priority) {
-    chain.Remove(&node);
-    FillFunctor(node, owner, func, priority);
-    chain.Insert(&node);
-}
-
 }  // namespace
 
 ZoVkAntutuVRSModule::ZoVkAntutuVRSModule(ZoVkProcessorBase* processor)
@@ -75,21 +60,23 @@ VkExtent2D ZoVkAntutuVRSModule::GetFramentSizeFromIntConfig(int code) {
 
 void ZoVkAntutuVRSModule::RegisterModuleVkDeviceHooks() {
     using P = ZoVkAntutuProcessor;
-    Hook<&T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(processor_, "vkCreateGraphicsPipelines");
-    Hook<&T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
-    Hook<&T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
-    Hook<&T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>(processor_, "vkQueuePresentKHR");
+    SetDeviceHook<P, &T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(processor_,
+                                                                                         "vkCreateGraphicsPipelines");
+    SetDeviceHook<P, &T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
+    SetDeviceHook<P, &T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
+    SetDeviceHook<P, &T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>(processor_, "vkQueuePresentKHR");
 }
 
 void ZoVkAntutuVRSModule::RegisterModuleDeviceFunctors() {
     using M = ZoVkAntutuVRSModule;
-    Join(processor_->createGraphicsPipelines, pipelinesNode_, this,
-         &decltype(pipelinesNode_)::Hooked<M, &M::PreVkCreateGraphicsPipelines>, 1000);
-    Join(processor_->cmdBeginRenderPass, beginNode_, this, &decltype(beginNode_)::Hooked<M, &M::PreVkCmdBeginRenderPass>,
-         0);
-    Join(processor_->postCreateRenderPass, createPassNode_, this,
-         &decltype(createPassNode_)::Hooked<M, &M::PostVkCreateRenderPass>, 0);
-    Join(processor_->queuePresent, presentNode_, this, &decltype(presentNode_)::Hooked<M, &M::PreVkQueuePresentKHR>, 0);
+    JoinFunctor(processor_->createGraphicsPipelines, pipelinesNode_, this,
+                &decltype(pipelinesNode_)::Hooked<M, &M::PreVkCreateGraphicsPipelines>, 1000);
+    JoinFunctor(processor_->cmdBeginRenderPass, beginNode_, this,
+                &decltype(beginNode_)::Hooked<M, &M::PreVkCmdBeginRenderPass>, 0);
+    JoinFunctor(processor_->postCreateRenderPass, createPassNode_, this,
+                &decltype(createPassNode_)::Hooked<M, &M::PostVkCreateRenderPass>, 0);
+    JoinFunctor(processor_->queuePresent, presentNode_, this,
+                &decltype(presentNode_)::Hooked<M, &M::PreVkQueuePresentKHR>, 0);
 }
 
 void ZoVkAntutuVRSModule::UnregisterModuleDeviceFunctors() {

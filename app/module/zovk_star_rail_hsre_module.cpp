@@ -15,10 +15,8 @@ ZoVkStarRailHSREModule::ZoVkStarRailHSREModule(ZoVkProcessorBase* processor)
 }
 
 void ZoVkStarRailHSREModule::RegisterModuleVkDeviceHooks() {
-    processor_->SetDeviceHookFunction(
-        "vkCreateGraphicsPipelines",
-        ZoVkStarRailProcessor::Trampoline<&VkDeviceFunctionTable::vkCreateGraphicsPipelines,
-                                          &ZoVkStarRailProcessor::VkCreateGraphicsPipelinesHooked>());
+    SetDeviceHook<ZoVkStarRailProcessor, &VkDeviceFunctionTable::vkCreateGraphicsPipelines,
+                  &ZoVkStarRailProcessor::VkCreateGraphicsPipelinesHooked>(processor_, "vkCreateGraphicsPipelines");
 }
 
 void ZoVkStarRailHSREModule::RegisterModuleDeviceFunctors() {

@@ -17,11 +17,6 @@ using P = ZoVkStarRailProcessor;
 using T = VkDeviceFunctionTable;
 using M = ZoVkStarRailVRSModule;
 
-template <auto Slot, auto Member>
-void Hook(P* processor, const char* name) {
-    processor->SetDeviceHookFunction(name, P::Trampoline<Slot, Member>());
-}
-
 template <typename Map>
 void Prepare(Map& map) {
     map.max_load_factor(1.0f);
@@ -79,21 +74,22 @@ ZoVkStarRailVRSModule::~ZoVkStarRailVRSModule() {
 }
 
 void ZoVkStarRailVRSModule::RegisterModuleVkDeviceHooks() {
-    Hook<&T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>(processor_, "vkQueuePresentKHR");
-    Hook<&T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(processor_, "vkCreateGraphicsPipelines");
-    Hook<&T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
-    Hook<&T::vkCmdEndRenderPass, &P::VkCmdEndRenderPassHooked>(processor_, "vkCmdEndRenderPass");
-    Hook<&T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
-    Hook<&T::vkCreateFramebuffer, &P::VkCreateFramebufferHooked>(processor_, "vkCreateFramebuffer");
-    Hook<&T::vkCmdBindPipeline, &P::VkCmdBindPipelineHooked>(processor_, "vkCmdBindPipeline");
-    Hook<&T::vkCreateCommandPool, &P::VkCreateCommandPoolHooked>(processor_, "vkCreateCommandPool");
-    Hook<&T::vkCmdDrawIndexed, &P::VkCmdDrawIndexedHooked>(processor_, "vkCmdDrawIndexed");
-    Hook<&T::vkDestroyPipeline, &P::VkDestroyPipelineHooked>(processor_, "vkDestroyPipeline");
-    Hook<&T::vkDestroyRenderPass, &P::VkDestroyRenderPassHooked>(processor_, "vkDestroyRenderPass");
-    Hook<&T::vkDestroyFramebuffer, &P::VkDestroyFramebufferHooked>(processor_, "vkDestroyFramebuffer");
-    Hook<&T::vkCmdExecuteCommands, &P::VkCmdExecuteCommandsHooked>(processor_, "vkCmdExecuteCommands");
-    Hook<&T::vkBeginCommandBuffer, &P::VkBeginCommandBufferHooked>(processor_, "vkBeginCommandBuffer");
-    Hook<&T::vkEndCommandBuffer, &P::VkEndCommandBufferHooked>(processor_, "vkEndCommandBuffer");
+    SetDeviceHook<P, &T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>(processor_, "vkQueuePresentKHR");
+    SetDeviceHook<P, &T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(processor_,
+                                                                                         "vkCreateGraphicsPipelines");
+    SetDeviceHook<P, &T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
+    SetDeviceHook<P, &T::vkCmdEndRenderPass, &P::VkCmdEndRenderPassHooked>(processor_, "vkCmdEndRenderPass");
+    SetDeviceHook<P, &T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
+    SetDeviceHook<P, &T::vkCreateFramebuffer, &P::VkCreateFramebufferHooked>(processor_, "vkCreateFramebuffer");
+    SetDeviceHook<P, &T::vkCmdBindPipeline, &P::VkCmdBindPipelineHooked>(processor_, "vkCmdBindPipeline");
+    SetDeviceHook<P, &T::vkCreateCommandPool, &P::VkCreateCommandPoolHooked>(processor_, "vkCreateCommandPool");
+    SetDeviceHook<P, &T::vkCmdDrawIndexed, &P::VkCmdDrawIndexedHooked>(processor_, "vkCmdDrawIndexed");
+    SetDeviceHook<P, &T::vkDestroyPipeline, &P::VkDestroyPipelineHooked>(processor_, "vkDestroyPipeline");
+    SetDeviceHook<P, &T::vkDestroyRenderPass, &P::VkDestroyRenderPassHooked>(processor_, "vkDestroyRenderPass");
+    SetDeviceHook<P, &T::vkDestroyFramebuffer, &P::VkDestroyFramebufferHooked>(processor_, "vkDestroyFramebuffer");
+    SetDeviceHook<P, &T::vkCmdExecuteCommands, &P::VkCmdExecuteCommandsHooked>(processor_, "vkCmdExecuteCommands");
+    SetDeviceHook<P, &T::vkBeginCommandBuffer, &P::VkBeginCommandBufferHooked>(processor_, "vkBeginCommandBuffer");
+    SetDeviceHook<P, &T::vkEndCommandBuffer, &P::VkEndCommandBufferHooked>(processor_, "vkEndCommandBuffer");
 }
 
 void ZoVkStarRailVRSModule::RegisterModuleDeviceFunctors() {

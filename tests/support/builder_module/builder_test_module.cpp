@@ -80,18 +80,19 @@ public:
     void RegisterModuleVkDeviceHooks() override {
         using P = ZoVkStarRailProcessor;
         using Q = BuilderTestProcessor;
-        Hook<P, &T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>("vkCreateRenderPass");
-        Hook<Q, &T::vkCreateRenderPass2, &Q::VkCreateRenderPass2Hooked>("vkCreateRenderPass2");
-        Hook<Q, &T::vkCreateRenderPass2, &Q::VkCreateRenderPass2Hooked>("vkCreateRenderPass2KHR");
-        Hook<P, &T::vkCreateFramebuffer, &P::VkCreateFramebufferHooked>("vkCreateFramebuffer");
-        Hook<P, &T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>("vkCreateGraphicsPipelines");
-        Hook<P, &T::vkCreateCommandPool, &P::VkCreateCommandPoolHooked>("vkCreateCommandPool");
-        Hook<P, &T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>("vkCmdBeginRenderPass");
-        Hook<P, &T::vkCmdEndRenderPass, &P::VkCmdEndRenderPassHooked>("vkCmdEndRenderPass");
-        Hook<P, &T::vkCmdBindPipeline, &P::VkCmdBindPipelineHooked>("vkCmdBindPipeline");
-        Hook<P, &T::vkDestroyRenderPass, &P::VkDestroyRenderPassHooked>("vkDestroyRenderPass");
-        Hook<P, &T::vkDestroyFramebuffer, &P::VkDestroyFramebufferHooked>("vkDestroyFramebuffer");
-        Hook<P, &T::vkDestroyPipeline, &P::VkDestroyPipelineHooked>("vkDestroyPipeline");
+        SetDeviceHook<P, &T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
+        SetDeviceHook<Q, &T::vkCreateRenderPass2, &Q::VkCreateRenderPass2Hooked>(processor_, "vkCreateRenderPass2");
+        SetDeviceHook<Q, &T::vkCreateRenderPass2, &Q::VkCreateRenderPass2Hooked>(processor_, "vkCreateRenderPass2KHR");
+        SetDeviceHook<P, &T::vkCreateFramebuffer, &P::VkCreateFramebufferHooked>(processor_, "vkCreateFramebuffer");
+        SetDeviceHook<P, &T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(
+            processor_, "vkCreateGraphicsPipelines");
+        SetDeviceHook<P, &T::vkCreateCommandPool, &P::VkCreateCommandPoolHooked>(processor_, "vkCreateCommandPool");
+        SetDeviceHook<P, &T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
+        SetDeviceHook<P, &T::vkCmdEndRenderPass, &P::VkCmdEndRenderPassHooked>(processor_, "vkCmdEndRenderPass");
+        SetDeviceHook<P, &T::vkCmdBindPipeline, &P::VkCmdBindPipelineHooked>(processor_, "vkCmdBindPipeline");
+        SetDeviceHook<P, &T::vkDestroyRenderPass, &P::VkDestroyRenderPassHooked>(processor_, "vkDestroyRenderPass");
+        SetDeviceHook<P, &T::vkDestroyFramebuffer, &P::VkDestroyFramebufferHooked>(processor_, "vkDestroyFramebuffer");
+        SetDeviceHook<P, &T::vkDestroyPipeline, &P::VkDestroyPipelineHooked>(processor_, "vkDestroyPipeline");
     }
 
     void RegisterModuleDeviceFunctors() override {
@@ -163,11 +164,6 @@ public:
     }
 
 private:
-    template <typename Processor, auto Slot, auto Member>
-    void Hook(const char* name) {
-        processor_->SetDeviceHookFunction(name, GlobalDeviceHookFunctor<Processor, Slot, Member>::Address());
-    }
-
     template <typename Chain, typename Node, typename Func>
     void Join(Chain& chain, Node& node, Func func) {
         JoinFunctor(chain, node, this, func, 0);
