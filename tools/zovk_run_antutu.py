@@ -10,19 +10,15 @@ kind and the step of each begin from the module's debug lines, which zovk-run tu
 Kinds: A single attachment, B clear colour, C half float, O none of them.
 """
 
-import itertools
 import re
 from collections import Counter
+
+from zovk_run_common import frame_runs, saved_share
 
 CLASSIFIED_LINE = re.compile(r"vxxk c: (\S+) ([ABC])$")
 RATE_LINE = re.compile(r"vxxk r: (\d+) ([ABCO]) (\d+)x(\d+) (\d+)$")
 SWITCH_LINE = re.compile(r"vxxk vflag: (\d+)")
 SAMPLING_PERIOD = 120
-
-
-def saved_share(width, height):
-    """The share of fragment shader invocations a fragment size removes."""
-    return 1 - 1 / (width * height) if width > 0 and height > 0 else 0.0
 
 
 def summarise(events, layer_texts):
@@ -108,11 +104,7 @@ def report_lines(s):
     if s["switchSamples"]:
         lines.append("    VRS switch sampled: " +
                      ", ".join(f"present {x['present']} {'on' if x['on'] else 'off'}" for x in s["switchSamples"]))
-    # Runs of frames that did the same thing.
-    for text, run in itertools.groupby(s["frames"], key=_describe):
-        run = list(run)
-        first, last = run[0]["frame"], run[-1]["frame"]
-        lines.append(f"    {'frame ' + str(first) if first == last else f'frames {first}-{last}'}: {text}")
+    lines.extend(frame_runs(s["frames"], _describe))
     t = s["totals"]
     lines.append(f"    summed: {t['framesWithRates']} frames with rates; " +
                  (", ".join(f"{k} x{n}" for k, n in t["rates"].items()) or "no rate") +

@@ -14,6 +14,8 @@ import struct
 import zlib
 from collections import Counter
 
+from zovk_run_common import frame_runs, saved_share
+
 PASS_LINE = re.compile(r"PostVkCreateRenderPass(111|222), create (main|light) pass(?: for fbo)?: (\d+)-+> ?(\d+)")
 FRAMEBUFFER_LINE = re.compile(r"PostVkCreateFramebuffer (111|222), old new (main|light) framebuffer: (\d+)---->(\d+), "
                               r"wh: (\d+)x(\d+)")
@@ -30,7 +32,7 @@ def fragment_size(code):
     return 1 << ((code >> 2) & 3), 1 << (code & 3)
 
 
-def saved_share(texels, width, height, area, texel):
+def image_saved_share(texels, width, height, area, texel):
     """Average of 1 - 1/(w*h) over the image texels that the render area covers."""
     x, y, w, h = area
     tw, th = texel
@@ -41,8 +43,7 @@ def saved_share(texels, width, height, area, texel):
     total, count = 0.0, 0
     for row in range(y0, y1):
         for column in range(x0, x1):
-            fw, fh = fragment_size(texels[row * width + column])
-            total += 1 - 1 / (fw * fh)
+            total += saved_share(*fragment_size(texels[row * width + column]))
             count += 1
     return total / count if count else 0.0
 
@@ -103,7 +104,7 @@ def summarise(events, texts):
             for image, info in trace_images.items():
                 if info["pass"] == pass_kind and info["resolution"] == area[2:4] and image in content:
                     frame["saved"][pass_kind].append(
-                        saved_share(content[image], info["width"], info["height"], area, texel))
+                        image_saved_share(content[image], info["width"], info["height"], area, texel))
                     frame["contents"][pass_kind] = distinct.index(content[image])
         elif kind == "setRate":
             ops = tuple(e.get("combinerOps", []))
@@ -173,16 +174,7 @@ def report_lines(s):
     for i in s["images"]:
         lines.append(f"    {i['pass']} shading-rate image {i['width']}x{i['height']} for {i['resolution'][0]}x"
                      f"{i['resolution'][1]} (texel {s['texelSize'][0]}x{s['texelSize'][1]})")
-    # Runs of frames that did the same thing.
-    start = None
-    for index, f in enumerate(s["frames"]):
-        text = _describe(f)
-        following = _describe(s["frames"][index + 1]) if index + 1 < len(s["frames"]) else None
-        start = f["frame"] if start is None else start
-        if text != following:
-            span = f"frame {start}" if start == f["frame"] else f"frames {start}-{f['frame']}"
-            lines.append(f"    {span}: {text}")
-            start = None
+    lines.extend(frame_runs(s["frames"], _describe))
     t = s["totals"]
     lines.append(f"    summed: main begins {t['substitutedMainBegins']}, light begins {t['substitutedLightBegins']}, "
                  f"attachment rates {t['attachmentRates']}, full rates {t['fullRates']}, uploads {t['uploads']}")
