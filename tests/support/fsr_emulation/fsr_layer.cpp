@@ -575,6 +575,13 @@ VKAPI_ATTR void VKAPI_CALL DestroyDevice(VkDevice device, const VkAllocationCall
 // ---------------------------------------------------------------------------------------------
 // Resources
 
+// Forgets an object the application is about to destroy.
+template <typename Map, typename Handle>
+void ForgetObject(Map& map, Handle handle) {
+    std::lock_guard<std::mutex> lock(g_lock);
+    map.erase(handle);
+}
+
 VKAPI_ATTR VkResult VKAPI_CALL CreateImage(VkDevice device, const VkImageCreateInfo* pCreateInfo,
                                            const VkAllocationCallbacks* pAllocator, VkImage* pImage) {
     DeviceRecord& dev = Dev(device);
@@ -589,10 +596,7 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateImage(VkDevice device, const VkImageCreateI
 
 VKAPI_ATTR void VKAPI_CALL DestroyImage(VkDevice device, VkImage image, const VkAllocationCallbacks* pAllocator) {
     DeviceRecord& dev = Dev(device);
-    {
-        std::lock_guard<std::mutex> lock(g_lock);
-        dev.rateImages.erase(image);
-    }
+    ForgetObject(dev.rateImages, image);
     dev.fn.DestroyImage(device, image, pAllocator);
 }
 
@@ -630,10 +634,7 @@ VKAPI_ATTR VkResult VKAPI_CALL BindBufferMemory2(VkDevice device, uint32_t bindI
 
 VKAPI_ATTR void VKAPI_CALL DestroyBuffer(VkDevice device, VkBuffer buffer, const VkAllocationCallbacks* pAllocator) {
     DeviceRecord& dev = Dev(device);
-    {
-        std::lock_guard<std::mutex> lock(g_lock);
-        dev.buffers.erase(buffer);
-    }
+    ForgetObject(dev.buffers, buffer);
     dev.fn.DestroyBuffer(device, buffer, pAllocator);
 }
 
@@ -657,10 +658,7 @@ VKAPI_ATTR VkResult VKAPI_CALL AllocateMemory(VkDevice device, const VkMemoryAll
 
 VKAPI_ATTR void VKAPI_CALL FreeMemory(VkDevice device, VkDeviceMemory memory, const VkAllocationCallbacks* pAllocator) {
     DeviceRecord& dev = Dev(device);
-    {
-        std::lock_guard<std::mutex> lock(g_lock);
-        dev.memories.erase(memory);
-    }
+    ForgetObject(dev.memories, memory);
     dev.fn.FreeMemory(device, memory, pAllocator);
 }
 
@@ -729,10 +727,7 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateRenderPass(VkDevice device, const VkRenderP
 VKAPI_ATTR void VKAPI_CALL DestroyRenderPass(VkDevice device, VkRenderPass renderPass,
                                              const VkAllocationCallbacks* pAllocator) {
     DeviceRecord& dev = Dev(device);
-    {
-        std::lock_guard<std::mutex> lock(g_lock);
-        dev.renderPasses.erase(renderPass);
-    }
+    ForgetObject(dev.renderPasses, renderPass);
     dev.fn.DestroyRenderPass(device, renderPass, pAllocator);
 }
 
@@ -767,10 +762,7 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateFramebuffer(VkDevice device, const VkFrameb
 VKAPI_ATTR void VKAPI_CALL DestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer,
                                               const VkAllocationCallbacks* pAllocator) {
     DeviceRecord& dev = Dev(device);
-    {
-        std::lock_guard<std::mutex> lock(g_lock);
-        dev.framebuffers.erase(framebuffer);
-    }
+    ForgetObject(dev.framebuffers, framebuffer);
     dev.fn.DestroyFramebuffer(device, framebuffer, pAllocator);
 }
 
