@@ -1,6 +1,8 @@
 #include "app/zovk_processor_data_base.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <set>
 
 #include "app/zovk_factory.h"
@@ -41,17 +43,27 @@ namespace {
 // "xrender_BaseInfo": the decimal module mask. Anything but plain digits is refused, so
 // that no module can be switched on by a malformed value.
 bool ParseModuleMask(const std::string& text, unsigned long* mask) {
-    if (!ZoVkSettings::IsIntChar(text)) {
-        ZOVK_LOGW("xrender_BaseInfo \"%s\" is not a decimal number; no module switched on", text.c_str());
-        return false;
+    uint64_t value = 0;
+    switch (ZoVkSettings::ParseDecimal(text, std::numeric_limits<unsigned long>::max(), &value)) {
+        case ZoVkSettings::Decimal::kOk:
+            *mask = static_cast<unsigned long>(value);
+            return true;
+        case ZoVkSettings::Decimal::kNotDecimal:
+            ZOVK_LOGW("xrender_BaseInfo \"%s\" is not a decimal number; no module switched on", text.c_str());
+            return false;
+        case ZoVkSettings::Decimal::kTooLarge:
+            break;
     }
-    try {
-        *mask = static_cast<unsigned long>(std::stoull(text, nullptr, 10));
-        return true;
-    } catch (const std::out_of_range&) {
-        ZOVK_LOGW("xrender_BaseInfo \"%s\" is out of range; no module switched on", text.c_str());
-        return false;
-    }
+    ZOVK_LOGW("xrender_BaseInfo \"%s\" is out of range; no module switched on", text.c_str());
+    return false;
+}
+
+// A "xrender_CheckMainInfo" switch: any decimal, on unless it is 0, however many digits.
+bool ParseSwitch(const std::string& text, bool* on) {
+    uint64_t zero = 0;
+    const ZoVkSettings::Decimal result = ZoVkSettings::ParseDecimal(text, 0, &zero);
+    *on = result == ZoVkSettings::Decimal::kTooLarge;
+    return result != ZoVkSettings::Decimal::kNotDecimal;
 }
 
 std::string StringMember(const Json::Value& config, const char* key) {
@@ -92,10 +104,11 @@ bool ZoVkProcessorDataBase::InitProcessorConfigData(const Json::Value& config) {
         const std::string checkMain = StringMember(config, "xrender_CheckMainInfo");
         if (!checkMain.empty()) {
             const std::vector<std::string> pieces = ZoVkSettings::Split(checkMain, ";");
-            if (pieces.size() == 3 && ZoVkSettings::IsIntChar(pieces[0]) && ZoVkSettings::IsIntChar(pieces[1])) {
-                // Digits only, so "non-zero" is "has a digit other than 0" (no overflow).
-                checkRenderThread = pieces[0].find_first_not_of('0') != std::string::npos;
-                useLock = pieces[1].find_first_not_of('0') != std::string::npos;
+            bool check = false;
+            bool lock = false;
+            if (pieces.size() == 3 && ParseSwitch(pieces[0], &check) && ParseSwitch(pieces[1], &lock)) {
+                checkRenderThread = check;
+                useLock = lock;
                 renderThreadPattern = pieces[2];
             } else if (!pieces.empty()) {
                 ZOVK_LOGW("xrender_CheckMainInfo \"%s\" is not check;lock;pattern; thread check off",

@@ -8,9 +8,6 @@
 #include <sstream>
 
 #include <binder/IInterface.h>
-#include <binder/IServiceManager.h>
-#include <binder/Parcel.h>
-#include <utils/String16.h>
 
 #include "settings/zovk_game_info_update.h"
 #include "settings/zovk_log.h"
@@ -38,10 +35,8 @@ ZoVkAppInfoMonitor* ZoVkAppInfoMonitor::GetInstance() {
     return &monitor;
 }
 
-ZoVkAppInfoMonitor::ZoVkAppInfoMonitor() : logDebug_(ZoVkSettings::GetInstance()->IsLogDebug()) {
-    if (logDebug_) {
-        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "ZoVk AppInfoMonitor construct");
-    }
+ZoVkAppInfoMonitor::ZoVkAppInfoMonitor() {
+    ZOVK_LOGI("ZoVk AppInfoMonitor construct");
 }
 
 ZoVkAppInfoMonitor::~ZoVkAppInfoMonitor() {
@@ -51,9 +46,7 @@ ZoVkAppInfoMonitor::~ZoVkAppInfoMonitor() {
     if (notifyFd_ >= 0) {
         close(static_cast<int>(notifyFd_));
     }
-    if (logDebug_) {
-        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "ZoVK AppInfoMonitor destroyed");
-    }
+    ZOVK_LOGI("ZoVK AppInfoMonitor destroyed");
 }
 
 void ZoVkAppInfoMonitor::Start() {
@@ -88,52 +81,25 @@ int ZoVkAppInfoMonitor::EventProcess() {
         ZOVK_LOGW("new BnGameInfoUpdate fail.");
         return 0;
     }
-    sp<IBinder> service = defaultServiceManager()->checkService(String16(pavune::kServiceName));
-    if (service == nullptr) {
-        ZOVK_LOGW("remote service not exist.");
-        return 0;
-    }
-    Parcel data;
-    Parcel reply;
-    data.writeInterfaceToken(String16(pavune::kInterfaceToken));
     const std::string name = std::string(ZoVkSettings::GetInstance()->GetProcessName().c_str()) + "_zovk";
-    data.writeString16(String16(name.c_str()));
-    data.writeStrongBinder(IInterface::asBinder(stub));
-    if (service->transact(pavune::kTransactionRegisterCallback, data, &reply, 0) == OK) {
-        if (logDebug_) {
-            __android_log_print(ANDROID_LOG_DEBUG, ZOVK_LOG_TAG, "ZoVK BnGameInfoUpdate register success");
-        }
-    } else {
-        ZOVK_LOGE("zovk:call remote service failed.");
+    if (pavune::Client::RegisterCallback(name, IInterface::asBinder(stub)) == pavune::Outcome::kDone) {
+        ZOVK_LOGD("ZoVK BnGameInfoUpdate register success");
     }
     // From here the stub lives as long as the service holds it.
     return 0;
 }
 
 void ZoVkAppInfoMonitor::NotifyMonitorStarted() {
-    const sp<IBinder> service = ZoVkSettings::GetInstance()->GetRemoteService();
-    if (service == nullptr) {
-        ZOVK_LOGW("remote service not exit");
-        return;
-    }
-    Parcel data;
-    Parcel reply;
-    data.writeInterfaceToken(String16(pavune::kInterfaceToken));
     std::string package;
     {
         std::lock_guard<std::mutex> guard(packageLock_);
         package = packageName_;
     }
-    data.writeString16(String16(package.c_str()));
-    if (service->transact(pavune::kTransactionMonitorStarted, data, &reply, 0) != OK) {
-        ZOVK_LOGE("zovk:call remote service failed.");
-    }
+    pavune::Client::NotifyMonitorStarted(package);
 }
 
 void ZoVkAppInfoMonitor::UpdateAppInfo(const std::string& info) {
-    if (logDebug_) {
-        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "appInfo changed: %s", info.c_str());
-    }
+    ZOVK_LOGI("appInfo changed: %s", info.c_str());
     std::istringstream in(info);
     int type = 0;
     if (!(in >> type)) {
@@ -178,25 +144,19 @@ bool ZoVkAppInfoMonitor::ForThisPackage(const std::string& package, const char* 
             return true;
         }
     }
-    if (logDebug_) {
-        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, mismatchFormat, package.c_str());
-    }
+    ZOVK_LOGI(mismatchFormat, package.c_str());
     return false;
 }
 
 void ZoVkAppInfoMonitor::ParseGameSceneId(const std::string& package, int sceneId) {
-    if (logDebug_) {
-        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "ParseGameSceneId: %d", sceneId);
-    }
+    ZOVK_LOGI("ParseGameSceneId: %d", sceneId);
     if (ForThisPackage(package, "s_er_p:%s")) {
         sceneId_.store(sceneId, std::memory_order_relaxed);
     }
 }
 
 void ZoVkAppInfoMonitor::ParseGamePictureInfo(const std::string& package, int key, int value) {
-    if (logDebug_) {
-        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "parseGamePictureInfo key: %d , value: %d", key, value);
-    }
+    ZOVK_LOGI("parseGamePictureInfo key: %d , value: %d", key, value);
     if (!ForThisPackage(package, "p_er_p:%s")) {
         return;
     }
@@ -216,9 +176,7 @@ void ZoVkAppInfoMonitor::ParseGamePictureInfo(const std::string& package, int ke
 }
 
 void ZoVkAppInfoMonitor::ParseVkVrsSwitch(const std::string& package, int value) {
-    if (logDebug_) {
-        __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, "parseVkVrsSwitch: %d", value);
-    }
+    ZOVK_LOGI("parseVkVrsSwitch: %d", value);
     if (ForThisPackage(package, "v_er_p:%s")) {
         vrsLevel_.store(value, std::memory_order_relaxed);
         vrsEnabled_.store(value != 0, std::memory_order_relaxed);

@@ -48,7 +48,6 @@ private:
 
     pthread_t thread_{};
     bool started_ = false;
-    bool logDebug_ = false;
     // Kept for release only: nothing opens them in this design.
     int64_t notifyFd_ = -1;
     int64_t watchFd_ = -1;

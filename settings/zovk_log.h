@@ -2,21 +2,21 @@
 
 #include <android/log.h>
 
-#include "settings/zovk_settings.h"
+#include "settings/zovk_log_switch.h"
 
-// Every line of the layer goes through liblog under one tag. Debug and info lines are
-// written only while "vendor.zovk.log.debug" is on; warnings and errors always.
+// Every line of the layer goes through liblog, under "libZoVK" unless a part has its own tag.
+// Debug and info lines are written only while "vendor.zovk.log.debug" is on; warnings and
+// errors always. ZOVK_LOG writes whatever the switch says, for the few lines that must.
 #define ZOVK_LOG_TAG "libZoVK"
 
-#define ZOVK_LOGD(...)                                                              \
-    do {                                                                            \
-        if (::vulkan::zovk::ZoVkSettings::GetInstance()->IsLogDebug())              \
-            __android_log_print(ANDROID_LOG_DEBUG, ZOVK_LOG_TAG, __VA_ARGS__);      \
+#define ZOVK_LOG(priority, tag, ...) ((void)__android_log_print(ANDROID_LOG_##priority, tag, __VA_ARGS__))
+#define ZOVK_LOG_DEBUG_ONLY(priority, tag, ...)          \
+    do {                                                 \
+        if (::vulkan::zovk::IsLogDebug())                \
+            ZOVK_LOG(priority, tag, __VA_ARGS__);        \
     } while (0)
-#define ZOVK_LOGI(...)                                                              \
-    do {                                                                            \
-        if (::vulkan::zovk::ZoVkSettings::GetInstance()->IsLogDebug())              \
-            __android_log_print(ANDROID_LOG_INFO, ZOVK_LOG_TAG, __VA_ARGS__);       \
-    } while (0)
-#define ZOVK_LOGW(...) __android_log_print(ANDROID_LOG_WARN, ZOVK_LOG_TAG, __VA_ARGS__)
-#define ZOVK_LOGE(...) __android_log_print(ANDROID_LOG_ERROR, ZOVK_LOG_TAG, __VA_ARGS__)
+
+#define ZOVK_LOGD(...) ZOVK_LOG_DEBUG_ONLY(DEBUG, ZOVK_LOG_TAG, __VA_ARGS__)
+#define ZOVK_LOGI(...) ZOVK_LOG_DEBUG_ONLY(INFO, ZOVK_LOG_TAG, __VA_ARGS__)
+#define ZOVK_LOGW(...) ZOVK_LOG(WARN, ZOVK_LOG_TAG, __VA_ARGS__)
+#define ZOVK_LOGE(...) ZOVK_LOG(ERROR, ZOVK_LOG_TAG, __VA_ARGS__)

@@ -1,5 +1,7 @@
-// The configuration fetch: the game service answers a recognised process with a JSON
-// document whose "configs" object decides which modules run.
+// The game service's client, and the configuration fetch: the service answers a recognised
+// process with a JSON document whose "configs" object decides which modules run.
+#include <functional>
+
 #include <json/reader.h>
 
 #include <binder/IServiceManager.h>
@@ -13,55 +15,130 @@
 
 namespace vulkan::zovk {
 
+namespace pavune {
+
 namespace {
 
-// Told when the game service dies; held only for the duration of the fetch, so the
-// registration lapses with it.
-class RemoteDeath : public android::IBinder::DeathRecipient {
-public:
-    explicit RemoteDeath(ZoVkSettings* settings) : settings_(settings) {}
-    void binderDied(const android::wp<android::IBinder>&) override { settings_->OnRemoteServiceDied(); }
-
-private:
-    ZoVkSettings* settings_;
+// Where a transaction's service comes from, which decides what the service's death means to it.
+enum class Target {
+    kFindAndKeep,  // looked up and kept in the settings; a death clears the kept reference
+    kKept,         // the kept reference, never looked up again: nothing to send to after a death
+    kFind,         // looked up afresh on every call: a death only makes the next lookup fail
 };
 
+// A transaction and the lines it logs, each in its own words (tools read them).
+struct Transaction {
+    uint32_t code;
+    Target target;
+    const char* tag;
+    const char* noService;  // warning
+    const char* failed;     // error
+};
+
+constexpr Transaction kFetch{kTransactionFetchConfig, Target::kFindAndKeep, ZOVK_LOG_TAG, "remote service not exist.",
+                             "vxxk:call remote service failed."};
+constexpr Transaction kRegister{kTransactionRegisterCallback, Target::kFind, ZOVK_LOG_TAG,
+                                "remote service not exist.", "zovk:call remote service failed."};
+constexpr Transaction kStarted{kTransactionMonitorStarted, Target::kKept, ZOVK_LOG_TAG, "remote service not exit",
+                               "zovk:call remote service failed."};
+constexpr Transaction kScene{kTransactionSceneId, Target::kFind, kSceneLogTag, "remote service not exist.",
+                             "call remote service failed."};
+
+// Clears the kept reference. Only the call that keeps it holds the recipient, so the binder's
+// weak reference lapses when that call returns: a later death is not heard, by design, and
+// the reference stays until the process ends.
+class RemoteDeath : public android::IBinder::DeathRecipient {
+public:
+    void binderDied(const android::wp<android::IBinder>&) override { ZoVkSettings::GetInstance()->OnRemoteServiceDied(); }
+};
+
+// With `reply`, the reply is read: it starts with the service's exception code.
+Outcome Send(const Transaction& transaction, const std::function<void(android::Parcel*)>& write,
+             android::Parcel* reply = nullptr) {
+    ZoVkSettings* settings = ZoVkSettings::GetInstance();
+    const android::sp<android::IBinder> service =
+        transaction.target == Target::kKept
+            ? settings->GetRemoteService()
+            : android::defaultServiceManager()->checkService(android::String16(kServiceName));
+    if (transaction.target == Target::kFindAndKeep) {
+        settings->SetRemoteService(service);
+    }
+    if (service == nullptr) {
+        ZOVK_LOG(WARN, transaction.tag, "%s", transaction.noService);
+        return Outcome::kNoService;
+    }
+    android::sp<RemoteDeath> recipient;
+    if (transaction.target == Target::kFindAndKeep) {
+        recipient = new RemoteDeath();
+        service->linkToDeath(recipient, nullptr, 0);
+    }
+    android::Parcel data;
+    android::Parcel unread;
+    data.writeInterfaceToken(android::String16(kInterfaceToken));
+    write(&data);
+    if (service->transact(transaction.code, data, reply != nullptr ? reply : &unread, 0) != android::OK) {
+        ZOVK_LOG(ERROR, transaction.tag, "%s", transaction.failed);
+        return Outcome::kFailed;
+    }
+    if (reply != nullptr && reply->readExceptionCode() != 0) {
+        return Outcome::kException;
+    }
+    return Outcome::kDone;
+}
+
+android::String16 Utf16(const std::string& text) {
+    return android::String16(text.c_str());
+}
+
 }  // namespace
+
+Outcome Client::FetchConfig(const std::string& process, std::string* document) {
+    android::Parcel reply;
+    const Outcome outcome = Send(kFetch, [&](android::Parcel* data) { data->writeString16(Utf16(process)); }, &reply);
+    if (outcome == Outcome::kDone) {
+        *document = android::String8(reply.readString16()).c_str();  // up to the first NUL
+    }
+    return outcome;
+}
+
+Outcome Client::RegisterCallback(const std::string& name, const android::sp<android::IBinder>& callback) {
+    return Send(kRegister, [&](android::Parcel* data) {
+        data->writeString16(Utf16(name));
+        data->writeStrongBinder(callback);
+    });
+}
+
+Outcome Client::NotifyMonitorStarted(const std::string& package) {
+    return Send(kStarted, [&](android::Parcel* data) { data->writeString16(Utf16(package)); });
+}
+
+Outcome Client::ReportSceneId(int sceneId) {
+    const std::string json = "{\"sceneId\":" + std::to_string(sceneId) + "}";
+    return Send(kScene, [&](android::Parcel* data) {
+        data->writeInt32(1);
+        data->writeString16(Utf16(json));
+    });
+}
+
+}  // namespace pavune
 
 android::sp<android::IBinder> ZoVkSettings::GetRemoteService() const {
     std::lock_guard<std::mutex> guard(remoteLock_);
     return remoteService_;
 }
 
-uint32_t ZoVkSettings::InitZoVKPrefs() {
-    android::Parcel data;
-    android::Parcel reply;
-    const android::sp<android::IBinder> service =
-        android::defaultServiceManager()->checkService(android::String16(pavune::kServiceName));
-    {
-        std::lock_guard<std::mutex> guard(remoteLock_);
-        remoteService_ = service;
-    }
-    if (service == nullptr) {
-        ZOVK_LOGW("remote service not exist.");
-        return 2;
-    }
-    const android::sp<RemoteDeath> recipient = new RemoteDeath(this);
-    service->linkToDeath(recipient, nullptr, 0);
+void ZoVkSettings::SetRemoteService(const android::sp<android::IBinder>& service) {
+    std::lock_guard<std::mutex> guard(remoteLock_);
+    remoteService_ = service;
+}
 
-    data.writeInterfaceToken(android::String16(pavune::kInterfaceToken));
-    data.writeString16(android::String16(processName_));
-    if (service->transact(pavune::kTransactionFetchConfig, data, &reply, 0) != android::OK) {
-        ZOVK_LOGE("vxxk:call remote service failed.");
-        return 3;
+uint32_t ZoVkSettings::InitZoVKPrefs() {
+    std::string json;
+    const pavune::Outcome outcome = pavune::Client::FetchConfig(processName_.c_str(), &json);
+    if (outcome != pavune::Outcome::kDone) {
+        return static_cast<uint32_t>(outcome);
     }
-    if (reply.readExceptionCode() != 0) {
-        return 4;
-    }
-    const android::String8 utf8(reply.readString16());
-    const std::string json(utf8.c_str());  // up to the first NUL
-    __android_log_print(ANDROID_LOG_DEBUG, ZOVK_LOG_TAG, "vxxk v: %s, n: %s", pavune::kBuildTag,
-                        processName_.c_str());
+    ZOVK_LOG(DEBUG, ZOVK_LOG_TAG, "vxxk v: %s, n: %s", pavune::kBuildTag, processName_.c_str());
     if (json.empty()) {
         return 5;
     }
@@ -88,8 +165,7 @@ int ZoVkSettings::ReadFromPavune(const std::string& json) {
 
 void ZoVkSettings::OnRemoteServiceDied() {
     ZOVK_LOGE("ZoVK:remote service died.");
-    std::lock_guard<std::mutex> guard(remoteLock_);
-    remoteService_ = nullptr;
+    SetRemoteService(nullptr);
 }
 
 }  // namespace vulkan::zovk

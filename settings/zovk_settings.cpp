@@ -9,6 +9,7 @@
 #include "app/zovk_factory.h"
 #include "app/zovk_processor_data_base.h"
 #include "settings/zovk_log.h"
+#include "settings/zovk_log_switch.h"
 
 namespace vulkan::zovk {
 
@@ -96,11 +97,31 @@ bool ZoVkSettings::IsIntChar(const std::string& text) {
     }
     for (const char c : text) {
         if (c < '0' || c > '9') {
-            __android_log_print(ANDROID_LOG_ERROR, ZOVK_LOG_TAG, "isIntChar is not int: %s", text.c_str());
+            ZOVK_LOGE("isIntChar is not int: %s", text.c_str());
             return false;
         }
     }
     return true;
+}
+
+ZoVkSettings::Decimal ZoVkSettings::ParseDecimal(const std::string& text, uint64_t max, uint64_t* value) {
+    if (!IsIntChar(text)) {
+        return Decimal::kNotDecimal;
+    }
+    uint64_t number = 0;
+    for (const char c : text) {
+        const auto digit = static_cast<uint64_t>(c - '0');
+        if (digit > max || number > (max - digit) / 10) {
+            return Decimal::kTooLarge;
+        }
+        number = number * 10 + digit;
+    }
+    *value = number;
+    return Decimal::kOk;
+}
+
+bool IsLogDebug() {
+    return ZoVkSettings::GetInstance()->IsLogDebug();
 }
 
 }  // namespace vulkan::zovk

@@ -51,6 +51,7 @@ public:
     void OnRemoteServiceDied();
     // The service found by the fetch; null before it and after its death.
     android::sp<android::IBinder> GetRemoteService() const;
+    void SetRemoteService(const android::sp<android::IBinder>& service);
 
     app::ZoVkProcessorDataBase* GetProcessorData();
     bool CheckRenderThread() const { return processorData_ != nullptr && processorData_->checkRenderThread; }
@@ -61,7 +62,13 @@ public:
     static const std::unordered_map<std::string, ZoVkApplicationType>& PackageTable();
 
     static std::vector<std::string> Split(const std::string& text, const std::string& delimiters);
+    // ASCII digits only; other text (but an empty one) is logged as an error.
     static bool IsIntChar(const std::string& text);
+    // The one reading of a number in the configuration: digits only (IsIntChar: no sign,
+    // space or point), at most `max`, no exceptions. Above `max` is left to the caller to
+    // report, with its key and range.
+    enum class Decimal { kOk, kNotDecimal, kTooLarge };
+    static Decimal ParseDecimal(const std::string& text, uint64_t max, uint64_t* value);
 
     // Hook-enable flags. Written during start-up and instance creation, read on every
     // address query from any thread; relaxed atomics cost the same as plain accesses.

@@ -1,6 +1,6 @@
 #include "app/module/zovk_antutu_vrs_module_data.h"
 
-#include <cstdlib>
+#include <cstdint>
 #include <limits>
 #include <string>
 #include <vector>
@@ -36,10 +36,9 @@ void ZoVkAntutuVRSModuleData::Parse(const std::string& text) {
     }
     std::array<int32_t, kBoundCount + kRateCodeCount> values{};
     for (size_t i = 0; i < pieces.size(); ++i) {
-        // IsIntChar leaves digits only; strtoull saturates, so too large a value fails the bound.
-        const unsigned long long number =
-            ZoVkSettings::IsIntChar(pieces[i]) ? std::strtoull(pieces[i].c_str(), nullptr, 10) : ~0ull;
-        if (number > static_cast<unsigned long long>(std::numeric_limits<int32_t>::max())) {
+        uint64_t number = 0;
+        if (ZoVkSettings::ParseDecimal(pieces[i], std::numeric_limits<int32_t>::max(), &number) !=
+            ZoVkSettings::Decimal::kOk) {
             ZOVK_LOGW("vrs_SizeRange value \"%s\" is not a number 0 to 2147483647; AnTuTu VRS keeps its defaults",
                       pieces[i].c_str());
             return;
