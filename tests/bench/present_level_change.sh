@@ -18,7 +18,7 @@ for frame in $(seq 6 6 114); do
     pushes+=(--push "$frame:6 {pkg} $(( (frame / 6) % 2 + 1 ))")
 done
 "$root/tools/zovk-run" --build "$build" --out "$out/run" "${pushes[@]}" -- \
-    "$build/tests/support/scenes/zovk-scene-starrail" --frames 120 --width "$width" --height "$height" \
+    "$build/tools/scenes/zovk-scene-starrail" --frames 120 --width "$width" --height "$height" \
     --present-times "$out/times.txt" >/dev/null
 
 python3 - "$out/run/program.log" "$out/times.txt" <<'PY'

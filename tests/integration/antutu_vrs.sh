@@ -16,7 +16,7 @@
 it_init "$@"
 it_require python3 cmp
 SRC=$(cd "$(dirname "$0")/../.." && pwd -P)
-SCENE=$IT_BUILD/tests/support/scenes/zovk-scene-antutu
+SCENE=$IT_BUILD/tools/scenes/zovk-scene-antutu
 [ -x "$SCENE" ] || it_fail "the scene is not built in $IT_BUILD"
 FRAMES=245
 SIZES=(--width 320 --height 180 --render-width 2048 --render-height 1024)

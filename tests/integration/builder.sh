@@ -52,8 +52,8 @@ ln -s "$BM_DIR/$BM_MANIFEST" "$IT_TMP/bm_layers/$BM_MANIFEST"
 ln -s "$BM_DIR/$BM_LIBRARY" "$IT_TMP/bm_layers/$BM_LIBRARY"
 # shellcheck disable=SC2034 # read by it_env_layers
 IT_LAYER_DIR=$IT_TMP/bm_layers
-# shellcheck source=../support/fsr_emulation/env.sh
-. "$SRC/tests/support/fsr_emulation/env.sh" "$IT_BUILD" || it_fail "no shading-rate emulation layer in $IT_BUILD"
+# shellcheck source=../../tools/fsr_emulation/env.sh
+. "$SRC/tools/fsr_emulation/env.sh" "$IT_BUILD" || it_fail "no shading-rate emulation layer in $IT_BUILD"
 it_env_layers "$BM_LAYER:$IT_VALIDATION:$EMULATION"
 # shellcheck disable=SC2016 # expanded by the inner shell
 it_run replay_builder env "${IT_ENV[@]}" ZOVK_FSR_TRACE="$TRACE" bash -c 'exec -a "$0" "$@"' "$APP" \

@@ -22,7 +22,7 @@ it_init "$@"
 it_require python3 cmp
 SRC=$(cd "$(dirname "$0")/../.." && pwd -P)
 RUN=$SRC/tools/zovk-run
-SCENE=$IT_BUILD/tests/support/scenes/zovk-scene-starrail
+SCENE=$IT_BUILD/tools/scenes/zovk-scene-starrail
 PATTERNS=$IT_BUILD/tests/support/zovk-vrs-patterns
 [ -x "$SCENE" ] && [ -x "$PATTERNS" ] || it_fail "the scene or zovk-vrs-patterns is not built in $IT_BUILD"
 FRAMES=24

@@ -16,7 +16,7 @@ set -u -o pipefail
 NAME=fsr_emulation
 LAYER=VK_LAYER_ZOVK_fsr_emulation
 VALIDATION=VK_LAYER_KHRONOS_validation
-HERE=$(cd "$(dirname "$0")" && pwd -P)
+HERE=$(cd "$(dirname "$0")/../../tools/fsr_emulation" && pwd -P)
 TIMEOUT=${ZOVK_IT_TIMEOUT:-180}
 
 log() { printf '[%s] %s\n' "$NAME" "$*" >&2; }
@@ -32,7 +32,7 @@ show() {
 
 [ $# -eq 1 ] || fail "usage: $0 BUILD_DIR"
 BUILD=
-for dir in "$1" "$1/tests/support/fsr_emulation"; do
+for dir in "$1" "$1/tools/fsr_emulation"; do
     if [ -x "$dir/fsr_probe" ] && [ -f "$dir/libVkLayer_zovk_fsr_emulation.so" ]; then
         BUILD=$(cd "$dir" && pwd -P)
         break

@@ -1,10 +1,10 @@
 # shellcheck shell=bash
 # Puts VK_LAYER_ZOVK_fsr_emulation at the bottom of the layer stack, directly above the driver.
 #
-#   . tests/support/fsr_emulation/env.sh BUILD_DIR [PRESET]
+#   . tools/fsr_emulation/env.sh BUILD_DIR [PRESET]
 #
 # BUILD_DIR is a standalone build of this directory or the main build (the layer then lies in
-# BUILD_DIR/tests/support/fsr_emulation). PRESET (16x16-4x4, the default, 8x8-2x2 or 8x8-4x4)
+# BUILD_DIR/tools/fsr_emulation). PRESET (16x16-4x4, the default, 8x8-2x2 or 8x8-4x4)
 # sets ZOVK_FSR_PRESET. Add your own layers to VK_INSTANCE_LAYERS (or VK_LOADER_LAYERS_ENABLE)
 # before or after sourcing this; the order of the names there does not matter.
 #
@@ -33,7 +33,7 @@ _zovk_fsr_env() {
         return 2
     fi
     local dir
-    for dir in "$build" "$build/tests/support/fsr_emulation"; do
+    for dir in "$build" "$build/tools/fsr_emulation"; do
         if [ -f "$dir/share/vulkan/explicit_layer.d/VkLayer_zovk_fsr_emulation.json" ] &&
             [ -f "$dir/libVkLayer_zovk_fsr_emulation.so" ]; then
             data=$(cd "$dir/share" && pwd -P)

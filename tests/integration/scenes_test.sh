@@ -13,7 +13,7 @@ fail() {
 if [ $# -lt 1 ] || [ $# -gt 2 ]; then fail "usage: $0 BUILD_DIR [starrail|antutu]"; fi
 build=$(cd "$1" && pwd -P) || fail "no build directory '$1'"
 scenes=${2:-"starrail antutu"}
-bin=$build/tests/support/scenes
+bin=$build/tools/scenes
 stats=$bin/zovk-png-stats
 [ -x "$stats" ] || fail "$stats is not built"
 
