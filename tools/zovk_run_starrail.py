@@ -7,6 +7,10 @@ seen before a pass begin is the content that pass is recorded with. Handles in t
 the trace differ when a layer that wraps handles (the validation layer) sits between them, so
 the trace is read on its own terms: a substitute pass with 3 attachments is the light pass, and
 the images are named in the order the module fills them first (main, light, per resolution).
+
+Per frame, "secondaries" gives for each substituted pass the commands of the secondaries it executed,
+in their recording order: d a draw, R the attachment rate (KEEP,REPLACE), F full rate (KEEP,KEEP),
+? another rate. The rate in force at a draw is the last one before it in the same recording.
 """
 
 import re
@@ -72,11 +76,20 @@ def summarise(events, texts):
     texel = (0, 0)
     content = {}       # image handle -> bytes now uploaded
     distinct = []      # distinct contents, in the order first seen
+    recordings = {}    # command buffer -> [(position, command)] of its recording
+    open_pass = {}     # primary command buffer -> kind of the substituted pass it began last
     frames = []
 
     def new_frame(number):
         return {"frame": number, "mainBegins": 0, "lightBegins": 0, "attachmentRates": 0, "fullRates": 0,
-                "uploads": 0, "saved": {"main": [], "light": []}, "contents": {}}
+                "uploads": 0, "saved": {"main": [], "light": []}, "contents": {}, "secondaries": {}}
+
+    def record(e, command):
+        recording = recordings.setdefault(e["commandBuffer"], [])
+        if recording and e["position"] <= recording[-1][0]:
+            recording.clear()  # recorded anew
+            open_pass.pop(e["commandBuffer"], None)
+        recording.append((e["position"], command))
 
     frame = new_frame(1)
     for e in events:
@@ -96,7 +109,8 @@ def summarise(events, texts):
                 distinct.append(data)
             frame["uploads"] += 1
         elif kind == "beginRenderPass":
-            pass_kind = pass_kinds.get(e.get("renderPass"))
+            record(e, "b")
+            pass_kind = open_pass[e["commandBuffer"]] = pass_kinds.get(e.get("renderPass"))
             if pass_kind is None:
                 continue
             area = e.get("renderArea", [0, 0, 0, 0])
@@ -112,6 +126,16 @@ def summarise(events, texts):
                 frame["attachmentRates"] += 1
             elif ops == FULL_RATE:
                 frame["fullRates"] += 1
+            record(e, "R" if ops == ATTACHMENT_RATE else "F" if ops == FULL_RATE else "?")
+        elif kind == "draw":
+            record(e, "d")
+        elif kind == "executeCommands":
+            record(e, "x")
+            # The trace has no pass ends: a secondary counts to the substituted pass begun last
+            # in the same recording.
+            if open_pass.get(e["commandBuffer"]):
+                frame["secondaries"].setdefault(open_pass[e["commandBuffer"]], []).extend(
+                    "".join(c for _, c in recordings.get(cb, []) if c in "dRF?") for cb in e["secondaries"])
         elif kind == "present":
             frames.append(frame)
             frame = new_frame(e["frame"] + 1)
