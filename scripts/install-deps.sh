@@ -34,6 +34,9 @@ PKGS=(
   clang-14 libclang-rt-14-dev llvm-14 valgrind
   xvfb xauth x11-utils procps gfxreconstruct vkbasalt mangohud
   libpng-dev bc
+  # Android.bp's formatter, and libbinder's headers of API 29 (bookworm's, not backports' later
+  # ones) for tools/android/check_binder_headers.py.
+  blueprint-tools android-platform-frameworks-native-headers/bookworm
 )
 $SUDO apt-get install -y -qq --no-install-recommends "${PKGS[@]}"
 $SUDO apt-get install -y -qq --no-install-recommends -t bookworm-backports mesa-vulkan-drivers

@@ -3,15 +3,21 @@
 
   tools/check_build_sources.py [--root DIR]
 
-Fails (exit 1, one line per problem) when
-  - the library's sources differ between CMakeLists.txt (ZOVK_LAYER_SOURCES) and
-    Android.bp (the srcs of libzovk), or either list names a file of platform/;
+Android.bp names the library's sources by globs; CMakeLists.txt lists them as
+ZOVK_LAYER_SOURCES. This checks what the globs cannot guarantee, and fails (exit 1, one
+line per problem) when
+  - a file that the srcs patterns of libzovk in Android.bp match is not in
+    ZOVK_LAYER_SOURCES, or the reverse; a pattern matches no file; or either build
+    takes a file of platform/;
   - Android.bp's warning flags are not the host build's (ZOVK_WARNINGS);
   - a preprocessor condition outside platform/ tests a platform macro (operating
     system, C library or processor): such differences live behind platform/.
+Whether Android.bp parses is bpfmt's to say: .ci/run runs `bpfmt -d` first, so this
+reads Android.bp in bpfmt's layout.
 """
 
 import argparse
+import glob
 import os
 import re
 import sys
@@ -42,84 +48,45 @@ def cmake_list(text, name):
     return match.group(1).split() if match else None
 
 
-def strip_blueprint_comments(text):
-    """TEXT without its // and /* */ comments; strings are kept whole."""
-    out, i = [], 0
-    while i < len(text):
-        if text[i] == '"':
-            end = text.find('"', i + 1)
-            end = len(text) if end < 0 else end + 1
-        elif text.startswith("//", i):
-            i = text.find("\n", i)
-            i = len(text) if i < 0 else i
-            continue
-        elif text.startswith("/*", i):
-            end = text.find("*/", i + 2)
-            i = len(text) if end < 0 else end + 2
-            continue
-        else:
-            end = i + 1
-        out.append(text[i:end])
-        i = end
-    return "".join(out)
-
-
 def blueprint_module(text, name):
-    """The body of the module whose top-level `name:` is NAME, or None."""
-    for start in re.finditer(r"\b\w+\s*\{", text):
-        depth, body_start = 0, start.end()
-        for i in range(start.end() - 1, len(text)):
-            depth += {"{": 1, "}": -1}.get(text[i], 0)
-            if depth == 0:
-                body = text[body_start:i]
-                if top_level_property(body, "name") == '"%s"' % name:
-                    return body
-                break
+    """{property: value text} of the module NAME in Blueprint TEXT laid out as bpfmt lays it
+    out (each module ends at a "}" line; its own properties are indented by four spaces);
+    None when there is no such module."""
+    text = re.sub(r'("(?:[^"\\\n]|\\.)*")|//[^\n]*|/\*.*?\*/', lambda m: m.group(1) or "", text,
+                  flags=re.S)  # comments out, strings kept whole
+    for body in re.split(r"^}$", text, flags=re.M):
+        props = dict(re.findall(r"^    (\w+): (\[[^\]]*\]|.*?),?$", body, flags=re.M))
+        if props.get("name") == '"%s"' % name:
+            return props
     return None
-
-
-def top_level_property(body, prop):
-    """The value text of PROP at the module's own level (not inside nested blocks)."""
-    pattern = re.compile(r"\b%s\s*:\s*" % re.escape(prop))
-    depth = 0
-    for i, c in enumerate(body):
-        if c in "{[":
-            depth += 1
-        elif c in "}]":
-            depth -= 1
-        elif depth == 0:
-            match = pattern.match(body, i)
-            if match:
-                return read_value(body, match.end())
-    return None
-
-
-def read_value(body, i):
-    if body[i] != "[":
-        end = body.find(",", i)
-        return body[i:end if end >= 0 else len(body)].strip()
-    depth = 0
-    for j in range(i, len(body)):
-        depth += {"[": 1, "]": -1}.get(body[j], 0)
-        if depth == 0:
-            return body[i:j + 1]
-    return body[i:]
 
 
 def blueprint_strings(value):
     """The strings of a plain list value; None when the value is anything else."""
-    if value is None or not value.startswith("[") or "+" in value:
+    if value is None or not re.fullmatch(r'\[(\s*"[^"]*",?)*\s*\]', value):
         return None
     return re.findall(r'"([^"]*)"', value)
 
 
+def expand(root, patterns):
+    """{file: pattern} for the files under ROOT that Blueprint path PATTERNS name ('*' within
+    a folder, '**' for any depth of folders), and the patterns that name nothing."""
+    files, empty = {}, []
+    for pattern in patterns:
+        matches = [m for m in glob.glob(pattern, root_dir=root, recursive=True)
+                   if os.path.isfile(os.path.join(root, m))]
+        if not matches:
+            empty.append(pattern)
+        files.update((os.path.normpath(m).replace(os.sep, "/"), pattern) for m in matches)
+    return files, empty
+
+
 def check_sources(root):
-    problems = []
     with open(os.path.join(root, "CMakeLists.txt")) as f:
         cmake = f.read()
     try:
         with open(os.path.join(root, "Android.bp")) as f:
-            blueprint = strip_blueprint_comments(f.read())
+            module = blueprint_module(f.read(), BP_MODULE)
     except FileNotFoundError:
         return ["Android.bp: missing"]
 
@@ -127,26 +94,28 @@ def check_sources(root):
     host_warnings = cmake_list(cmake, CMAKE_WARNINGS)
     if host_sources is None or host_warnings is None:
         return ["CMakeLists.txt: no set(%s ...) or set(%s ...)" % (CMAKE_LIST, CMAKE_WARNINGS)]
-    module = blueprint_module(blueprint, BP_MODULE)
     if module is None:
-        return ["Android.bp: no module named %s" % BP_MODULE]
-    vendor_sources = blueprint_strings(top_level_property(module, "srcs"))
-    cflags = blueprint_strings(top_level_property(module, "cflags")) or []
-    if vendor_sources is None:
-        return ["Android.bp: srcs of %s must be one plain list of files" % BP_MODULE]
+        return ["Android.bp: no module named %s (in bpfmt's layout)" % BP_MODULE]
+    patterns = blueprint_strings(module.get("srcs"))
+    if patterns is None:
+        return ["Android.bp: srcs of %s must be one plain list of paths and globs" % BP_MODULE]
 
-    for source in sorted(set(host_sources) - set(vendor_sources)):
-        problems.append("%s: in CMakeLists.txt %s but not in Android.bp" % (source, CMAKE_LIST))
-    for source in sorted(set(vendor_sources) - set(host_sources)):
-        problems.append("%s: in Android.bp but not in CMakeLists.txt %s" % (source, CMAKE_LIST))
-    for source in sorted(set(host_sources) | set(vendor_sources)):
+    android_sources, empty = expand(root, patterns)
+    problems = ["Android.bp: srcs pattern %s matches no file" % pattern for pattern in empty]
+    for source in sorted(set(android_sources) - set(host_sources)):
+        problems.append("%s: matched by Android.bp's %s but not in CMakeLists.txt %s"
+                        % (source, android_sources[source], CMAKE_LIST))
+    for source in sorted(set(host_sources) - set(android_sources)):
+        problems.append("%s: in CMakeLists.txt %s but matched by no srcs pattern of Android.bp"
+                        % (source, CMAKE_LIST))
+    for source in sorted(set(host_sources) | set(android_sources)):
         if source.startswith("platform/"):
-            problems.append("%s: a platform stand-in listed as a library source" % source)
+            problems.append("%s: a platform stand-in taken as a library source" % source)
 
-    vendor_warnings = [flag for flag in cflags if flag.startswith("-W")]
-    if sorted(vendor_warnings) != sorted(host_warnings):
+    android_warnings = [f for f in blueprint_strings(module.get("cflags")) or [] if f.startswith("-W")]
+    if sorted(android_warnings) != sorted(host_warnings):
         problems.append("Android.bp: warning flags %s differ from CMakeLists.txt %s %s"
-                        % (" ".join(vendor_warnings), CMAKE_WARNINGS, " ".join(host_warnings)))
+                        % (" ".join(android_warnings), CMAKE_WARNINGS, " ".join(host_warnings)))
     return problems
 
 
@@ -200,7 +169,8 @@ def main(argv=None):
         print(problem, file=sys.stderr)
     if problems:
         return 1
-    print("library sources agree between CMakeLists.txt and Android.bp; no platform conditions outside platform/")
+    print("Android.bp's source globs match CMakeLists.txt %s; no platform conditions outside platform/"
+          % CMAKE_LIST)
     return 0
 
 

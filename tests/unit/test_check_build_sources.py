@@ -30,20 +30,33 @@ def cmake_text(sources):
         """) % (" ".join(WARNINGS), "\n  ".join(sources))
 
 
-def blueprint_text(sources, cflags=WARNINGS):
-    quoted = lambda items: ", ".join('"%s"' % item for item in items)
-    # A second module and a nested srcs list, which are not the library's.
+def blueprint_text(patterns, cflags=WARNINGS):
+    """libzovk in bpfmt's layout, beside a second module, a nested srcs list and comments
+    that are not the library's."""
+    listed = lambda items: "".join('\n        "%s",' % item for item in items)
     return textwrap.dedent("""\
-        // libzovk, "vendor" build
-        cc_library_headers { name: "libzovk_headers", srcs: ["other.cpp"] }
+        // libzovk, "framework" build: srcs: ["other.cpp"]
+        cc_library_headers {
+            name: "libzovk_headers",
+            srcs: ["tools/*.cpp"],
+        }
+
         cc_library_shared {
             name: "libzovk",
-            srcs: [%s], // trailing "comment"
-            arch: { arm64: { srcs: ["arm64_only.cpp"] } },
-            cflags: [%s, "-fvisibility=hidden"],
-            /* shared_libs: ["liblog"], */
+            system_ext_specific: true,
+            srcs: [%s // trailing "comment"
+            ],
+            arch: {
+                arm64: {
+                    srcs: ["arm64/*.cpp"],
+                },
+            },
+            /* cflags: ["-Wextra"], */
+            cflags: [%s
+                "-fvisibility=hidden",
+            ],
         }
-        """) % (quoted(sources), quoted(cflags))
+        """) % (listed(patterns), listed(cflags))
 
 
 class TreeTest(unittest.TestCase):
@@ -52,51 +65,61 @@ class TreeTest(unittest.TestCase):
         self.root = self._dir.name
         self.addCleanup(self._dir.cleanup)
 
-    def write(self, path, text):
+    def write(self, path, text=""):
         full = os.path.join(self.root, path)
         os.makedirs(os.path.dirname(full), exist_ok=True)
         with open(full, "w") as f:
             f.write(text)
 
-    def builds(self, host, vendor, cflags=WARNINGS):
+    def builds(self, host, patterns, cflags=WARNINGS):
         self.write("CMakeLists.txt", cmake_text(host))
-        self.write("Android.bp", blueprint_text(vendor, cflags))
+        self.write("Android.bp", blueprint_text(patterns, cflags))
 
 
 class SourcesTest(TreeTest):
-    SOURCES = ["layer/a.cpp", "app/module/b.cpp"]
+    SOURCES = ["layer/a.cpp", "layer/generated/g.cpp", "app/module/b.cpp"]
+    GLOBS = ["layer/**/*.cpp", "app/**/*.cpp"]
 
-    def test_same_sources_in_any_order_pass(self):
-        self.builds(self.SOURCES, list(reversed(self.SOURCES)))
+    def setUp(self):
+        super().setUp()
+        for source in self.SOURCES + ["layer/a.h", "tools/t.cpp", "arm64/x.cpp", "platform/host/p.cpp"]:
+            self.write(source)
+
+    def test_globs_matching_cmakes_list_pass(self):
+        self.builds(list(reversed(self.SOURCES)), self.GLOBS)
         self.assertEqual(check.check(self.root), [])
         with contextlib.redirect_stdout(io.StringIO()):
             self.assertEqual(check.main(["--root", self.root]), 0)
 
-    def test_source_added_to_one_build_only_fails(self):
-        self.builds(self.SOURCES + ["app/module/new.cpp"], self.SOURCES)
-        self.assertEqual(check.check(self.root),
-                         ["app/module/new.cpp: in CMakeLists.txt ZOVK_LAYER_SOURCES but not in Android.bp"])
-        self.builds(self.SOURCES, self.SOURCES + ["app/module/new.cpp"])
-        self.assertEqual(check.check(self.root),
-                         ["app/module/new.cpp: in Android.bp but not in CMakeLists.txt ZOVK_LAYER_SOURCES"])
+    def test_file_on_one_side_only_fails(self):
+        self.write("app/module/new.cpp")
+        self.builds(self.SOURCES + ["settings/gone.cpp"], self.GLOBS + ["settings/*.cpp"])
+        self.assertEqual(check.check(self.root), [
+            "Android.bp: srcs pattern settings/*.cpp matches no file",
+            "app/module/new.cpp: matched by Android.bp's app/**/*.cpp but not in CMakeLists.txt "
+            "ZOVK_LAYER_SOURCES",
+            "settings/gone.cpp: in CMakeLists.txt ZOVK_LAYER_SOURCES but matched by no srcs pattern "
+            "of Android.bp",
+        ])
         with contextlib.redirect_stderr(io.StringIO()) as err:
             self.assertEqual(check.main(["--root", self.root]), 1)
         self.assertIn("app/module/new.cpp", err.getvalue())
 
     def test_platform_stand_in_and_warning_drift_fail(self):
-        both = self.SOURCES + ["platform/host/properties.cpp"]
-        self.builds(both, both, cflags=["-Wall"])
+        both = self.SOURCES + ["platform/host/p.cpp"]
+        self.builds(both, self.GLOBS + ["platform/host/p.cpp"], cflags=["-Wall"])
         problems = check.check(self.root)
         self.assertEqual(len(problems), 2, problems)
-        self.assertIn("platform/host/properties.cpp: a platform stand-in", problems[0])
+        self.assertIn("platform/host/p.cpp: a platform stand-in", problems[0])
         self.assertIn("warning flags -Wall differ", problems[1])
 
     def test_unreadable_builds_are_reported(self):
         self.write("CMakeLists.txt", cmake_text(self.SOURCES))
         self.assertEqual(check.check(self.root), ["Android.bp: missing"])
-        self.write("Android.bp", 'cc_library_shared { name: "libother", srcs: ["a.cpp"] }\n')
-        self.assertEqual(check.check(self.root), ["Android.bp: no module named libzovk"])
-        self.write("Android.bp", 'cc_library_shared { name: "libzovk", srcs: common + ["a.cpp"] }\n')
+        self.write("Android.bp", 'cc_library_shared {\n    name: "libother",\n    srcs: ["a.cpp"],\n}\n')
+        self.assertIn("no module named libzovk", check.check(self.root)[0])
+        self.write("Android.bp",
+                   'cc_library_shared {\n    name: "libzovk",\n    srcs: common + ["a.cpp"],\n}\n')
         self.assertIn("one plain list", check.check(self.root)[0])
 
 
