@@ -89,13 +89,14 @@ class Session:
 
     def layers(self, *names, emulation=None, trace=None, loader_debug=False, layer_dir=None):
         """The environment of a run with the given layers enabled (ours, the validation layer, ...),
-        and the emulation layer at the bottom when `emulation` names a preset."""
+        and the emulation layer at the bottom unless `emulation` is None: "" for its default preset,
+        or a preset's name."""
         env = dict(self.env, VK_ADD_LAYER_PATH=layer_dir or self.layer_dir, VK_INSTANCE_LAYERS=":".join(names),
                    VK_LAYER_SETTINGS_PATH=self.out)
-        if emulation:
+        if emulation is not None:
             script = os.path.join(ROOT, "tools", "fsr_emulation", "env.sh")
-            sourced = subprocess.run(["bash", "-c", 'source "$0" "$@" >/dev/null && env -0', script, self.build,
-                                      emulation], env=env, capture_output=True)
+            sourced = subprocess.run(["bash", "-c", 'source "$0" "$@" >/dev/null && env -0', script, self.build]
+                                     + ([emulation] if emulation else []), env=env, capture_output=True)
             if sourced.returncode != 0:
                 raise Failure(f"no emulation layer for preset {emulation}: {sourced.stderr.decode().strip()}")
             env = dict(entry.split("=", 1) for entry in sourced.stdout.decode().split("\0") if "=" in entry)

@@ -1,0 +1,246 @@
+#!/usr/bin/env python3
+"""The layer and the host game service (zovk-gameservice) as separate processes, as on a device. Real
+programs run as Star Rail through the layer, with its debug log on and the validation layer beneath it
+(which must stay silent in every run):
+- fetch_and_register: the configuration fetch first, the build tag line, hook-enable bits 0 and 1, the
+  callback registration (transaction 35) and the monitor-started notice (transaction 29);
+- unconfigured_package: a recognised process the service has no document for stays a pass-through;
+- push_records: records pushed through the service reach the running program's monitor; a malformed
+  one is logged and leaves the layer serving; one for another package never reaches it;
+- service_killed: SIGKILL of the service while the program runs; the program goes on to exit 0;
+- hung_service: a stopped service makes the fetch fail after the bounded wait; the program runs on as a
+  pass-through;
+- scene_report_once: with module 1 configured, {"sceneId":10005} reaches the service exactly once
+  although the program creates several graphics pipelines.
+The long-running program is vkcube under Xvfb with a frame count it never reaches, ended through its
+window (WM_DELETE_WINDOW, as a window manager closes it) once a case is done, in vkcube's normal exit."""
+
+import json
+import os
+import re
+import signal
+import socket
+import struct
+import subprocess
+
+from it import LAYER, SUMMARY, VALIDATION, expect, main, wait_until
+
+APP = "com.miHoYo.hkrpg"
+OTHER_APP = "com.HoYoverse.hkrpgoversea"  # recognised by the layer, unknown to the service
+# What the layer logs when the service cannot be reached or called.
+SERVICE_TROUBLE = r"remote service not exi|call remote service failed|remote service died"
+
+
+def x11_request(display, window, request):
+    """Sends vkcube's window what no X client tool here sends: ConfigureWindow ("resize", width, height;
+    vkcube recreates its swapchain) or the WM_DELETE_WINDOW message ("close"; vkcube quits). Xvfb
+    accepts local clients without authorisation."""
+    conn = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    conn.connect("/tmp/.X11-unix/X" + display.split(":")[1].split(".")[0])
+
+    def receive(size):
+        data = b""
+        while len(data) < size:
+            chunk = conn.recv(size - len(data))
+            expect(chunk, "the X server closed the connection")
+            data += chunk
+        return data
+
+    def reply():
+        while True:
+            packet = receive(32)
+            expect(packet[0] != 0, f"X error {packet[1]} on resource 0x{struct.unpack_from('<I', packet, 4)[0]:x}")
+            if packet[0] == 1:
+                return packet + receive(struct.unpack_from("<I", packet, 4)[0] * 4)
+
+    def atom(name):
+        raw = name.encode()
+        pad = -len(raw) % 4
+        conn.sendall(struct.pack("<BBHHxx", 16, 1, 2 + (len(raw) + pad) // 4, len(raw)) + raw + b"\0" * pad)
+        return struct.unpack_from("<I", reply(), 8)[0]
+
+    conn.sendall(struct.pack("<BxHHHHxx", 0x6C, 11, 0, 0, 0))
+    setup = receive(8)
+    receive(struct.unpack_from("<H", setup, 6)[0] * 4)
+    expect(setup[0] == 1, "the X server refused the connection")
+    if request[0] == "resize":
+        conn.sendall(struct.pack("<BxHIHxxII", 12, 5, window, 0x4 | 0x8, request[1], request[2]))
+    else:
+        protocols, delete = atom("WM_PROTOCOLS"), atom("WM_DELETE_WINDOW")
+        message = struct.pack("<BBHII5I", 33, 32, 0, window, protocols, delete, 0, 0, 0, 0)
+        conn.sendall(struct.pack("<BBHII", 25, 0, 11, window, 0) + message)
+    conn.sendall(struct.pack("<BxH", 43, 1))  # GetInputFocus: its reply follows any error of the request
+    reply()
+    conn.close()
+
+
+class Vkcube:
+    """vkcube as APP through LAYERS until close(); returns once its window exists."""
+
+    def __init__(self, s, label, layers=(LAYER, VALIDATION), **env):
+        self.s, self.label = s, label
+        self.program = s.launch(label, ["vkcube", "--c", "1000000"], {**s.layers(*layers, loader_debug=True), **env},
+                                process=APP)
+
+        def window():
+            expect(self.program.poll() is None, f"{label}: vkcube exited with status {self.program.returncode} "
+                   "before it opened a window" + s.tail(label + ".err"))
+            # vkcube's is the only window on our server.
+            tree = subprocess.run(["xwininfo", "-root", "-children"], env=s.env, capture_output=True, text=True)
+            found = re.search(r"^\s+(0x[0-9a-f]+)", tree.stdout, re.M)
+            self.window = int(found.group(1), 16) if found else None
+            return found
+        wait_until(window, 60, f"{label}: vkcube's window")
+
+    def resize(self, width, height):
+        x11_request(self.s.env["DISPLAY"], self.window, ("resize", width, height))
+
+    def resize_three_times(self):
+        for size in ((320, 240), (400, 300), (256, 256)):
+            self.resize(*size)
+
+    def close(self):
+        expect(self.program.poll() is None, f"{self.label}: vkcube ended (status {self.program.returncode}) "
+               "before it was closed" + self.s.tail(self.label + ".err"))
+        x11_request(self.s.env["DISPLAY"], self.window, ("close",))
+        self.s.wait(self.label, self.program)
+        self.s.expect_validation(self.label)
+
+
+def game_service(s):
+    s.set_properties("vendor.zovk.log.debug=true")
+    # Module 1 only: it reports the scene id and leaves rendering alone (module 2, VRS, needs a driver
+    # with fragment shading rates, which lavapipe has only through the emulation layer).
+    config = s.path("gameservice.json")
+    with open(config, "w") as f:
+        json.dump({APP: {"configs": {"xrender_BaseInfo": "1"}}}, f)
+
+    def start(label):
+        s.start_service(config, s.path(label + ".log"))
+        return os.path.basename(s.service_log)
+
+    def once(name, pattern, what):
+        n = s.count(name, pattern)
+        expect(n == 1, f"{what}: expected once in {name}, found {n} times" + s.tail(name))
+
+    def none(name, pattern, what):
+        expect(s.count(name, pattern) == 0, f"{what}: unexpected lines in {name}" + s.tail(name))
+
+    def registered():
+        wait_until(lambda: s.count(os.path.basename(s.service_log), rf"^transaction 35 register {APP}_zovk"), 30,
+                   "the callback registration (transaction 35)")
+
+    # What vulkaninfo prints with the layer offered but not enabled: runs that must be pass-throughs
+    # print the same.
+    s.run("plain", SUMMARY, s.layers(), process=APP)
+
+    def expect_pass_through(label):
+        expect(s.text(label + ".out") == s.text("plain.out"),
+               f"{label}: vulkaninfo printed something else through the layer than without it")
+
+    s.start_xvfb()
+
+    # fetch_and_register
+    log = start("service_fetch")
+    cube = Vkcube(s, "fetch")
+    registered()  # the registration runs on the layer's own thread: waited for before vkcube ends
+    cube.close()
+    s.expect_chain("fetch", LAYER, VALIDATION, kinds=["vkCreateDevice"])
+    once(log, rf"^transaction 30 fetch {APP} -> [1-9][0-9]* bytes$", "the configuration fetch")
+    expect(s.text(log).split("transaction ", 1)[1].startswith("30 "), "another transaction came before the fetch")
+    once(log, rf"^transaction 35 register {APP}_zovk binder=yes$", "the registration of the callback with a binder")
+    once(log, rf"^transaction 29 monitor-started {APP}$", "the monitor-started notice")
+    once("fetch.err", rf"vxxk v: 2025052101, n: {APP}$", "the build tag line after the fetch")
+    once("fetch.err", r"vxxk enf: 3$", "hook-enable bits 0 and 1 after the accepted configuration")
+    once("fetch.err", r"ZoVK BnGameInfoUpdate register success$", "the registration success line")
+    none("fetch.err", SERVICE_TROUBLE, "with the service up, the layer")
+    status = s.stop_service()
+    expect(status == 0, f"the game service exited with status {status} on SIGTERM")
+
+    # unconfigured_package
+    log = start("service_unconfigured")
+    s.run("unconfigured", SUMMARY, s.layers(LAYER, VALIDATION), process=OTHER_APP)
+    s.expect_validation("unconfigured")
+    expect_pass_through("unconfigured")
+    once(log, rf"^transaction 30 fetch {OTHER_APP} -> 0 bytes$", "the fetch answered with no document")
+    none(log, r"^transaction (29|35|3) ", "without a configuration the monitor and modules stay off:")
+    once("unconfigured.err", rf"vxxk v: 2025052101, n: {OTHER_APP}$", "the build tag line after the empty fetch")
+    none("unconfigured.err", "vxxk enf", "an empty document must enable no hooks;")
+    s.stop_service()
+
+    # push_records: RECORD, what `push` exits with (0: a layer took it, 1: none did), and the layer's
+    # parse line (None: the record must not reach the layer). The push returns after the layer's
+    # callback has returned: its lines are already written.
+    log = start("service_push")
+    cube = Vkcube(s, "push_records")
+    registered()
+    for record, want, line in [(f"1 {APP} 12", 0, r"ParseGameSceneId: 12$"),
+                               (f"2 {APP} 54 1", 0, r"parseGamePictureInfo key: 54 , value: 1$"),
+                               (f"6 {APP} 3", 0, r"parseVkVrsSwitch: 3$"), (f"6 {APP} 0", 0, r"parseVkVrsSwitch: 0$"),
+                               # without its scene id: logged, success for the caller, nothing stored
+                               (f"1 {APP}", 0, "parse game sceneId error: "),
+                               (f"1 {APP} 40", 0, r"ParseGameSceneId: 40$"),
+                               (f"1 {OTHER_APP} 99", 1, None)]:  # no layer registered for that package
+        status = s.push(record)
+        expect(status == want, f"push {record!r} exited {status}, expected {want}" + s.tail(log))
+        once(log, rf'^push "{record}" -> {1 - want} layer\(s\)$', "the service's push line")
+        if line:
+            once("push_records.err", rf"appInfo changed: {record}$", f"record {record!r} in the layer")
+            once("push_records.err", line, f"the layer's parse line for {record!r}")
+        else:
+            none("push_records.err", rf"appInfo changed: {record}$", f"record {record!r} must not reach the layer;")
+    expect(s.count("push_records.err", "ParseGameSceneId: ") == 2, "the record without a scene id was parsed")
+    # The parse lines come before the package check; no mismatch line means every value was stored.
+    none("push_records.err", r"[spv]_er_p:", "records for this package were rejected;")
+    cube.close()
+    s.stop_service()
+
+    # service_killed: more Vulkan work through the layer after the death (a new swapchain and pipeline).
+    start("service_killed")
+    cube = Vkcube(s, "killed")
+    registered()
+    s.service.kill()
+    status = s.stop_service()
+    expect(status == -signal.SIGKILL, f"the game service was not ended by SIGKILL (status {status})")
+    cube.resize(320, 240)
+    cube.close()
+
+    # hung_service: either the lookup or the fetch runs out of time, depending on where the service froze.
+    start("service_hung")
+    s.service.send_signal(signal.SIGSTOP)
+    wait_until(lambda: open(f"/proc/{s.service.pid}/stat").read().rsplit(")", 1)[1].split()[0] == "T", 5,
+               "the game service stopping")
+    s.run("hung", SUMMARY, {**s.layers(LAYER, VALIDATION), "ZOVK_BINDER_TIMEOUT_MS": "1000"}, process=APP)
+    s.expect_validation("hung")
+    expect_pass_through("hung")
+    expect(s.count("hung.err", r"vxxk:call remote service failed\.$|remote service not exist\.$"),
+           "no failed fetch from the stopped service" + s.tail("hung.err"))
+    none("hung.err", "vxxk v: |vxxk enf", "after a failed fetch the layer must stay a pass-through;")
+    status = s.stop_service()
+    expect(status == 0, f"the game service, resumed after the layer gave up, exited with status {status}")
+
+    # scene_report_once: vkcube makes one graphics pipeline per swapchain and a new swapchain when its
+    # window changes size. The capture layer first counts the pipelines that three resizes give, so that
+    # the case cannot pass on a program that made only one.
+    capture = s.path("scene.gfxr")
+    cube = Vkcube(s, "scene_count", ("VK_LAYER_LUNARG_gfxreconstruct",), GFXRECON_CAPTURE_FILE=capture,
+                  GFXRECON_CAPTURE_FILE_TIMESTAMP="false", GFXRECON_LOG_LEVEL="warning")
+    cube.resize_three_times()
+    cube.close()
+    info = subprocess.run(["gfxrecon-info", capture], capture_output=True, text=True).stdout
+    pipelines = int((re.search(r"Total graphics pipelines:\s*(\d+)", info) or [0, 0])[1])
+    expect(pipelines >= 2, f"vkcube made {pipelines} graphics pipeline(s) with three resizes; the case needs several")
+    log = start("service_scene")
+    cube = Vkcube(s, "scene")
+    registered()
+    cube.resize_three_times()
+    cube.close()
+    expect("sendSceneIdToPavune" in s.text("scene.err"),
+           "the scene report module never ran: the layer did not intercept vkCreateGraphicsPipelines")
+    once(log, r'^transaction 3 scene-report 1 \{"sceneId":10005\}$', f"the scene report for {pipelines} pipelines")
+    once(log, r"^transaction 3 ", "scene reports of any kind")
+    s.stop_service()
+
+
+if __name__ == "__main__":
+    raise SystemExit(main({"game_service": game_service}))
