@@ -65,9 +65,10 @@ def expected_trace(preset, texel, fragment, width, height, cbs, uploaded):
 
 def emulation_probe(s):
     probe, library = s.tool("fsr_emulation/fsr_probe"), s.tool("fsr_emulation/libVkLayer_zovk_fsr_emulation.so")
-    # The probe is ours and built like the layer: a sanitizer build only needs the emulation layer
-    # kept mapped after the loader unloads it, so that a leak report can name its functions.
-    s.preload = {"LD_PRELOAD": library} if s.preload else {}
+    # The probe is ours and built like the layer, leak checks included; in a sanitizer build the
+    # emulation layer is preloaded after the runtime, which keeps it mapped after the loader unloads
+    # it, so that a leak report can name its functions.
+    s.preload = {"LD_PRELOAD": f"{s.preload['LD_PRELOAD']}:{library}"} if s.preload else {}
     s.run("plain", [probe, "--plain", s.path("plain.png")], s.layers(VALIDATION))
     expect(os.path.exists(s.validation_log), "the validation layer wrote no log: was it loaded?")
     s.expect_validation("plain")
