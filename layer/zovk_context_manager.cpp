@@ -16,23 +16,23 @@ typename Map::mapped_type* Find(Map& map, void* key) {
 }
 
 template <typename Map>
-typename Map::mapped_type* FindLocked(std::shared_mutex& lock, Map& map, void* key) {
-    std::shared_lock<std::shared_mutex> guard(lock);
+typename Map::mapped_type* FindLocked(ZoVkLookupLock& lock, Map& map, void* key) {
+    std::shared_lock<ZoVkLookupLock> guard(lock);
     return Find(map, key);
 }
 
 template <typename Map>
-typename Map::mapped_type& Emplace(std::shared_mutex& lock, Map& map, void* key) {
-    std::unique_lock<std::shared_mutex> guard(lock);
+typename Map::mapped_type& Emplace(ZoVkLookupLock& lock, Map& map, void* key) {
+    std::unique_lock<ZoVkLookupLock> guard(lock);
     // An existing record for the same key is reused, not replaced.
     return map.try_emplace(key).first->second;
 }
 
 template <typename Map>
-void Erase(std::shared_mutex& lock, Map& map, void* key) {
+void Erase(ZoVkLookupLock& lock, Map& map, void* key) {
     typename Map::node_type node;
     {
-        std::unique_lock<std::shared_mutex> guard(lock);
+        std::unique_lock<ZoVkLookupLock> guard(lock);
         node = map.extract(key);
     }
     // The record dies here, outside the lock: an instance record ends its processor,
@@ -81,13 +81,78 @@ ZoVkInstanceInfo* ZoVkContextManager::GetInstanceInfoWithLock(void* key) {
 }
 
 ZoVkDeviceInfo* ZoVkContextManager::GetDeviceInfoWithLock(void* key) {
-    return FindLocked(deviceLock_, deviceMap_, key);
+    std::shared_lock<ZoVkLookupLock> guard(deviceLock_);
+    return GetDeviceInfoWithoutLock(key);
+}
+
+ZoVkDeviceInfo* ZoVkContextManager::FindDeviceInMap(void* key) {
+    return Find(deviceMap_, key);
+}
+
+ZoVkDeviceInfo* ZoVkContextManager::FindRecentDevice(void* key) const {
+    for (const RecentDevice& recent : recentDevices_) {
+        if (recent.key.load(std::memory_order_acquire) == key) {
+            return recent.record.load(std::memory_order_relaxed);
+        }
+    }
+    return nullptr;
+}
+
+void ZoVkContextManager::RememberRecentDevice(void* key, ZoVkDeviceInfo* record) {
+    std::unique_lock<ZoVkLookupLock> guard(deviceLock_);
+    RecentDevice* slot = nullptr;
+    for (RecentDevice& recent : recentDevices_) {
+        const void* held = recent.key.load(std::memory_order_relaxed);
+        if (held == key || (held == kNoDevice && slot == nullptr)) {
+            slot = &recent;
+        }
+    }
+    if (slot == nullptr) {
+        // All taken: the oldest gives way; its device is still found through the map.
+        slot = &recentDevices_[nextRecentDevice_++ % kRecentDevices];
+    }
+    slot->key.store(kNoDevice, std::memory_order_relaxed);
+    slot->record.store(record, std::memory_order_relaxed);
+    slot->key.store(key, std::memory_order_release);
+    UpdateUnlockedFirst();
+}
+
+void ZoVkContextManager::UpdateUnlockedFirst() {
+    unlockedFirst_.key.store(kNoDevice, std::memory_order_relaxed);
+    if (LockLookups()) {
+        return;
+    }
+    for (const RecentDevice& recent : recentDevices_) {
+        void* key = recent.key.load(std::memory_order_relaxed);
+        if (key != kNoDevice) {
+            unlockedFirst_.record.store(recent.record.load(std::memory_order_relaxed), std::memory_order_relaxed);
+            unlockedFirst_.key.store(key, std::memory_order_release);
+            return;
+        }
+    }
+}
+
+void ZoVkContextManager::SetLockLookups(bool lock) {
+    std::unique_lock<ZoVkLookupLock> guard(deviceLock_);
+    lockLookups_.store(lock, std::memory_order_relaxed);
+    UpdateUnlockedFirst();
+}
+
+void ZoVkContextManager::ForgetRecentDevice(void* key) {
+    std::unique_lock<ZoVkLookupLock> guard(deviceLock_);
+    for (RecentDevice& recent : recentDevices_) {
+        if (recent.key.load(std::memory_order_relaxed) == key) {
+            recent.key.store(kNoDevice, std::memory_order_relaxed);
+            recent.record.store(nullptr, std::memory_order_relaxed);
+        }
+    }
+    UpdateUnlockedFirst();
 }
 
 void ZoVkContextManager::InitInstanceInfo(VkInstance instance, PFN_vkGetInstanceProcAddr nextGetInstanceProcAddr,
                                           uint64_t apiVersion, std::shared_ptr<app::ZoVkProcessorBase>&& processor,
                                           bool hooked) {
-    lockLookups_.store(ZoVkSettings::GetInstance()->UseLock(), std::memory_order_relaxed);
+    SetLockLookups(ZoVkSettings::GetInstance()->UseLock());
     ZoVkInstanceInfo& record = Emplace(instanceLock_, instanceMap_, GetDispatchKey(instance));
     // Filling outside the lock is safe: no other thread holds the new handle yet.
     record.instance = instance;
@@ -111,7 +176,7 @@ void ZoVkContextManager::InitDeviceInfo(VkPhysicalDevice physicalDevice, VkDevic
                                         PFN_vkGetDeviceProcAddr nextGetDeviceProcAddr, uint64_t apiVersion,
                                         const std::shared_ptr<app::ZoVkProcessorBase>& processor, bool hooked,
                                         PFN_vkSetDeviceLoaderData setDeviceLoaderData) {
-    lockLookups_.store(ZoVkSettings::GetInstance()->UseLock(), std::memory_order_relaxed);
+    SetLockLookups(ZoVkSettings::GetInstance()->UseLock());
     ZoVkDeviceInfo& record = Emplace(deviceLock_, deviceMap_, GetDispatchKey(device));
     record.device = device;
     record.physicalDevice = physicalDevice;
@@ -129,6 +194,8 @@ void ZoVkContextManager::InitDeviceInfo(VkPhysicalDevice physicalDevice, VkDevic
     if (record.processor) {
         record.processor->SetDeviceInfo(&record);
         record.processor->InitVkDeviceHooks();
+        // Only devices with a processor are looked up by trampolines.
+        RememberRecentDevice(GetDispatchKey(device), &record);
     }
 }
 
@@ -137,6 +204,7 @@ void ZoVkContextManager::EraseInstanceInfo(void* key) {
 }
 
 void ZoVkContextManager::EraseDeviceInfo(void* key) {
+    ForgetRecentDevice(key);
     Erase(deviceLock_, deviceMap_, key);
 }
 

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <memory>
 #include <shared_mutex>
+
+#include "layer/zovk_lookup_lock.h"
 #include <unordered_map>
 
 #include "app/zovk_processor_data_base.h"
@@ -36,16 +38,19 @@ public:
     bool LockLookups() const { return lockLookups_.load(std::memory_order_relaxed); }
     ZoVkDeviceInfo* GetDeviceInfoWithLock(void* key);
     ZoVkDeviceInfo* GetDeviceInfoWithoutLock(void* key) {
-        // One hash lookup, written out over the key's bucket: the compiler keeps find()
-        // out of line, which would cost every hooked call a spill of its arguments.
-        const size_t bucket = deviceMap_.bucket(key);
-        for (auto it = deviceMap_.begin(bucket); it != deviceMap_.end(bucket); ++it) {
-            if (it->first == key) {
-                return &it->second;
-            }
-        }
-        return nullptr;
+        ZoVkDeviceInfo* record = FindRecentDevice(key);
+        return record != nullptr ? record : FindDeviceInMap(key);
     }
+    // Lookups start among the few most recently made devices that have a processor; a game
+    // keeps one or two. While lookups take no lock, trampolines compare the first of them
+    // inline: a handful of instructions against a hash lookup's forty, and no read of a map
+    // that a create may be changing. Null when the key is not that one.
+    ZoVkDeviceInfo* FindFirstRecentDevice(void* key) const {
+        return unlockedFirst_.key.load(std::memory_order_acquire) == key
+                   ? unlockedFirst_.record.load(std::memory_order_relaxed)
+                   : nullptr;
+    }
+    ZoVkDeviceInfo* FindRecentDevice(void* key) const;
 
     // Kept empty on purpose: records go only in the destroy operations.
     void RemoveInstanceInfo(void*) {}
@@ -97,11 +102,28 @@ private:
                                     const VkAllocationCallbacks* pAllocator, VkInstance* pInstance,
                                     PFN_vkGetInstanceProcAddr nextGetInstanceProcAddr, uint64_t apiVersion);
 
-    std::shared_mutex deviceLock_;
-    std::shared_mutex instanceLock_;
+    ZoVkLookupLock deviceLock_;
+    ZoVkLookupLock instanceLock_;
     std::unordered_map<void*, ZoVkDeviceInfo> deviceMap_;
     std::unordered_map<void*, ZoVkInstanceInfo> instanceMap_;
     std::atomic<bool> lockLookups_{true};
+
+    static inline void* const kNoDevice = &sInstance;
+    // Written under deviceLock_ when a device record is made or erased; read without it.
+    // A free entry's key is kNoDevice, which no dispatch key equals (not even a null one).
+    struct RecentDevice {
+        std::atomic<void*> key{kNoDevice};
+        std::atomic<ZoVkDeviceInfo*> record{nullptr};
+    };
+    static constexpr size_t kRecentDevices = 4;
+    ZoVkDeviceInfo* FindDeviceInMap(void* key);
+    void RememberRecentDevice(void* key, ZoVkDeviceInfo* record);
+    void ForgetRecentDevice(void* key);
+    void SetLockLookups(bool lock);
+    RecentDevice recentDevices_[kRecentDevices];
+    RecentDevice unlockedFirst_;  // the first recent device while lookups take no lock
+    void UpdateUnlockedFirst();
+    size_t nextRecentDevice_ = 0;
 };
 
 }  // namespace vulkan::zovk

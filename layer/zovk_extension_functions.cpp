@@ -47,11 +47,11 @@ void CheckFunctions(const std::vector<std::string>& layerList, const app::ZoVkFu
 }
 
 template <typename Handle, typename Record, typename FillOne, typename ModuleFill>
-void FillFunctions(std::shared_mutex& lock, Record* (ZoVkContextManager::*find)(void*), ZoVkContextManager* manager,
+void FillFunctions(ZoVkLookupLock& lock, Record* (ZoVkContextManager::*find)(void*), ZoVkContextManager* manager,
                    Handle handle, const std::vector<std::string>& layerList, bool instanceLevel, FillOne fillOne,
                    ModuleFill moduleFill) {
     ZoVkSettings* settings = ZoVkSettings::GetInstance();
-    std::unique_lock<std::shared_mutex> guard(lock);
+    std::unique_lock<ZoVkLookupLock> guard(lock);
     Record* record = (manager->*find)(GetDispatchKey(handle));
     if (record == nullptr) {
         settings->ClearHookFlags(kHookExtensionsReady);

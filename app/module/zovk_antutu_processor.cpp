@@ -6,10 +6,4 @@ namespace vulkan::zovk::app {
 
 ZoVkAntutuProcessor::ZoVkAntutuProcessor() : processorData(ZoVkSettings::GetInstance()->GetProcessorData()) {}
 
-void ZoVkAntutuProcessor::OnGettingDeviceInfo() {
-    createGraphicsPipelines.Reset(this);
-    cmdBeginRenderPass.Reset(this);
-    queuePresent.Reset(this);
-}
-
 }  // namespace vulkan::zovk::app

@@ -12,6 +12,8 @@ namespace vulkan::zovk::app::module {
 
 namespace {
 
+using T = VkDeviceFunctionTable;
+
 bool IsSingleAttachmentFormat(VkFormat format) {
     return format == VK_FORMAT_R8G8B8A8_UNORM || format == VK_FORMAT_D24_UNORM_S8_UINT ||
            format == VK_FORMAT_D16_UNORM;
@@ -58,34 +60,6 @@ VkExtent2D ZoVkAntutuVRSModule::GetFramentSizeFromIntConfig(int code) {
     return code >= 3 && code <= 10 ? kSizes[code - 3] : VkExtent2D{1, 1};
 }
 
-void ZoVkAntutuVRSModule::RegisterModuleVkDeviceHooks() {
-    using P = ZoVkAntutuProcessor;
-    SetDeviceHook<P, &T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(processor_,
-                                                                                         "vkCreateGraphicsPipelines");
-    SetDeviceHook<P, &T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
-    SetDeviceHook<P, &T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
-    SetDeviceHook<P, &T::vkQueuePresentKHR, &P::VkQueuePresentKHRHooked>(processor_, "vkQueuePresentKHR");
-}
-
-void ZoVkAntutuVRSModule::RegisterModuleDeviceFunctors() {
-    using M = ZoVkAntutuVRSModule;
-    JoinFunctor(processor_->createGraphicsPipelines, pipelinesNode_, this,
-                &decltype(pipelinesNode_)::Hooked<M, &M::PreVkCreateGraphicsPipelines>, 1000);
-    JoinFunctor(processor_->cmdBeginRenderPass, beginNode_, this,
-                &decltype(beginNode_)::Hooked<M, &M::PreVkCmdBeginRenderPass>, 0);
-    JoinFunctor(processor_->postCreateRenderPass, createPassNode_, this,
-                &decltype(createPassNode_)::Hooked<M, &M::PostVkCreateRenderPass>, 0);
-    JoinFunctor(processor_->queuePresent, presentNode_, this,
-                &decltype(presentNode_)::Hooked<M, &M::PreVkQueuePresentKHR>, 0);
-}
-
-void ZoVkAntutuVRSModule::UnregisterModuleDeviceFunctors() {
-    processor_->createGraphicsPipelines.Remove(&pipelinesNode_);
-    processor_->cmdBeginRenderPass.Remove(&beginNode_);
-    processor_->postCreateRenderPass.Remove(&createPassNode_);
-    processor_->queuePresent.Remove(&presentNode_);
-}
-
 void ZoVkAntutuVRSModule::OnDeviceDestroy(VkDevice device) {
     std::lock_guard<std::mutex> lock(mutex_);
     for (PassSet* set : {&singleAttachmentPasses_, &clearColorPasses_, &halfFloatPasses_}) {
@@ -95,23 +69,23 @@ void ZoVkAntutuVRSModule::OnDeviceDestroy(VkDevice device) {
     }
 }
 
-VkResult ZoVkAntutuVRSModule::PreVkQueuePresentKHR(VkQueue queue, const VkPresentInfoKHR* pPresentInfo) {
+ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkQueuePresentKHR(VkQueue queue, const VkPresentInfoKHR* pPresentInfo,
+                                                               ZoVkNext<&T::vkQueuePresentKHR> next) {
     const uint64_t presents = presentCount_.fetch_add(1, std::memory_order_relaxed) + 1;
     if (presents % kSamplingPeriod == 0) {
         const bool enabled = android::ZoVkAppInfoMonitor::GetInstance()->IsVrsEnable();
         vrsEnabled_.store(enabled, std::memory_order_relaxed);
         ZOVK_LOGD("vxxk vflag: %d", enabled ? 1 : 0);
     }
-    return presentNode_.next->Call(queue, pPresentInfo);
+    return next(queue, pPresentInfo);
 }
 
-VkResult ZoVkAntutuVRSModule::PreVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache pipelineCache,
-                                                           uint32_t createInfoCount,
-                                                           const VkGraphicsPipelineCreateInfo* pCreateInfos,
-                                                           const VkAllocationCallbacks* pAllocator,
-                                                           VkPipeline* pPipelines) {
+ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkCreateGraphicsPipelines(
+    VkDevice device, VkPipelineCache pipelineCache, uint32_t createInfoCount,
+    const VkGraphicsPipelineCreateInfo* pCreateInfos, const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines,
+    ZoVkNext<&T::vkCreateGraphicsPipelines> next) {
     if (createInfoCount == 0 || pCreateInfos == nullptr) {
-        return pipelinesNode_.next->Call(device, pipelineCache, createInfoCount, pCreateInfos, pAllocator, pPipelines);
+        return next(device, pipelineCache, createInfoCount, pCreateInfos, pAllocator, pPipelines);
     }
     // The application's structures are const: the extended lists go into copies that live
     // until the next layer has returned.
@@ -135,7 +109,7 @@ VkResult ZoVkAntutuVRSModule::PreVkCreateGraphicsPipelines(VkDevice device, VkPi
         blocks[i].pDynamicStates = list.data();
         infos[i].pDynamicState = &blocks[i];
     }
-    return pipelinesNode_.next->Call(device, pipelineCache, createInfoCount, infos.data(), pAllocator, pPipelines);
+    return next(device, pipelineCache, createInfoCount, infos.data(), pAllocator, pPipelines);
 }
 
 void ZoVkAntutuVRSModule::PostVkCreateRenderPass(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
@@ -144,7 +118,6 @@ void ZoVkAntutuVRSModule::PostVkCreateRenderPass(VkDevice device, const VkRender
     if (pCreateInfo != nullptr && result == VK_SUCCESS && pRenderPass != nullptr) {
         Classify(device, *pCreateInfo, *pRenderPass);
     }
-    createPassNode_.next->Call(device, pCreateInfo, pAllocator, pRenderPass, result);
 }
 
 void ZoVkAntutuVRSModule::Classify(VkDevice device, const VkRenderPassCreateInfo& info, VkRenderPass pass) {
@@ -177,18 +150,20 @@ void ZoVkAntutuVRSModule::Classify(VkDevice device, const VkRenderPassCreateInfo
     ZOVK_LOGD("vxxk c: %p %c", reinterpret_cast<void*>(pass), kind);
 }
 
-void ZoVkAntutuVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer,
-                                                  const VkRenderPassBeginInfo* pRenderPassBegin,
-                                                  VkSubpassContents contents) {
+ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer,
+                                                              const VkRenderPassBeginInfo* pRenderPassBegin,
+                                                              VkSubpassContents contents,
+                                                              ZoVkNext<&T::vkCmdBeginRenderPass> next) {
     if (vrsEnabled_.load(std::memory_order_relaxed) && pRenderPassBegin != nullptr &&
         config_.InRange(pRenderPassBegin->renderArea.extent.width, pRenderPassBegin->renderArea.extent.height)) {
-        SetRate(commandBuffer, *pRenderPassBegin);
+        SetRate(next.NextLayer(), commandBuffer, *pRenderPassBegin);
     }
-    beginNode_.next->Call(commandBuffer, pRenderPassBegin, contents);
+    return next(commandBuffer, pRenderPassBegin, contents);
 }
 
-void ZoVkAntutuVRSModule::SetRate(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo& begin) {
-    const PFN_vkCmdSetFragmentShadingRateKHR setRate = NextLayer<&T::vkCmdSetFragmentShadingRateKHR>(processor_);
+void ZoVkAntutuVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
+                                  const VkRenderPassBeginInfo& begin) {
+    const PFN_vkCmdSetFragmentShadingRateKHR setRate = next.vkCmdSetFragmentShadingRateKHR;
     if (setRate == nullptr) {
         return;
     }

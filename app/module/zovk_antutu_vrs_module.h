@@ -12,6 +12,13 @@
 
 namespace vulkan::zovk::app::module {
 
+// The calls the AnTuTu VRS module hooks; pipelines come late, after any other module's.
+#define ZOVK_ANTUTU_VRS_HOOKS(X)         \
+    X(Pre, CreateGraphicsPipelines, 1000) \
+    X(Pre, CmdBeginRenderPass, 0)        \
+    X(Post, CreateRenderPass, 0)         \
+    X(Pre, QueuePresentKHR, 0)
+
 // AnTuTu's per-pass shading rate. Every graphics pipeline with a dynamic-state block gets the
 // fragment shading rate as dynamic state; render passes are classified by their attachments
 // as they are created; and, while the game service has VRS switched on (sampled every 120
@@ -30,23 +37,11 @@ public:
     explicit ZoVkAntutuVRSModule(ZoVkProcessorBase* processor);
 
     unsigned int GetModuleId() const override { return PROCESSOR_MODULE_TYPE; }
-    void RegisterModuleVkDeviceHooks() override;
-    void RegisterModuleDeviceFunctors() override;
-    void UnregisterModuleDeviceFunctors() override;
     // The device's passes are gone: their handles may come back for another device's objects.
     void OnDeviceDestroy(VkDevice device) override;
 
     // Shading-rate code of the configuration to fragment size; codes 7 and 8 give 1x1 on purpose.
     static VkExtent2D GetFramentSizeFromIntConfig(int code);
-
-    VkResult PreVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache pipelineCache, uint32_t createInfoCount,
-                                          const VkGraphicsPipelineCreateInfo* pCreateInfos,
-                                          const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines);
-    void PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo* pRenderPassBegin,
-                                 VkSubpassContents contents);
-    void PostVkCreateRenderPass(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
-                                const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass, VkResult result);
-    VkResult PreVkQueuePresentKHR(VkQueue queue, const VkPresentInfoKHR* pPresentInfo);
 
 private:
     using T = VkDeviceFunctionTable;
@@ -54,12 +49,8 @@ private:
     using PassSet = std::unordered_map<VkRenderPass, VkDevice>;
 
     void Classify(VkDevice device, const VkRenderPassCreateInfo& info, VkRenderPass pass);
-    void SetRate(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo& begin);
-
-    ZoVkPreFunctor<&T::vkCreateGraphicsPipelines> pipelinesNode_;
-    ZoVkPreFunctor<&T::vkCmdBeginRenderPass> beginNode_;
-    ZoVkPostFunctor<&T::vkCreateRenderPass> createPassNode_;
-    ZoVkPreFunctor<&T::vkQueuePresentKHR> presentNode_;
+    void SetRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
+                 const VkRenderPassBeginInfo& begin);
 
     ZoVkAntutuProcessor* processor_;
     // A copy: the configuration object can be released while the module still runs.
@@ -81,6 +72,8 @@ private:
     std::atomic<uint64_t> presentCount_{0};
     int passStep_ = 0;  // only grows
     VkExtent2D fragmentSizes_[ZoVkAntutuVRSModuleData::kRateCodeCount];
+
+    ZOVK_MODULE_HOOKS(ZoVkAntutuVRSModule, ZoVkAntutuProcessor, ZOVK_ANTUTU_VRS_HOOKS)
 };
 
 }  // namespace vulkan::zovk::app::module

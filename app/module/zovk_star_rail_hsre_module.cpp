@@ -14,29 +14,12 @@ ZoVkStarRailHSREModule::ZoVkStarRailHSREModule(ZoVkProcessorBase* processor)
     }
 }
 
-void ZoVkStarRailHSREModule::RegisterModuleVkDeviceHooks() {
-    SetDeviceHook<ZoVkStarRailProcessor, &VkDeviceFunctionTable::vkCreateGraphicsPipelines,
-                  &ZoVkStarRailProcessor::VkCreateGraphicsPipelinesHooked>(processor_, "vkCreateGraphicsPipelines");
-}
-
-void ZoVkStarRailHSREModule::RegisterModuleDeviceFunctors() {
-    FillFunctor(node_, this,
-                &PipelinesNode::Hooked<ZoVkStarRailHSREModule, &ZoVkStarRailHSREModule::PreVkCreateGraphicsPipelines>,
-                0);
-    processor_->createGraphicsPipelines.Insert(&node_);
-}
-
-void ZoVkStarRailHSREModule::UnregisterModuleDeviceFunctors() {
-    processor_->createGraphicsPipelines.Remove(&node_);
-}
-
-VkResult ZoVkStarRailHSREModule::PreVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache pipelineCache,
-                                                              uint32_t createInfoCount,
-                                                              const VkGraphicsPipelineCreateInfo* pCreateInfos,
-                                                              const VkAllocationCallbacks* pAllocator,
-                                                              VkPipeline* pPipelines) {
+ZoVkPassed<VkResult> ZoVkStarRailHSREModule::PreVkCreateGraphicsPipelines(
+    VkDevice device, VkPipelineCache pipelineCache, uint32_t createInfoCount,
+    const VkGraphicsPipelineCreateInfo* pCreateInfos, const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines,
+    ZoVkNext<&VkDeviceFunctionTable::vkCreateGraphicsPipelines> next) {
     StarRailSceneRecognizer::getInstance()->notifyVkMode();
-    return node_.next->Call(device, pipelineCache, createInfoCount, pCreateInfos, pAllocator, pPipelines);
+    return next(device, pipelineCache, createInfoCount, pCreateInfos, pAllocator, pPipelines);
 }
 
 }  // namespace vulkan::zovk::app::module

@@ -12,32 +12,24 @@ public:
     explicit ZoVkStarRailHSREModuleData(const Json::Value&) { valid = true; }
 };
 
+// The HSRE module's hooked call.
+#define ZOVK_STAR_RAIL_HSRE_HOOKS(X) X(Pre, CreateGraphicsPipelines, 0)
+
 // Tells the game service, once, that Star Rail renders through Vulkan: it watches
 // vkCreateGraphicsPipelines and lets every call go on unchanged.
 class ZoVkStarRailHSREModule : public ZoVkModuleBase {
 public:
     static constexpr unsigned int PROCESSOR_MODULE_TYPE = 1;
-    using PipelinesNode = ZoVkPreFunctor<&VkDeviceFunctionTable::vkCreateGraphicsPipelines>;
 
     explicit ZoVkStarRailHSREModule(ZoVkProcessorBase* processor);
 
     unsigned int GetModuleId() const override { return PROCESSOR_MODULE_TYPE; }
-    void RegisterModuleInstanceFunctors() override {}
-    void UnregisterModuleInstanceFunctors() override {}
-    void RegisterModuleVkInstanceHooks() override {}
-    void RegisterModuleVkDeviceHooks() override;
-    void RegisterModuleDeviceFunctors() override;
-    void UnregisterModuleDeviceFunctors() override;
-    void OnBegin() override {}
-
-    VkResult PreVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache pipelineCache, uint32_t createInfoCount,
-                                          const VkGraphicsPipelineCreateInfo* pCreateInfos,
-                                          const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines);
 
 private:
-    PipelinesNode node_;
     ZoVkStarRailProcessor* processor_;
     ZoVkModuleDataBase* data_;
+
+    ZOVK_MODULE_HOOKS(ZoVkStarRailHSREModule, ZoVkStarRailProcessor, ZOVK_STAR_RAIL_HSRE_HOOKS)
 };
 
 }  // namespace vulkan::zovk::app::module

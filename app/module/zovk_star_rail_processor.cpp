@@ -6,18 +6,4 @@ namespace vulkan::zovk::app {
 
 ZoVkStarRailProcessor::ZoVkStarRailProcessor() : processorData(ZoVkSettings::GetInstance()->GetProcessorData()) {}
 
-void ZoVkStarRailProcessor::OnGettingDeviceInfo() {
-    createGraphicsPipelines.Reset(this);
-    queuePresent.Reset(this);
-    cmdBeginRenderPass.Reset(this);
-    cmdBindPipeline.Reset(this);
-    cmdDrawIndexed.Reset(this);
-    destroyPipeline.Reset(this);
-    destroyRenderPass.Reset(this);
-    destroyFramebuffer.Reset(this);
-    cmdExecuteCommands.Reset(this);
-    beginCommandBuffer.Reset(this);
-    endCommandBuffer.Reset(this);
-}
-
 }  // namespace vulkan::zovk::app

@@ -59,7 +59,7 @@ void ZoVkStarRailVRSModule::DestroyTemplateBuffers(std::vector<TemplateBuffer>& 
 
 bool ZoVkStarRailVRSModule::initShadingRateImages() {
     const size_t count = moduleData->resolutions.size();
-    for (std::vector<ShadingRateImageInfo>* images : {&mainPassImages, &lightPassImages}) {
+    for (std::vector<ShadingRateImageInfo>* images : {&mainPass.images, &lightPass.images}) {
         for (size_t i = count; i < images->size(); ++i) {
             renderpassBuilder->destroyShadingRateImage((*images)[i]);
         }
@@ -77,8 +77,8 @@ bool ZoVkStarRailVRSModule::initShadingRateImages() {
                       texelSize.height);
             return false;
         }
-        for (ShadingRateImageInfo* image : {&mainPassImages[i], &lightPassImages[i]}) {
-            const char* pass = image == &mainPassImages[i] ? "main" : "light";
+        for (ShadingRateImageInfo* image : {&mainPass.images[i], &lightPass.images[i]}) {
+            const char* pass = image == &mainPass.images[i] ? "main" : "light";
             image->width = size.width;
             image->height = size.height;
             if (image->image == VK_NULL_HANDLE) {
@@ -100,8 +100,8 @@ bool ZoVkStarRailVRSModule::initShadingRateImages() {
                       i);
             return false;
         }
-        UploadTemplate(mainPassImages[i], templateBuffers[i][0]);
-        UploadTemplate(lightPassImages[i], templateBuffers[i][2]);
+        UploadTemplate(mainPass.images[i], templateBuffers[i][0]);
+        UploadTemplate(lightPass.images[i], templateBuffers[i][2]);
     }
     return true;
 }
@@ -143,7 +143,9 @@ bool ZoVkStarRailVRSModule::initShadingRateImageTemplates(int32_t resolutionInde
     return true;
 }
 
-VkResult ZoVkStarRailVRSModule::PreVkQueuePresentKHR(VkQueue queue, const VkPresentInfoKHR* pPresentInfo) {
+ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkQueuePresentKHR(
+    VkQueue queue, const VkPresentInfoKHR* pPresentInfo,
+    ZoVkNext<&VkDeviceFunctionTable::vkQueuePresentKHR> next) {
     ++frameCounter;
     const android::ZoVkAppInfoMonitor* monitor = android::ZoVkAppInfoMonitor::GetInstance();
     const int sceneId = monitor->GetSceneId();
@@ -161,13 +163,13 @@ VkResult ZoVkStarRailVRSModule::PreVkQueuePresentKHR(VkQueue queue, const VkPres
     } else {
         templevel_ = level;
         appliedResIndex = curMainResIndex_;
-        if (level <= 2 && curMainResIndex_ >= 0 && static_cast<size_t>(curMainResIndex_) < mainPassImages.size() &&
+        if (level <= 2 && curMainResIndex_ >= 0 && static_cast<size_t>(curMainResIndex_) < mainPass.images.size() &&
             static_cast<size_t>(level + 1) < templateBuffers[curMainResIndex_].size()) {
             ZOVK_VRS_TRACE(debugLog, "PreVkQueuePresentKHR, updateImageDataFromBuffer, curMainResIndex_: %d, templevel_: %d",
                            curMainResIndex_, templevel_);
             // Both images have the same size; the main image's is used for both copies.
-            ShadingRateImageInfo& main = mainPassImages[curMainResIndex_];
-            ShadingRateImageInfo& light = lightPassImages[curMainResIndex_];
+            ShadingRateImageInfo& main = mainPass.images[curMainResIndex_];
+            ShadingRateImageInfo& light = lightPass.images[curMainResIndex_];
             const std::vector<TemplateBuffer>& buffers = templateBuffers[curMainResIndex_];
             const auto start = std::chrono::steady_clock::now();
             renderpassBuilder->updateImageDataFromBuffer(main.image, main.width, main.height,
@@ -192,7 +194,7 @@ VkResult ZoVkStarRailVRSModule::PreVkQueuePresentKHR(VkQueue queue, const VkPres
                             (flags & rates) == rates ? 1 : 0, static_cast<int>(flags), level);
     }
     ClearFlags(kFrameBits);
-    return presentNode_.next->Call(queue, pPresentInfo);
+    return next(queue, pPresentInfo);
 }
 
 }  // namespace vulkan::zovk::app::module

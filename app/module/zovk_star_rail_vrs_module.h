@@ -17,6 +17,24 @@
 
 namespace vulkan::zovk::app::module {
 
+// The calls the VRS module hooks.
+#define ZOVK_STAR_RAIL_VRS_HOOKS(X)   \
+    X(Pre, QueuePresentKHR, 0)        \
+    X(Post, CreateGraphicsPipelines, 0) \
+    X(Pre, CmdBeginRenderPass, 0)     \
+    X(Post, CmdEndRenderPass, 0)      \
+    X(Post, CreateRenderPass, 0)      \
+    X(Post, CreateFramebuffer, 0)     \
+    X(Pre, CmdBindPipeline, 0)        \
+    X(Post, CreateCommandPool, 0)     \
+    X(Pre, CmdDrawIndexed, 0)         \
+    X(Pre, DestroyPipeline, 0)        \
+    X(Pre, DestroyRenderPass, 0)      \
+    X(Pre, DestroyFramebuffer, 0)     \
+    X(Pre, CmdExecuteCommands, 0)     \
+    X(Pre, BeginCommandBuffer, 0)     \
+    X(Pre, EndCommandBuffer, 0)
+
 // Gives Star Rail's main scene pass and light pass a shading-rate attachment without the game
 // knowing. It watches the game create passes, framebuffers and pipelines and makes substitutes
 // with one more attachment beside them (zovk_star_rail_vrs_substitution.cpp); while the game
@@ -50,47 +68,11 @@ public:
     ZoVkStarRailVRSModule& operator=(const ZoVkStarRailVRSModule&) = delete;
 
     unsigned int GetModuleId() const override { return PROCESSOR_MODULE_TYPE; }
-    void RegisterModuleInstanceFunctors() override {}
-    void UnregisterModuleInstanceFunctors() override {}
-    void RegisterModuleVkInstanceHooks() override {}
-    void RegisterModuleVkDeviceHooks() override;
-    void RegisterModuleDeviceFunctors() override;
-    void UnregisterModuleDeviceFunctors() override;
     void OnDeviceDestroy(VkDevice device) override;
 
-    // Object substitution.
-    void PostVkCreateRenderPass(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
-                                const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass, VkResult result);
-    void PostVkCreateFramebuffer(VkDevice device, const VkFramebufferCreateInfo* pCreateInfo,
-                                 const VkAllocationCallbacks* pAllocator, VkFramebuffer* pFramebuffer, VkResult result);
-    void PostVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache pipelineCache, uint32_t createInfoCount,
-                                       const VkGraphicsPipelineCreateInfo* pCreateInfos,
-                                       const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines,
-                                       VkResult result);
-    void PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline, const VkAllocationCallbacks* pAllocator);
-    void PreVkDestroyRenderPass(VkDevice device, VkRenderPass renderPass, const VkAllocationCallbacks* pAllocator);
-    void PreVkDestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer, const VkAllocationCallbacks* pAllocator);
-
-    // Command recording.
-    VkResult PreVkBeginCommandBuffer(VkCommandBuffer commandBuffer, const VkCommandBufferBeginInfo* pBeginInfo);
-    void PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo* pRenderPassBegin,
-                                 VkSubpassContents contents);
-    void PostVkCmdEndRenderPass(VkCommandBuffer commandBuffer);
-    void PreVkCmdBindPipeline(VkCommandBuffer commandBuffer, VkPipelineBindPoint pipelineBindPoint,
-                              VkPipeline pipeline);
-    void PreVkCmdExecuteCommands(VkCommandBuffer commandBuffer, uint32_t commandBufferCount,
-                                 const VkCommandBuffer* pCommandBuffers);
-    void PreVkCmdDrawIndexed(VkCommandBuffer commandBuffer, uint32_t indexCount, uint32_t instanceCount,
-                             uint32_t firstIndex, int32_t vertexOffset, uint32_t firstInstance);
-    VkResult PreVkEndCommandBuffer(VkCommandBuffer commandBuffer);
-    void PostVkCreateCommandPool(VkDevice device, const VkCommandPoolCreateInfo* pCreateInfo,
-                                 const VkAllocationCallbacks* pAllocator, VkCommandPool* pCommandPool,
-                                 VkResult result);
-
-    // Shading-rate images and presentation.
+    // Shading-rate images.
     bool initShadingRateImages();
     bool initShadingRateImageTemplates(int32_t resolutionIndex, uint32_t width, uint32_t height);
-    VkResult PreVkQueuePresentKHR(VkQueue queue, const VkPresentInfoKHR* pPresentInfo);
 
     uint32_t Flags() const { return vrsFlags.load(std::memory_order_relaxed); }
 
@@ -99,8 +81,6 @@ private:
         VkBuffer buffer = VK_NULL_HANDLE;
         VkDeviceMemory memory = VK_NULL_HANDLE;
     };
-    template <typename Handle>
-    using SubstituteMap = std::unordered_map<Handle, Handle>;
 
     bool Active() const { return (Flags() & kActive) == kActive; }
     void SetFlags(uint32_t bits) { vrsFlags.fetch_or(bits, std::memory_order_relaxed); }
@@ -112,17 +92,29 @@ private:
     // with `buffer` uploaded; an image that was already brought there just gets the upload.
     void UploadTemplate(ShadingRateImageInfo& image, const TemplateBuffer& buffer);
     void DestroyTemplateBuffers(std::vector<TemplateBuffer>& buffers);
-    void SetRate(VkCommandBuffer commandBuffer, VkFragmentShadingRateCombinerOpKHR attachmentOp);
+    void SetRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
+                 VkFragmentShadingRateCombinerOpKHR attachmentOp);
     // Destroys every object the module made on the device and forgets the recording state.
     void ReleaseDeviceObjects();
 
 public:
+    template <typename Handle>
+    using SubstituteMap = std::unordered_map<Handle, Handle>;
+    // What the module keeps for one kind of pass (the main scene pass, the light pass).
+    struct PassState {
+        SubstituteMap<VkRenderPass> passMap;             // the clear variant the game begins
+        SubstituteMap<VkRenderPass> framebufferPassMap;  // the variant its framebuffers and pipelines name
+        SubstituteMap<VkFramebuffer> framebufferMap;
+        SubstituteMap<VkPipeline> pipelineMap;
+        std::vector<ShadingRateImageInfo> images;  // one per configured resolution
+        std::unordered_set<VkCommandBuffer> passCommandBuffers;
+        std::unordered_set<VkCommandBuffer> secondaryCommandBuffers;
+    };
+
     // Configuration and shading-rate images.
     ZoVkStarRailVRSModuleData* moduleData = nullptr;
     std::unique_ptr<ZoVkFixedVRSRenderpass> renderpassBuilder;
     MyVkExtent2D texelSize;
-    std::vector<ShadingRateImageInfo> mainPassImages;
-    std::vector<ShadingRateImageInfo> lightPassImages;
     std::vector<std::vector<TemplateBuffer>> templateBuffers;
     int32_t curMainResIndex_ = -1;
     int32_t appliedResIndex = 0;
@@ -131,22 +123,11 @@ public:
     uint64_t frameCounter = 0;
     bool debugLog = false;
 
-    // Game handle to substitute.
-    SubstituteMap<VkRenderPass> mainPassMap;
-    SubstituteMap<VkRenderPass> mainFramebufferPassMap;
-    SubstituteMap<VkFramebuffer> mainFramebufferMap;
-    SubstituteMap<VkPipeline> mainPipelineMap;
-    SubstituteMap<VkRenderPass> lightPassMap;
-    SubstituteMap<VkRenderPass> lightFramebufferPassMap;
-    SubstituteMap<VkFramebuffer> lightFramebufferMap;
-    SubstituteMap<VkPipeline> lightPipelineMap;
+    PassState mainPass;
+    PassState lightPass;
     VkRenderPass lightPassSubstitute = VK_NULL_HANDLE;
 
     // Recording state: module-wide, the game records one light secondary at a time.
-    std::unordered_set<VkCommandBuffer> mainPassCommandBuffers;
-    std::unordered_set<VkCommandBuffer> mainSecondaryCommandBuffers;
-    std::unordered_set<VkCommandBuffer> lightPassCommandBuffers;
-    std::unordered_set<VkCommandBuffer> lightSecondaryCommandBuffers;
     bool lightSecondaryRecording = false;
     bool coarseRateActive = false;
     uint64_t lightDrawCounter = 0;
@@ -159,21 +140,8 @@ private:
     bool missingRateCommandLogged_ = false;
     bool zeroTexelSizeLogged_ = false;
 
-    ZoVkPreFunctor<&T::vkQueuePresentKHR> presentNode_;
-    ZoVkPostFunctor<&T::vkCreateGraphicsPipelines> createPipelinesNode_;
-    ZoVkPreFunctor<&T::vkCmdBeginRenderPass> beginRenderPassNode_;
-    ZoVkPostFunctor<&T::vkCmdEndRenderPass> endRenderPassNode_;
-    ZoVkPostFunctor<&T::vkCreateRenderPass> createRenderPassNode_;
-    ZoVkPostFunctor<&T::vkCreateFramebuffer> createFramebufferNode_;
-    ZoVkPreFunctor<&T::vkCmdBindPipeline> bindPipelineNode_;
-    ZoVkPostFunctor<&T::vkCreateCommandPool> createCommandPoolNode_;
-    ZoVkPreFunctor<&T::vkCmdDrawIndexed> drawIndexedNode_;
-    ZoVkPreFunctor<&T::vkDestroyPipeline> destroyPipelineNode_;
-    ZoVkPreFunctor<&T::vkDestroyRenderPass> destroyRenderPassNode_;
-    ZoVkPreFunctor<&T::vkDestroyFramebuffer> destroyFramebufferNode_;
-    ZoVkPreFunctor<&T::vkCmdExecuteCommands> executeCommandsNode_;
-    ZoVkPreFunctor<&T::vkBeginCommandBuffer> beginCommandBufferNode_;
-    ZoVkPreFunctor<&T::vkEndCommandBuffer> endCommandBufferNode_;
+
+    ZOVK_MODULE_HOOKS(ZoVkStarRailVRSModule, ZoVkStarRailProcessor, ZOVK_STAR_RAIL_VRS_HOOKS)
 };
 
 }  // namespace vulkan::zovk::app::module

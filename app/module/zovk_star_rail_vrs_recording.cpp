@@ -12,6 +12,8 @@ namespace vulkan::zovk::app::module {
 
 namespace {
 
+using T = VkDeviceFunctionTable;
+
 template <typename Handle>
 Handle Lookup(const std::unordered_map<Handle, Handle>& map, Handle game, bool& found) {
     const auto it = map.find(game);
@@ -19,12 +21,22 @@ Handle Lookup(const std::unordered_map<Handle, Handle>& map, Handle game, bool& 
     return found ? it->second : VK_NULL_HANDLE;
 }
 
+// The substitutes of a game pass and framebuffer in `pass`; false unless both are known
+// there (either may still be null: a substitute that could not be made).
+bool FindSubstitutes(const ZoVkStarRailVRSModule::PassState& pass, VkRenderPass gamePass,
+                     VkFramebuffer gameFramebuffer, VkRenderPass& substitutePass, VkFramebuffer& substituteFramebuffer) {
+    bool passFound = false;
+    bool framebufferFound = false;
+    substitutePass = Lookup(pass.passMap, gamePass, passFound);
+    substituteFramebuffer = Lookup(pass.framebufferMap, gameFramebuffer, framebufferFound);
+    return passFound && framebufferFound;
+}
+
 }  // namespace
 
-void ZoVkStarRailVRSModule::SetRate(VkCommandBuffer commandBuffer, VkFragmentShadingRateCombinerOpKHR attachmentOp) {
-    const PFN_vkCmdSetFragmentShadingRateKHR setRate =
-        processor_->GetDeviceInfo()->functions.vkCmdSetFragmentShadingRateKHR;
-    if (setRate == nullptr) {
+void ZoVkStarRailVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
+                                    VkFragmentShadingRateCombinerOpKHR attachmentOp) {
+    if (next.vkCmdSetFragmentShadingRateKHR == nullptr) {
         if (!missingRateCommandLogged_) {
             ZOVK_LOGE("Star Rail VRS: the device has no vkCmdSetFragmentShadingRateKHR");
             missingRateCommandLogged_ = true;
@@ -33,36 +45,31 @@ void ZoVkStarRailVRSModule::SetRate(VkCommandBuffer commandBuffer, VkFragmentSha
     }
     const VkExtent2D fullRate{1, 1};
     const VkFragmentShadingRateCombinerOpKHR ops[2] = {VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR, attachmentOp};
-    setRate(commandBuffer, &fullRate, ops);
+    next.vkCmdSetFragmentShadingRateKHR(commandBuffer, &fullRate, ops);
 }
 
-VkResult ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuffer commandBuffer,
-                                                        const VkCommandBufferBeginInfo* pBeginInfo) {
+ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuffer commandBuffer,
+                                                                    const VkCommandBufferBeginInfo* pBeginInfo,
+                                                                    ZoVkNext<&T::vkBeginCommandBuffer> next) {
     if (pBeginInfo == nullptr || !Active() || pBeginInfo->pInheritanceInfo == nullptr) {
-        return beginCommandBufferNode_.next->Call(commandBuffer, pBeginInfo);
+        return next(commandBuffer, pBeginInfo);
     }
     const VkCommandBufferInheritanceInfo& inheritance = *pBeginInfo->pInheritanceInfo;
-    bool passFound = false;
-    bool framebufferFound = false;
-    VkRenderPass pass = Lookup(mainPassMap, inheritance.renderPass, passFound);
-    VkFramebuffer framebuffer = Lookup(mainFramebufferMap, inheritance.framebuffer, framebufferFound);
-    const bool main = passFound && framebufferFound;
-    if (main) {
-        mainSecondaryCommandBuffers.insert(commandBuffer);
+    VkRenderPass pass = VK_NULL_HANDLE;
+    VkFramebuffer framebuffer = VK_NULL_HANDLE;
+    if (FindSubstitutes(mainPass, inheritance.renderPass, inheritance.framebuffer, pass, framebuffer)) {
+        mainPass.secondaryCommandBuffers.insert(commandBuffer);
         ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN MAIN secondary cmb: %llu", HandleNumber(commandBuffer));
-    } else {
-        pass = Lookup(lightPassMap, inheritance.renderPass, passFound);
-        framebuffer = Lookup(lightFramebufferMap, inheritance.framebuffer, framebufferFound);
-        if (!passFound || !framebufferFound) {
-            return beginCommandBufferNode_.next->Call(commandBuffer, pBeginInfo);
-        }
-        lightSecondaryCommandBuffers.insert(commandBuffer);
+    } else if (FindSubstitutes(lightPass, inheritance.renderPass, inheritance.framebuffer, pass, framebuffer)) {
+        lightPass.secondaryCommandBuffers.insert(commandBuffer);
         lightSecondaryRecording = true;
         ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN Light secondary cmb: %llu",
                        HandleNumber(commandBuffer));
+    } else {
+        return next(commandBuffer, pBeginInfo);
     }
     if (pass == VK_NULL_HANDLE || framebuffer == VK_NULL_HANDLE) {
-        return beginCommandBufferNode_.next->Call(commandBuffer, pBeginInfo);
+        return next(commandBuffer, pBeginInfo);
     }
     VkCommandBufferInheritanceInfo redirected = inheritance;
     redirected.renderPass = pass;
@@ -70,44 +77,38 @@ VkResult ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuffer commandB
     VkCommandBufferBeginInfo begin = *pBeginInfo;
     begin.pInheritanceInfo = &redirected;
     SetFlags(kSecondaryRedirected);
-    return beginCommandBufferNode_.next->Call(commandBuffer, &begin);
+    return next(commandBuffer, &begin);
 }
 
-void ZoVkStarRailVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer,
-                                                    const VkRenderPassBeginInfo* pRenderPassBegin,
-                                                    VkSubpassContents contents) {
+ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer,
+                                                                const VkRenderPassBeginInfo* pRenderPassBegin,
+                                                                VkSubpassContents contents,
+                                                                ZoVkNext<&T::vkCmdBeginRenderPass> next) {
     const int32_t index = pRenderPassBegin != nullptr && Active()
                               ? ResolutionIndex(pRenderPassBegin->renderArea.extent.width,
                                                 pRenderPassBegin->renderArea.extent.height)
                               : -1;
     if (index < 0) {
-        beginRenderPassNode_.next->Call(commandBuffer, pRenderPassBegin, contents);
-        return;
+        return next(commandBuffer, pRenderPassBegin, contents);
     }
     const VkRenderPassBeginInfo& info = *pRenderPassBegin;
-    bool passFound = false;
-    bool framebufferFound = false;
-    VkRenderPass pass = Lookup(mainPassMap, info.renderPass, passFound);
-    VkFramebuffer framebuffer = Lookup(mainFramebufferMap, info.framebuffer, framebufferFound);
-    const char* line = "PreVkCmdBeginRenderPass, BEGIN MAINPASS, rendrpass %llu ----> %llu, framebuffer "
-                       "%llu---->%llu, wh: %dx%d";
-    if (passFound && framebufferFound) {
+    VkRenderPass pass = VK_NULL_HANDLE;
+    VkFramebuffer framebuffer = VK_NULL_HANDLE;
+    const char* line = nullptr;
+    if (FindSubstitutes(mainPass, info.renderPass, info.framebuffer, pass, framebuffer)) {
         curMainResIndex_ = index;
-        mainPassCommandBuffers.insert(commandBuffer);
-    } else {
-        pass = Lookup(lightPassMap, info.renderPass, passFound);
-        framebuffer = Lookup(lightFramebufferMap, info.framebuffer, framebufferFound);
-        if (!passFound || !framebufferFound) {
-            beginRenderPassNode_.next->Call(commandBuffer, pRenderPassBegin, contents);
-            return;
-        }
-        lightPassCommandBuffers.insert(commandBuffer);
+        mainPass.passCommandBuffers.insert(commandBuffer);
+        line = "PreVkCmdBeginRenderPass, BEGIN MAINPASS, rendrpass %llu ----> %llu, framebuffer "
+               "%llu---->%llu, wh: %dx%d";
+    } else if (FindSubstitutes(lightPass, info.renderPass, info.framebuffer, pass, framebuffer)) {
+        lightPass.passCommandBuffers.insert(commandBuffer);
         line = "PreVkCmdBeginRenderPass,  BEGIN LIGHT PASS, renderpass %llu ----> %llu, framebuffer "
                "%llu---->%llu, wh: %dx%d";
+    } else {
+        return next(commandBuffer, pRenderPassBegin, contents);
     }
     if (pass == VK_NULL_HANDLE || framebuffer == VK_NULL_HANDLE) {
-        beginRenderPassNode_.next->Call(commandBuffer, pRenderPassBegin, contents);
-        return;
+        return next(commandBuffer, pRenderPassBegin, contents);
     }
     // The rate attachment is loaded, so the game's clear values still cover every cleared one.
     VkRenderPassBeginInfo begin = info;
@@ -116,73 +117,74 @@ void ZoVkStarRailVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffe
     SetFlags(kPassSubstituted);
     ZOVK_VRS_TRACE(debugLog, line, HandleNumber(info.renderPass), HandleNumber(pass), HandleNumber(info.framebuffer),
                    HandleNumber(framebuffer), info.renderArea.extent.width, info.renderArea.extent.height);
-    beginRenderPassNode_.next->Call(commandBuffer, &begin, contents);
+    return next(commandBuffer, &begin, contents);
 }
 
 void ZoVkStarRailVRSModule::PostVkCmdEndRenderPass(VkCommandBuffer commandBuffer) {
     if (Active()) {
-        if (mainPassCommandBuffers.erase(commandBuffer) != 0) {
+        if (mainPass.passCommandBuffers.erase(commandBuffer) != 0) {
             ZOVK_VRS_TRACE(debugLog, "PostVkCmdEndRenderPass, END MAIN PASS, cmb: %llu", HandleNumber(commandBuffer));
         }
-        if (lightPassCommandBuffers.erase(commandBuffer) != 0) {
+        if (lightPass.passCommandBuffers.erase(commandBuffer) != 0) {
             ZOVK_VRS_TRACE(debugLog, "PostVkCmdEndRenderPass, END LIGHT PASS, cmb: %llu", HandleNumber(commandBuffer));
         }
     }
-    endRenderPassNode_.next->Call(commandBuffer);
 }
 
-void ZoVkStarRailVRSModule::PreVkCmdBindPipeline(VkCommandBuffer commandBuffer, VkPipelineBindPoint pipelineBindPoint,
-                                                 VkPipeline pipeline) {
+ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdBindPipeline(VkCommandBuffer commandBuffer,
+                                                             VkPipelineBindPoint pipelineBindPoint, VkPipeline pipeline,
+                                                             ZoVkNext<&T::vkCmdBindPipeline> next) {
     if (Active()) {
         bool found = false;
         VkPipeline substitute = VK_NULL_HANDLE;
         // Only secondaries that continue a substituted pass run inside one.
-        if (mainSecondaryCommandBuffers.count(commandBuffer) != 0) {
-            substitute = Lookup(mainPipelineMap, pipeline, found);
+        if (mainPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
+            substitute = Lookup(mainPass.pipelineMap, pipeline, found);
         }
-        if (substitute == VK_NULL_HANDLE && lightSecondaryCommandBuffers.count(commandBuffer) != 0) {
-            substitute = Lookup(lightPipelineMap, pipeline, found);
+        if (substitute == VK_NULL_HANDLE && lightPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
+            substitute = Lookup(lightPass.pipelineMap, pipeline, found);
         }
         if (substitute != VK_NULL_HANDLE) {
             pipeline = substitute;
         }
     }
-    bindPipelineNode_.next->Call(commandBuffer, pipelineBindPoint, pipeline);
+    return next(commandBuffer, pipelineBindPoint, pipeline);
 }
 
-void ZoVkStarRailVRSModule::PreVkCmdExecuteCommands(VkCommandBuffer commandBuffer, uint32_t commandBufferCount,
-                                                    const VkCommandBuffer* pCommandBuffers) {
+ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdExecuteCommands(VkCommandBuffer commandBuffer,
+                                                                uint32_t commandBufferCount,
+                                                                const VkCommandBuffer* pCommandBuffers,
+                                                                ZoVkNext<&T::vkCmdExecuteCommands> next) {
     constexpr uint32_t kNeeded = kActive | kPassSubstituted | kSecondaryRedirected;
     if ((Flags() & kNeeded) == kNeeded && commandBufferCount != 0 && pCommandBuffers != nullptr) {
         // The rate goes into each secondary after the game finished recording it, just before
         // the primary runs it.
-        if (mainPassCommandBuffers.count(commandBuffer) != 0) {
+        const bool main = mainPass.passCommandBuffers.count(commandBuffer) != 0;
+        if (main || lightPass.passCommandBuffers.count(commandBuffer) != 0) {
+            PassState& pass = main ? mainPass : lightPass;
             for (uint32_t i = 0; i < commandBufferCount; ++i) {
-                if (mainSecondaryCommandBuffers.erase(pCommandBuffers[i]) != 0) {
-                    SetRate(pCommandBuffers[i], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
-                    SetFlags(kMainRateSet);
-                    ZOVK_VRS_TRACE(debugLog, "PreVkCmdExecuteCommands, KEEP-REPLACE, mainpass secondary cmb: %llu",
-                                   HandleNumber(pCommandBuffers[i]));
+                if (pass.secondaryCommandBuffers.erase(pCommandBuffers[i]) == 0) {
+                    continue;
                 }
-            }
-        } else if (lightPassCommandBuffers.count(commandBuffer) != 0) {
-            for (uint32_t i = 0; i < commandBufferCount; ++i) {
-                if (lightSecondaryCommandBuffers.erase(pCommandBuffers[i]) != 0) {
+                if (!main) {
                     coarseRateActive = true;
-                    SetRate(pCommandBuffers[i], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
-                    SetFlags(kLightRateSet);
-                    ZOVK_VRS_TRACE(debugLog, "PreVkCmdExecuteCommands, KEEP-REPLACE, lightpass secondary cmb: %llu",
-                                   HandleNumber(pCommandBuffers[i]));
                 }
+                SetRate(next.NextLayer(), pCommandBuffers[i], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
+                SetFlags(main ? kMainRateSet : kLightRateSet);
+                ZOVK_VRS_TRACE(debugLog,
+                               main ? "PreVkCmdExecuteCommands, KEEP-REPLACE, mainpass secondary cmb: %llu"
+                                    : "PreVkCmdExecuteCommands, KEEP-REPLACE, lightpass secondary cmb: %llu",
+                               HandleNumber(pCommandBuffers[i]));
             }
         }
     }
-    executeCommandsNode_.next->Call(commandBuffer, commandBufferCount, pCommandBuffers);
+    return next(commandBuffer, commandBufferCount, pCommandBuffers);
 }
 
-void ZoVkStarRailVRSModule::PreVkCmdDrawIndexed(VkCommandBuffer commandBuffer, uint32_t indexCount,
-                                                uint32_t instanceCount, uint32_t firstIndex, int32_t vertexOffset,
-                                                uint32_t firstInstance) {
+ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdDrawIndexed(VkCommandBuffer commandBuffer, uint32_t indexCount,
+                                                            uint32_t instanceCount, uint32_t firstIndex,
+                                                            int32_t vertexOffset, uint32_t firstInstance,
+                                                            ZoVkNext<&T::vkCmdDrawIndexed> next) {
     if (lightSecondaryRecording && Active()) {
         ++lightDrawCounter;
         // Unsigned comparison on purpose: a negative configured bound reads as a huge one.
@@ -191,23 +193,24 @@ void ZoVkStarRailVRSModule::PreVkCmdDrawIndexed(VkCommandBuffer commandBuffer, u
                                   indexCount == static_cast<uint32_t>(moduleData->fullRateIndexCount) &&
                                   instanceCount == static_cast<uint32_t>(moduleData->fullRateInstanceCount);
         if (!fullRateDraw && !coarseRateActive) {
-            SetRate(commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
+            SetRate(next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
             coarseRateActive = true;
         } else if (fullRateDraw && coarseRateActive) {
-            SetRate(commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
+            SetRate(next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
             coarseRateActive = false;
             SetFlags(kFullRateDrawSwitched);
         }
     }
-    drawIndexedNode_.next->Call(commandBuffer, indexCount, instanceCount, firstIndex, vertexOffset, firstInstance);
+    return next(commandBuffer, indexCount, instanceCount, firstIndex, vertexOffset, firstInstance);
 }
 
-VkResult ZoVkStarRailVRSModule::PreVkEndCommandBuffer(VkCommandBuffer commandBuffer) {
-    if (Active() && lightSecondaryCommandBuffers.count(commandBuffer) != 0) {
+ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkEndCommandBuffer(VkCommandBuffer commandBuffer,
+                                                                  ZoVkNext<&T::vkEndCommandBuffer> next) {
+    if (Active() && lightPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
         lightSecondaryRecording = false;
         lightDrawCounter = 0;
     }
-    return endCommandBufferNode_.next->Call(commandBuffer);
+    return next(commandBuffer);
 }
 
 void ZoVkStarRailVRSModule::PostVkCreateCommandPool(VkDevice device, const VkCommandPoolCreateInfo* pCreateInfo,
@@ -216,7 +219,6 @@ void ZoVkStarRailVRSModule::PostVkCreateCommandPool(VkDevice device, const VkCom
     if (result == VK_SUCCESS && pCommandPool != nullptr && *pCommandPool != VK_NULL_HANDLE) {
         renderpassBuilder->SetCommandPool(*pCommandPool);
     }
-    createCommandPoolNode_.next->Call(device, pCreateInfo, pAllocator, pCommandPool, result);
 }
 
 }  // namespace vulkan::zovk::app::module

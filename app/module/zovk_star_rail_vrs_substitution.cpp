@@ -68,13 +68,12 @@ bool Forget(std::unordered_map<Handle, Handle>& map, Handle game, VkDevice devic
 }
 
 // Destroys the substitutes of `game` in every map that has it, with the next layer's destroy call.
-template <auto DestroySlot, typename Handle>
-void ForgetEverywhere(ZoVkProcessorBase* processor, VkDevice device, Handle game,
+template <typename Handle, typename Destroy>
+void ForgetEverywhere(Destroy destroy, VkDevice device, Handle game,
                       std::initializer_list<std::unordered_map<Handle, Handle>*> maps) {
     if (game == VK_NULL_HANDLE) {
         return;
     }
-    const auto destroy = NextLayer<DestroySlot>(processor);
     for (auto* map : maps) {
         Forget(*map, game, device, destroy);
     }
@@ -131,31 +130,30 @@ void ZoVkStarRailVRSModule::PostVkCreateRenderPass(VkDevice device, const VkRend
         if (info.attachmentCount == static_cast<uint32_t>(moduleData->mainPassAttachmentCount)) {
             if (IsMainPass(info, VK_ATTACHMENT_LOAD_OP_CLEAR)) {
                 const VkRenderPass made = substitute();
-                Remember(mainPassMap, game, made, device_, destroy);
+                Remember(mainPass.passMap, game, made, device_, destroy);
                 ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass111, create main pass: %llu---->%llu",
                                HandleNumber(game), HandleNumber(made));
             } else if (IsMainPass(info, VK_ATTACHMENT_LOAD_OP_DONT_CARE)) {
                 const VkRenderPass made = substitute();
-                Remember(mainFramebufferPassMap, game, made, device_, destroy);
+                Remember(mainPass.framebufferPassMap, game, made, device_, destroy);
                 ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass222, create main pass for fbo: %llu-----> %llu",
                                HandleNumber(game), HandleNumber(made));
             }
         } else if (info.attachmentCount == 2) {
             if (IsLightPass(info, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_ATTACHMENT_LOAD_OP_LOAD)) {
                 const VkRenderPass made = substitute();
-                Remember(lightPassMap, game, made, device_, destroy);
+                Remember(lightPass.passMap, game, made, device_, destroy);
                 lightPassSubstitute = made;
                 ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass111, create light pass: %llu---->%llu",
                                HandleNumber(game), HandleNumber(made));
             } else if (IsLightPass(info, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_ATTACHMENT_LOAD_OP_DONT_CARE)) {
                 const VkRenderPass made = substitute();
-                Remember(lightFramebufferPassMap, game, made, device_, destroy);
+                Remember(lightPass.framebufferPassMap, game, made, device_, destroy);
                 ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass222, create light pass for fbo: %llu---->%llu",
                                HandleNumber(game), HandleNumber(made));
             }
         }
     }
-    createRenderPassNode_.next->Call(device, pCreateInfo, pAllocator, pRenderPass, result);
 }
 
 void ZoVkStarRailVRSModule::PostVkCreateFramebuffer(VkDevice device, const VkFramebufferCreateInfo* pCreateInfo,
@@ -167,38 +165,32 @@ void ZoVkStarRailVRSModule::PostVkCreateFramebuffer(VkDevice device, const VkFra
     const int32_t index = pCreateInfo != nullptr ? ResolutionIndex(pCreateInfo->width, pCreateInfo->height) : -1;
     if ((Flags() & (kTexelSizeKnown | kImagesReady)) == (kTexelSizeKnown | kImagesReady) && result == VK_SUCCESS &&
         pFramebuffer != nullptr && *pFramebuffer != VK_NULL_HANDLE && index >= 0 &&
-        static_cast<size_t>(index) < mainPassImages.size()) {
+        static_cast<size_t>(index) < mainPass.images.size()) {
         const VkFramebufferCreateInfo& info = *pCreateInfo;
         const VkFramebuffer game = *pFramebuffer;
         // The clear variant of the pass wins; the game may create its framebuffers on either.
-        auto substitute = [&](const SubstituteMap<VkRenderPass>& clearPasses,
-                              const SubstituteMap<VkRenderPass>& framebufferPasses, ShadingRateImageInfo& image,
-                              SubstituteMap<VkFramebuffer>& framebuffers, const char* clearLine,
-                              const char* framebufferLine) {
-            VkRenderPass pass = Lookup(clearPasses, info.renderPass);
+        auto substitute = [&](PassState& pass, const char* clearLine, const char* framebufferLine) {
+            VkRenderPass substitutePass = Lookup(pass.passMap, info.renderPass);
             const char* line = clearLine;
-            if (pass == VK_NULL_HANDLE) {
-                pass = Lookup(framebufferPasses, info.renderPass);
+            if (substitutePass == VK_NULL_HANDLE) {
+                substitutePass = Lookup(pass.framebufferPassMap, info.renderPass);
                 line = framebufferLine;
             }
-            if (pass == VK_NULL_HANDLE) {
+            if (substitutePass == VK_NULL_HANDLE) {
                 return;
             }
-            const VkFramebuffer made = renderpassBuilder->createVRSFramebuffer(pass, info, image);
-            Remember(framebuffers, game, made, device_, NextLayer<&T::vkDestroyFramebuffer>(processor_));
+            const VkFramebuffer made = renderpassBuilder->createVRSFramebuffer(substitutePass, info, pass.images[index]);
+            Remember(pass.framebufferMap, game, made, device_, NextLayer<&T::vkDestroyFramebuffer>(processor_));
             ZOVK_VRS_TRACE(debugLog, line, HandleNumber(game), HandleNumber(made), info.width, info.height);
         };
         if (info.attachmentCount == static_cast<uint32_t>(moduleData->mainPassAttachmentCount)) {
-            substitute(mainPassMap, mainFramebufferPassMap, mainPassImages[index], mainFramebufferMap,
-                       "PostVkCreateFramebuffer 111, old new main framebuffer: %llu---->%llu, wh: %dx%d",
+            substitute(mainPass, "PostVkCreateFramebuffer 111, old new main framebuffer: %llu---->%llu, wh: %dx%d",
                        "PostVkCreateFramebuffer 222, old new main framebuffer: %llu---->%llu, wh: %dx%d");
         } else if (info.attachmentCount == 2) {
-            substitute(lightPassMap, lightFramebufferPassMap, lightPassImages[index], lightFramebufferMap,
-                       "PostVkCreateFramebuffer 111, old new light framebuffer: %llu---->%llu, wh: %dx%d",
+            substitute(lightPass, "PostVkCreateFramebuffer 111, old new light framebuffer: %llu---->%llu, wh: %dx%d",
                        "PostVkCreateFramebuffer 222, old new light framebuffer: %llu---->%llu, wh: %dx%d");
         }
     }
-    createFramebufferNode_.next->Call(device, pCreateInfo, pAllocator, pFramebuffer, result);
 }
 
 void ZoVkStarRailVRSModule::PostVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache pipelineCache,
@@ -214,52 +206,52 @@ void ZoVkStarRailVRSModule::PostVkCreateGraphicsPipelines(VkDevice device, VkPip
         }
         // Only the framebuffer variants of the passes name pipelines. The substitute gets no
         // allocator: the module destroys it without one.
-        if (const VkRenderPass pass = Lookup(mainFramebufferPassMap, pCreateInfos[i].renderPass)) {
+        const bool main = Lookup(mainPass.framebufferPassMap, pCreateInfos[i].renderPass) != VK_NULL_HANDLE;
+        PassState& kind = main ? mainPass : lightPass;
+        if (const VkRenderPass pass = Lookup(kind.framebufferPassMap, pCreateInfos[i].renderPass)) {
             const VkPipeline made =
                 renderpassBuilder->createVRSPipelineCreateInfo(pipelineCache, nullptr, pCreateInfos[i], pass);
-            Remember(mainPipelineMap, game, made, device_, destroy);
-            ZOVK_VRS_TRACE(debugLog, "PostVkCreateGraphicsPipelines, main pipeline: %llu ----> %llu",
-                           HandleNumber(game), HandleNumber(made));
-        } else if (const VkRenderPass lightPass = Lookup(lightFramebufferPassMap, pCreateInfos[i].renderPass)) {
-            const VkPipeline made =
-                renderpassBuilder->createVRSPipelineCreateInfo(pipelineCache, nullptr, pCreateInfos[i], lightPass);
-            Remember(lightPipelineMap, game, made, device_, destroy);
-            ZOVK_VRS_TRACE(debugLog, "PostVkCreateGraphicsPipelines, light pipeline: %llu ----> %llu",
+            Remember(kind.pipelineMap, game, made, device_, destroy);
+            ZOVK_VRS_TRACE(debugLog,
+                           main ? "PostVkCreateGraphicsPipelines, main pipeline: %llu ----> %llu"
+                                : "PostVkCreateGraphicsPipelines, light pipeline: %llu ----> %llu",
                            HandleNumber(game), HandleNumber(made));
         }
     }
-    createPipelinesNode_.next->Call(device, pipelineCache, createInfoCount, pCreateInfos, pAllocator, pPipelines,
-                                    result);
 }
 
-void ZoVkStarRailVRSModule::PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline,
-                                                 const VkAllocationCallbacks* pAllocator) {
-    ForgetEverywhere<&T::vkDestroyPipeline>(processor_, device, pipeline, {&mainPipelineMap, &lightPipelineMap});
-    destroyPipelineNode_.next->Call(device, pipeline, pAllocator);
+ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline,
+                                                             const VkAllocationCallbacks* pAllocator,
+                                                             ZoVkNext<&T::vkDestroyPipeline> next) {
+    ForgetEverywhere(next.NextLayer().vkDestroyPipeline, device, pipeline,
+                     {&mainPass.pipelineMap, &lightPass.pipelineMap});
+    return next(device, pipeline, pAllocator);
 }
 
-void ZoVkStarRailVRSModule::PreVkDestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer,
-                                                    const VkAllocationCallbacks* pAllocator) {
-    ForgetEverywhere<&T::vkDestroyFramebuffer>(processor_, device, framebuffer,
-                                               {&mainFramebufferMap, &lightFramebufferMap});
-    destroyFramebufferNode_.next->Call(device, framebuffer, pAllocator);
+ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkDestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer,
+                                                                const VkAllocationCallbacks* pAllocator,
+                                                                ZoVkNext<&T::vkDestroyFramebuffer> next) {
+    ForgetEverywhere(next.NextLayer().vkDestroyFramebuffer, device, framebuffer,
+                     {&mainPass.framebufferMap, &lightPass.framebufferMap});
+    return next(device, framebuffer, pAllocator);
 }
 
-void ZoVkStarRailVRSModule::PreVkDestroyRenderPass(VkDevice device, VkRenderPass renderPass,
-                                                   const VkAllocationCallbacks* pAllocator) {
+ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkDestroyRenderPass(VkDevice device, VkRenderPass renderPass,
+                                                               const VkAllocationCallbacks* pAllocator,
+                                                               ZoVkNext<&T::vkDestroyRenderPass> next) {
     if (renderPass != VK_NULL_HANDLE) {
-        const auto destroy = NextLayer<&T::vkDestroyRenderPass>(processor_);
-        if (Lookup(lightPassMap, renderPass) == lightPassSubstitute) {
+        const auto destroy = next.NextLayer().vkDestroyRenderPass;
+        if (Lookup(lightPass.passMap, renderPass) == lightPassSubstitute) {
             lightPassSubstitute = VK_NULL_HANDLE;
         }
-        if (!Forget(mainPassMap, renderPass, device, destroy)) {
-            Forget(lightPassMap, renderPass, device, destroy);
+        if (!Forget(mainPass.passMap, renderPass, device, destroy)) {
+            Forget(lightPass.passMap, renderPass, device, destroy);
         }
-        if (!Forget(mainFramebufferPassMap, renderPass, device, destroy)) {
-            Forget(lightFramebufferPassMap, renderPass, device, destroy);
+        if (!Forget(mainPass.framebufferPassMap, renderPass, device, destroy)) {
+            Forget(lightPass.framebufferPassMap, renderPass, device, destroy);
         }
     }
-    destroyRenderPassNode_.next->Call(device, renderPass, pAllocator);
+    return next(device, renderPass, pAllocator);
 }
 
 }  // namespace vulkan::zovk::app::module

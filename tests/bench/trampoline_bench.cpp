@@ -13,6 +13,7 @@
 #include <string>
 
 #include "app/module/zovk_star_rail_processor.h"
+#include "app/zovk_hook_lists.h"
 #include "app/zovk_app_data.h"
 #include "app/zovk_module_base.h"
 #include "layer/zovk_entry.h"
@@ -37,24 +38,23 @@ PFN_vkVoidFunction VKAPI_CALL NextGetDeviceProcAddr(VkDevice, const char* name) 
 }
 
 // A module whose node does nothing but pass the call on.
+#define PASS_ON_HOOKS(X) X(Pre, CmdDrawIndexed, 0)
 class PassOnModule : public module::ZoVkModuleBase {
 public:
-    using Node = module::ZoVkPreFunctor<&T::vkCmdDrawIndexed>;
     explicit PassOnModule(ZoVkStarRailProcessor* processor) : ZoVkModuleBase(processor), processor_(processor) {}
     unsigned int GetModuleId() const override { return 2; }
-    void RegisterModuleDeviceFunctors() override {
-        module::FillFunctor(node_, this, &Node::Hooked<PassOnModule, &PassOnModule::Draw>, 0);
-        processor_->cmdDrawIndexed.Insert(&node_);
-    }
-    void UnregisterModuleDeviceFunctors() override { processor_->cmdDrawIndexed.Remove(&node_); }
-    void Draw(VkCommandBuffer cb, uint32_t a, uint32_t b, uint32_t c, int32_t d, uint32_t e) {
-        node_.next->Call(cb, a, b, c, d, e);
-    }
 
 private:
     ZoVkStarRailProcessor* processor_;
-    Node node_;
+
+    ZOVK_MODULE_HOOKS(PassOnModule, ZoVkStarRailProcessor, PASS_ON_HOOKS)
 };
+
+module::ZoVkPassed<void> PassOnModule::PreVkCmdDrawIndexed(VkCommandBuffer cb, uint32_t a, uint32_t b, uint32_t c,
+                                                           int32_t d, uint32_t e,
+                                                           module::ZoVkNext<&T::vkCmdDrawIndexed> next) {
+    return next(cb, a, b, c, d, e);
+}
 
 struct Handle {
     void* dispatch;
@@ -78,11 +78,13 @@ struct Device {
         if (withModule) {
             processor->RegisterModule(new PassOnModule(processor.get()));
         }
+        processor->SetDeviceHookFunction("vkCmdDrawIndexed",
+                                         GlobalDeviceHookFunctor<ZoVkStarRailProcessor, &T::vkCmdDrawIndexed,
+                                                                 &ZoVkStarRailProcessor::VkCmdDrawIndexedHooked>::Address());
         ZoVkContextManager::GetInstance()->InitDeviceInfo(reinterpret_cast<VkPhysicalDevice>(&physical),
                                                           reinterpret_cast<VkDevice>(&device), NextGetDeviceProcAddr,
                                                           VK_API_VERSION_1_2, processor, true);
-        trampoline = ZoVkStarRailProcessor::Trampoline<&T::vkCmdDrawIndexed,
-                                                       &ZoVkStarRailProcessor::VkCmdDrawIndexedHooked>();
+        trampoline = processor->GetDeviceHookFunction("vkCmdDrawIndexed");
     }
     ~Device() {
         ZoVkDestroyDevice(reinterpret_cast<VkDevice>(&device), nullptr);

@@ -111,9 +111,9 @@ struct VrsDevice {
                                                           reinterpret_cast<VkDevice>(&device), NextGetDeviceProcAddr,
                                                           VK_API_VERSION_1_2, processor, true, SetLoaderData);
 
-        vrs->mainPassImages.resize(1);
-        vrs->lightPassImages.resize(1);
-        for (auto* image : {&vrs->mainPassImages[0], &vrs->lightPassImages[0]}) {
+        vrs->mainPass.images.resize(1);
+        vrs->lightPass.images.resize(1);
+        for (auto* image : {&vrs->mainPass.images[0], &vrs->lightPass.images[0]}) {
             image->image = reinterpret_cast<VkImage>(uintptr_t{0x10});
             image->width = 120;
             image->height = 67;
@@ -124,18 +124,16 @@ struct VrsDevice {
         vrs->curMainResIndex_ = 0;
         vrs->appliedResIndex = 0;
         vrs->templevel_ = 1;
-        draw = reinterpret_cast<PFN_vkCmdDrawIndexed>(
-            ZoVkStarRailProcessor::Trampoline<&T::vkCmdDrawIndexed, &ZoVkStarRailProcessor::VkCmdDrawIndexedHooked>());
-        present = reinterpret_cast<PFN_vkQueuePresentKHR>(
-            ZoVkStarRailProcessor::Trampoline<&T::vkQueuePresentKHR, &ZoVkStarRailProcessor::VkQueuePresentKHRHooked>());
+        draw = reinterpret_cast<PFN_vkCmdDrawIndexed>(processor->GetDeviceHookFunction("vkCmdDrawIndexed"));
+        present = reinterpret_cast<PFN_vkQueuePresentKHR>(processor->GetDeviceHookFunction("vkQueuePresentKHR"));
         present(Queue(), &presentInfo);  // opens the level and scene gates
         vrs->lightSecondaryRecording = true;
         vrs->coarseRateActive = true;
     }
     ~VrsDevice() {
         // The module holds fake handles: forget them before the device goes.
-        vrs->mainPassImages.clear();
-        vrs->lightPassImages.clear();
+        vrs->mainPass.images.clear();
+        vrs->lightPass.images.clear();
         vrs->templateBuffers.clear();
         ZoVkDestroyDevice(reinterpret_cast<VkDevice>(&device), nullptr);
         processor->OnEnd();

@@ -3,8 +3,16 @@
 // A recording stand-in for the layer or driver below libzovk. Its resolvers answer every
 // name with a function of its own (recording ones for the commands the layer calls,
 // inert distinct stubs for the rest) unless the name is in nullNames; every resolver
-// query and call goes, in order, into `events`.
+// query and call goes, in order, into `events`, with what matters of its arguments.
+//
+// For the modules and the shading-rate builder it is a small device: creates hand out
+// fresh handles (or fail, for names in failNames), memory maps onto `mapped`, command
+// buffers and queues are dispatchable objects of the device, and the physical device
+// reports one memory type of every kind, one graphics family and `texelSize`.
 
+#include <cstdint>
+#include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,7 +32,17 @@ struct Event {
     Kind kind;
     std::string name;
     const void* handle;
+    // The arguments that matter, as text: handles in hex ("pass=1002 framebuffer=1005"), a
+    // rate as "2x2 KEEP,REPLACE", what a create made as "made=1003".
+    std::string args;
 };
+
+// A handle as the fake's argument texts print it.
+std::string Hex(uint64_t value);
+template <typename Handle>
+std::string Hex(Handle handle) {
+    return Hex(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(handle)));
+}
 
 class FakeNextLayer {
 public:
@@ -70,12 +88,29 @@ public:
     std::vector<std::string> seenInstanceExtensions;
     std::vector<std::string> seenDeviceExtensions;
 
+    // The small device.
+    std::set<std::string> failNames;  // creates and allocations that fail
+    VkExtent2D texelSize{16, 16};     // the largest shading-rate attachment texel size
+    std::vector<unsigned char> mapped = std::vector<unsigned char>(1 << 20);
+    uint64_t nextHandle = 0x1000;
+    std::vector<std::unique_ptr<FakeObject>> made;  // command buffers and queues
+    std::function<void(const VkRenderPassCreateInfo&)> onRenderPass;
+    std::function<void(const VkRenderPassCreateInfo2&)> onRenderPass2;
+    std::function<void(const VkFramebufferCreateInfo&)> onFramebuffer;
+    std::function<void(const VkGraphicsPipelineCreateInfo&)> onPipeline;
+    std::function<void(const VkImageCreateInfo&)> onImage;
+
     std::vector<Event> events;
-    void Note(const std::string& text) { events.push_back({Event::kNote, text, nullptr}); }
+    void Note(const std::string& text) { events.push_back({Event::kNote, text, nullptr, {}}); }
     int Count(Event::Kind kind, const std::string& name) const;
     int Queries(const std::string& name) const { return Count(Event::kQuery, name); }
     int Calls(const std::string& name) const { return Count(Event::kCall, name); }
     std::vector<std::string> CallLog() const;  // calls and notes, in order
+    // The argument texts of every call of `name`, in order.
+    std::vector<std::string> Args(const std::string& name) const;
+    // Calls as "name args", in order, of the names given (all calls when none are).
+    std::vector<std::string> Log(const std::set<std::string>& names = {}) const;
+    void Clear() { events.clear(); }
 };
 
 // Create infos whose link element points at the fake resolvers. They point into

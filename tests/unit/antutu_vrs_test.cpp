@@ -145,7 +145,7 @@ protected:
     }
     void Present(int count) {
         for (int i = 0; i < count; ++i) {
-            EXPECT_EQ(P().VkQueuePresentKHRHooked(Queue(), nullptr), VK_SUBOPTIMAL_KHR);
+            EXPECT_EQ(P().VkQueuePresentKHRHooked(record_, Queue(), nullptr), VK_SUBOPTIMAL_KHR);
         }
     }
     // VRS on and sampled.
@@ -169,7 +169,7 @@ protected:
         info.pAttachments = descriptions.empty() ? nullptr : descriptions.data();
         next_.createPassResult = result;
         VkRenderPass pass = VK_NULL_HANDLE;
-        EXPECT_EQ(P().VkCreateRenderPassHooked(record_.device, &info, nullptr, &pass), result);
+        EXPECT_EQ(P().VkCreateRenderPassHooked(record_, record_.device, &info, nullptr, &pass), result);
         next_.createPassResult = VK_SUCCESS;
         return pass;
     }
@@ -181,7 +181,7 @@ protected:
         begin.sType = VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO;
         begin.renderPass = pass;
         begin.renderArea.extent = {width, height};
-        P().VkCmdBeginRenderPassHooked(CommandBuffer(), &begin, VK_SUBPASS_CONTENTS_INLINE);
+        P().VkCmdBeginRenderPassHooked(record_, CommandBuffer(), &begin, VK_SUBPASS_CONTENTS_INLINE);
         if (next_.calls.size() == 1 && next_.calls[0] == "begin") {
             return "none";
         }
@@ -300,8 +300,8 @@ TEST_F(AntutuVrsTest, PassesAreClassifiedByTheirAttachmentsWhenCreated) {
         VkRenderPassCreateInfo info{};
         info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
         info.attachmentCount = 1;
-        EXPECT_EQ(P().VkCreateRenderPassHooked(record_.device, &info, nullptr, &noArray), VK_SUCCESS);
-        EXPECT_EQ(P().VkCreateRenderPassHooked(record_.device, nullptr, nullptr, &noArray), VK_SUCCESS);
+        EXPECT_EQ(P().VkCreateRenderPassHooked(record_, record_.device, &info, nullptr, &noArray), VK_SUCCESS);
+        EXPECT_EQ(P().VkCreateRenderPassHooked(record_, record_.device, nullptr, nullptr, &noArray), VK_SUCCESS);
     }
     const VkRenderPass hdr = Pass({{kHdr, kClear}, {kDepth, kLoad}});
     const VkRenderPass half = Pass({{kHalf, kLoad}, {kDepth, kClear}});  // load ops do not matter here
@@ -362,7 +362,7 @@ TEST_F(AntutuVrsTest, PassesBeginsAndPresentsOnSeveralThreads) {
             begin.renderPass = pass;
             begin.renderArea.extent = {2400, 1200};
             for (int i = 0; i < kBegins; ++i) {
-                P().VkCmdBeginRenderPassHooked(CommandBuffer(), &begin, VK_SUBPASS_CONTENTS_INLINE);
+                P().VkCmdBeginRenderPassHooked(record_, CommandBuffer(), &begin, VK_SUBPASS_CONTENTS_INLINE);
             }
         });
     }
@@ -396,7 +396,7 @@ TEST_F(AntutuVrsTest, PipelinesWithADynamicStateBlockGetTheRateOnceInACopy) {
     }
     VkPipeline pipelines[4] = {};
     next_.pipelinesResult = VK_PIPELINE_COMPILE_REQUIRED;
-    EXPECT_EQ(P().VkCreateGraphicsPipelinesHooked(record_.device, VK_NULL_HANDLE, 4, infos, nullptr, pipelines),
+    EXPECT_EQ(P().VkCreateGraphicsPipelinesHooked(record_, record_.device, VK_NULL_HANDLE, 4, infos, nullptr, pipelines),
               VK_PIPELINE_COMPILE_REQUIRED);
 
     ASSERT_EQ(next_.pipelineCount, 4u);
@@ -416,11 +416,11 @@ TEST_F(AntutuVrsTest, PipelinesWithADynamicStateBlockGetTheRateOnceInACopy) {
 
     // Nothing to copy: handed on as they came.
     next_.pipelineInfos = nullptr;
-    EXPECT_EQ(P().VkCreateGraphicsPipelinesHooked(record_.device, VK_NULL_HANDLE, 0, infos, nullptr, pipelines),
+    EXPECT_EQ(P().VkCreateGraphicsPipelinesHooked(record_, record_.device, VK_NULL_HANDLE, 0, infos, nullptr, pipelines),
               VK_PIPELINE_COMPILE_REQUIRED);
     EXPECT_EQ(next_.pipelineCount, 0u);
     EXPECT_EQ(next_.pipelineInfos, infos);
-    P().VkCreateGraphicsPipelinesHooked(record_.device, VK_NULL_HANDLE, 2, nullptr, nullptr, pipelines);
+    P().VkCreateGraphicsPipelinesHooked(record_, record_.device, VK_NULL_HANDLE, 2, nullptr, nullptr, pipelines);
     EXPECT_EQ(next_.pipelineCount, 2u);
     EXPECT_EQ(next_.pipelineInfos, nullptr);
 }

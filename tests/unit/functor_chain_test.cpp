@@ -1,185 +1,94 @@
-// The path of a hooked call: trampoline, processor, module nodes by priority, tail, next
-// layer; and post chains after the next layer.
+// The path of a hooked call: trampoline, processor, module nodes by priority, the next layer
+// of the call's own device; and post chains after the next layer.
 #include <gtest/gtest.h>
 
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "app/module/zovk_star_rail_processor.h"
 #include "app/zovk_app_data.h"
+#include "app/zovk_hook_lists.h"
 #include "app/zovk_module_base.h"
 #include "layer/zovk_entry.h"
 #include "settings/zovk_settings.h"
+#include "tests/support/fake_next_layer.h"
 
 using namespace vulkan::zovk;
 using namespace vulkan::zovk::app;
-using module::ZoVkModuleBase;
+using module::ZoVkNext;
+using module::ZoVkPassed;
 using T = VkDeviceFunctionTable;
+using zovk_test::FakeNextLayer;
+using zovk_test::FakeObject;
 
 namespace {
 
 std::vector<std::string> gLog;
-VkResult gNextResult = VK_SUCCESS;
-const auto kPipeline = reinterpret_cast<VkPipeline>(uintptr_t{0x77});
 
-void VKAPI_CALL NextCmdDrawIndexed(VkCommandBuffer, uint32_t indexCount, uint32_t, uint32_t, int32_t, uint32_t) {
-    gLog.push_back("next:draw:" + std::to_string(indexCount));
-}
-void VKAPI_CALL NextCmdEndRenderPass(VkCommandBuffer) { gLog.push_back("next:endRenderPass"); }
-VkResult VKAPI_CALL NextCreateRenderPass(VkDevice, const VkRenderPassCreateInfo*, const VkAllocationCallbacks*,
-                                         VkRenderPass* pRenderPass) {
-    gLog.push_back("next:createRenderPass");
-    *pRenderPass = reinterpret_cast<VkRenderPass>(uintptr_t{0x1234});
-    return gNextResult;
-}
-VkResult VKAPI_CALL NextBeginCommandBuffer(VkCommandBuffer, const VkCommandBufferBeginInfo*) {
-    gLog.push_back("next:begin");
-    return gNextResult;
-}
-VkResult VKAPI_CALL NextCreateGraphicsPipelines(VkDevice, VkPipelineCache, uint32_t count,
-                                                const VkGraphicsPipelineCreateInfo*, const VkAllocationCallbacks*,
-                                                VkPipeline* pPipelines) {
-    gLog.push_back("next:createGraphicsPipelines");
-    for (uint32_t i = 0; i < count; ++i) {
-        pPipelines[i] = kPipeline;
-    }
-    return gNextResult;
-}
-void VKAPI_CALL NextDestroyDevice(VkDevice, const VkAllocationCallbacks*) { gLog.push_back("next:destroyDevice"); }
+#define CHAIN_MODULE_HOOKS(X)          \
+    X(Pre, CmdDrawIndexed, priority_)  \
+    X(Pre, BeginCommandBuffer, priority_) \
+    X(Post, CreateRenderPass, priority_) \
+    X(Post, CmdEndRenderPass, priority_) \
+    X(Pre, CreateGraphicsPipelines, priority_) \
+    X(Post, CreateGraphicsPipelines, priority_)
 
-PFN_vkVoidFunction VKAPI_CALL NextGetDeviceProcAddr(VkDevice, const char* name) {
-    static const std::map<std::string, PFN_vkVoidFunction> functions = {
-        {"vkCmdDrawIndexed", reinterpret_cast<PFN_vkVoidFunction>(NextCmdDrawIndexed)},
-        {"vkCmdEndRenderPass", reinterpret_cast<PFN_vkVoidFunction>(NextCmdEndRenderPass)},
-        {"vkCreateRenderPass", reinterpret_cast<PFN_vkVoidFunction>(NextCreateRenderPass)},
-        {"vkBeginCommandBuffer", reinterpret_cast<PFN_vkVoidFunction>(NextBeginCommandBuffer)},
-        {"vkCreateGraphicsPipelines", reinterpret_cast<PFN_vkVoidFunction>(NextCreateGraphicsPipelines)},
-        {"vkDestroyDevice", reinterpret_cast<PFN_vkVoidFunction>(NextDestroyDevice)},
-    };
-    const auto it = functions.find(name);
-    return it == functions.end() ? nullptr : it->second;
-}
-
-// A module that hooks a few calls, logs each visit under its tag and, unless told to
-// stop, passes the call on.
-class ChainModule : public ZoVkModuleBase {
+// A module that logs each visit under its tag and passes the call on, unless told to end it.
+class ChainModule : public module::ZoVkModuleBase {
 public:
-    using DrawNode = module::ZoVkPreFunctor<&T::vkCmdDrawIndexed>;
-    using BeginNode = module::ZoVkPreFunctor<&T::vkBeginCommandBuffer>;
-    using CreatePassNode = module::ZoVkPostFunctor<&T::vkCreateRenderPass>;
-    using EndPassNode = module::ZoVkPostFunctor<&T::vkCmdEndRenderPass>;
-    using PipelinesNode = module::ZoVkPreFunctor<&T::vkCreateGraphicsPipelines>;
-    using PostPipelinesNode = module::ZoVkPostFunctor<&T::vkCreateGraphicsPipelines>;
-
     ChainModule(ZoVkStarRailProcessor* processor, unsigned int id, std::string tag, int32_t priority)
         : ZoVkModuleBase(processor), processor_(processor), id_(id), tag_(std::move(tag)), priority_(priority) {}
-
     unsigned int GetModuleId() const override { return id_; }
-
-    void RegisterModuleVkDeviceHooks() override {
-        SetHook<&T::vkCmdDrawIndexed, &ZoVkStarRailProcessor::VkCmdDrawIndexedHooked>("vkCmdDrawIndexed");
-        SetHook<&T::vkBeginCommandBuffer, &ZoVkStarRailProcessor::VkBeginCommandBufferHooked>("vkBeginCommandBuffer");
-        SetHook<&T::vkCreateRenderPass, &ZoVkStarRailProcessor::VkCreateRenderPassHooked>("vkCreateRenderPass");
-        SetHook<&T::vkCmdEndRenderPass, &ZoVkStarRailProcessor::VkCmdEndRenderPassHooked>("vkCmdEndRenderPass");
-        SetHook<&T::vkCreateGraphicsPipelines, &ZoVkStarRailProcessor::VkCreateGraphicsPipelinesHooked>(
-            "vkCreateGraphicsPipelines");
-    }
-
-    void RegisterModuleDeviceFunctors() override {
-        module::FillFunctor(draw_, this, &DrawNode::Hooked<ChainModule, &ChainModule::Draw>, priority_);
-        processor_->cmdDrawIndexed.Insert(&draw_);
-        module::FillFunctor(begin_, this, &BeginNode::Hooked<ChainModule, &ChainModule::Begin>, priority_);
-        processor_->beginCommandBuffer.Insert(&begin_);
-        module::FillFunctor(createPass_, this, &CreatePassNode::Hooked<ChainModule, &ChainModule::CreatedPass>,
-                            priority_);
-        processor_->postCreateRenderPass.Insert(&createPass_);
-        module::FillFunctor(endPass_, this, &EndPassNode::Hooked<ChainModule, &ChainModule::EndedPass>, priority_);
-        processor_->cmdEndRenderPass.Insert(&endPass_);
-        module::FillFunctor(pipelines_, this, &PipelinesNode::Hooked<ChainModule, &ChainModule::Pipelines>,
-                            priority_);
-        processor_->createGraphicsPipelines.Insert(&pipelines_);
-        module::FillFunctor(postPipelines_, this,
-                            &PostPipelinesNode::Hooked<ChainModule, &ChainModule::PipelinesCreated>, priority_);
-        processor_->postCreateGraphicsPipelines.Insert(&postPipelines_);
-    }
-
-    void UnregisterModuleDeviceFunctors() override {
-        processor_->cmdDrawIndexed.Remove(&draw_);
-        processor_->beginCommandBuffer.Remove(&begin_);
-        processor_->postCreateRenderPass.Remove(&createPass_);
-        processor_->cmdEndRenderPass.Remove(&endPass_);
-        processor_->createGraphicsPipelines.Remove(&pipelines_);
-        processor_->postCreateGraphicsPipelines.Remove(&postPipelines_);
-    }
-
-    void Draw(VkCommandBuffer cb, uint32_t indexCount, uint32_t instanceCount, uint32_t firstIndex,
-              int32_t vertexOffset, uint32_t firstInstance) {
-        gLog.push_back(tag_ + ":draw");
-        if (!stop) {
-            draw_.next->Call(cb, indexCount, instanceCount, firstIndex, vertexOffset, firstInstance);
-        }
-    }
-    VkResult Begin(VkCommandBuffer cb, const VkCommandBufferBeginInfo* info) {
-        gLog.push_back(tag_ + ":begin");
-        return stop ? VK_ERROR_UNKNOWN : begin_.next->Call(cb, info);
-    }
-    void CreatedPass(VkDevice device, const VkRenderPassCreateInfo* info, const VkAllocationCallbacks* allocator,
-                     VkRenderPass* pass, VkResult result) {
-        gLog.push_back(tag_ + ":createdPass:" + std::to_string(result) + ":" +
-                       std::to_string(reinterpret_cast<uintptr_t>(*pass)));
-        createPass_.next->Call(device, info, allocator, pass, result);
-    }
-    void EndedPass(VkCommandBuffer cb) {
-        gLog.push_back(tag_ + ":endedPass");
-        endPass_.next->Call(cb);
-    }
-    VkResult Pipelines(VkDevice device, VkPipelineCache cache, uint32_t count,
-                       const VkGraphicsPipelineCreateInfo* infos, const VkAllocationCallbacks* allocator,
-                       VkPipeline* pipelines) {
-        gLog.push_back(tag_ + ":pipelines");
-        return pipelines_.next->Call(device, cache, count, infos, allocator, pipelines);
-    }
-    void PipelinesCreated(VkDevice device, VkPipelineCache cache, uint32_t count,
-                          const VkGraphicsPipelineCreateInfo* infos, const VkAllocationCallbacks* allocator,
-                          VkPipeline* pipelines, VkResult result) {
-        gLog.push_back(tag_ + ":pipelinesCreated:" + std::to_string(result) + ":" +
-                       (pipelines[0] == kPipeline ? "made" : "missing"));
-        postPipelines_.next->Call(device, cache, count, infos, allocator, pipelines, result);
-    }
-
     void OnDeviceDestroy(VkDevice) override { gLog.push_back(tag_ + ":deviceDestroy"); }
 
-    bool stop = false;
+    bool end = false;
 
 private:
-    template <auto Slot, auto Member>
-    void SetHook(const char* name) {
-        processor_->SetDeviceHookFunction(name, ZoVkStarRailProcessor::Trampoline<Slot, Member>());
-    }
+    void Log(const std::string& what) { gLog.push_back(tag_ + ":" + what); }
 
     ZoVkStarRailProcessor* processor_;
     unsigned int id_;
     std::string tag_;
     int32_t priority_;
-    DrawNode draw_;
-    BeginNode begin_;
-    CreatePassNode createPass_;
-    EndPassNode endPass_;
-    PipelinesNode pipelines_;
-    PostPipelinesNode postPipelines_;
+
+    ZOVK_MODULE_HOOKS(ChainModule, ZoVkStarRailProcessor, CHAIN_MODULE_HOOKS)
 };
 
-struct FakeHandle {
-    void* dispatch;
-};
+ZoVkPassed<void> ChainModule::PreVkCmdDrawIndexed(VkCommandBuffer cb, uint32_t indexCount, uint32_t instanceCount,
+                                                  uint32_t firstIndex, int32_t vertexOffset, uint32_t firstInstance,
+                                                  ZoVkNext<&T::vkCmdDrawIndexed> next) {
+    Log("draw");
+    return next(cb, indexCount, instanceCount, firstIndex, vertexOffset, firstInstance);
+}
+ZoVkPassed<VkResult> ChainModule::PreVkBeginCommandBuffer(VkCommandBuffer cb, const VkCommandBufferBeginInfo* info,
+                                                          ZoVkNext<&T::vkBeginCommandBuffer> next) {
+    Log("begin");
+    return end ? next.End(VK_ERROR_UNKNOWN) : next(cb, info);
+}
+void ChainModule::PostVkCreateRenderPass(VkDevice, const VkRenderPassCreateInfo*, const VkAllocationCallbacks*,
+                                         VkRenderPass* pass, VkResult result) {
+    Log("createdPass:" + std::to_string(result) + ":" + zovk_test::Hex(*pass));
+}
+void ChainModule::PostVkCmdEndRenderPass(VkCommandBuffer) { Log("endedPass"); }
+ZoVkPassed<VkResult> ChainModule::PreVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache cache, uint32_t count,
+                                                               const VkGraphicsPipelineCreateInfo* infos,
+                                                               const VkAllocationCallbacks* allocator,
+                                                               VkPipeline* pipelines,
+                                                               ZoVkNext<&T::vkCreateGraphicsPipelines> next) {
+    Log("pipelines");
+    return next(device, cache, count, infos, allocator, pipelines);
+}
+void ChainModule::PostVkCreateGraphicsPipelines(VkDevice, VkPipelineCache, uint32_t, const VkGraphicsPipelineCreateInfo*,
+                                                const VkAllocationCallbacks*, VkPipeline* pipelines, VkResult result) {
+    Log("pipelinesCreated:" + std::to_string(result) + ":" + (pipelines[0] != VK_NULL_HANDLE ? "made" : "missing"));
+}
 
+// Star Rail devices on the recording fake, with a processor whose modules are added by the test.
 class FunctorChainTest : public ::testing::Test {
 protected:
     void SetUp() override {
         gLog.clear();
-        gNextResult = VK_SUCCESS;
         ZoVkSettings* settings = ZoVkSettings::GetInstance();
         settings->SetApplicationType(vulkan::ZOVK_APPLICATION_STAR_RAIL);
         auto* data = new ZoVkStarRailData();
@@ -188,12 +97,10 @@ protected:
         settings->SetHookFlags(kHookAll);
         processor_ = std::make_shared<ZoVkStarRailProcessor>();
     }
-
     void TearDown() override {
         ZoVkDestroyDevice(Device(), nullptr);
-        if (processor_) {
-            processor_->OnEnd();
-        }
+        ZoVkDestroyDevice(reinterpret_cast<VkDevice>(&other_), nullptr);
+        processor_->OnEnd();
     }
 
     ChainModule* AddModule(unsigned int id, const std::string& tag, int32_t priority) {
@@ -201,178 +108,149 @@ protected:
         processor_->RegisterModule(module);
         return module;
     }
-
-    // Records the device with the processor: tails are built, then module nodes hang in.
-    void CreateDevice() {
-        ZoVkContextManager::GetInstance()->InitDeviceInfo(reinterpret_cast<VkPhysicalDevice>(&physical_), Device(),
-                                                          NextGetDeviceProcAddr, VK_API_VERSION_1_2, processor_,
-                                                          true);
+    // Records a device with the processor (or none): the modules hang their nodes in.
+    void CreateDevice(FakeObject& device, bool withProcessor = true) {
+        ZoVkContextManager::GetInstance()->InitDeviceInfo(
+            fake_.PhysicalDevice(), reinterpret_cast<VkDevice>(&device), FakeNextLayer::GetDeviceProcAddr,
+            VK_API_VERSION_1_2, withProcessor ? processor_ : nullptr, true);
     }
-
     template <typename Pfn>
     Pfn Resolve(const char* name, VkDevice device) {
         return reinterpret_cast<Pfn>(ZoVkGetDeviceProcAddr(device, name));
     }
-    template <typename Pfn>
-    Pfn Resolve(const char* name) {
-        return Resolve<Pfn>(name, Device());
+    // Draws through the trampoline and returns the log of the modules and the next layer.
+    std::vector<std::string> Draw(VkCommandBuffer cb) {
+        gLog.clear();
+        fake_.Clear();
+        Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed", Device())(cb, 3, 1, 0, 0, 0);
+        for (const std::string& call : fake_.Log({"vkCmdDrawIndexed"})) gLog.push_back(call);
+        return gLog;
+    }
+    VkResult Begin() {
+        VkCommandBufferBeginInfo info{VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO, nullptr, 0, nullptr};
+        return Resolve<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer", Device())(fake_.CommandBuffer(), &info);
     }
 
-    VkDevice Device() { return reinterpret_cast<VkDevice>(&device_); }
-    VkCommandBuffer CommandBuffer() { return reinterpret_cast<VkCommandBuffer>(&commandBuffer_); }
+    VkDevice Device() { return fake_.Device(); }
 
-    int instanceKey_ = 0;
-    int deviceKey_ = 0;
-    FakeHandle physical_{&instanceKey_};
-    FakeHandle device_{&deviceKey_};
-    FakeHandle commandBuffer_{&deviceKey_};
+    FakeNextLayer fake_;
+    int otherKey_ = 0;
+    FakeObject other_{&otherKey_};
+    FakeObject otherCommandBuffer_{&otherKey_};
     std::shared_ptr<ZoVkStarRailProcessor> processor_;
 };
 
-TEST_F(FunctorChainTest, WithoutModulesEveryCallReachesTheNextLayerUnchanged) {
-    CreateDevice();
-    // No module entered a trampoline: the application gets the next layer's own functions.
-    EXPECT_EQ(Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed"), &NextCmdDrawIndexed);
-
-    // The processor's own calls, as a trampoline makes them.
-    processor_->VkCmdDrawIndexedHooked(CommandBuffer(), 36, 1, 0, 0, 0);
-    gNextResult = VK_ERROR_DEVICE_LOST;
-    EXPECT_EQ(processor_->VkBeginCommandBufferHooked(CommandBuffer(), nullptr), VK_ERROR_DEVICE_LOST);
-    VkRenderPass pass = VK_NULL_HANDLE;
-    EXPECT_EQ(processor_->VkCreateRenderPassHooked(Device(), nullptr, nullptr, &pass), VK_ERROR_DEVICE_LOST);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"next:draw:36", "next:begin", "next:createRenderPass"}));
-}
-
-TEST_F(FunctorChainTest, NodesRunByPriorityThenTheTailWhateverTheRegistrationOrder) {
-    for (const bool highFirst : {false, true}) {
-        SetUp();
-        if (highFirst) {
-            AddModule(2, "p1000", 1000);
-            AddModule(1, "p0", 0);
-        } else {
-            AddModule(1, "p0", 0);
-            AddModule(2, "p1000", 1000);
-        }
-        CreateDevice();
-        Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed")(CommandBuffer(), 6, 1, 0, 0, 0);
-        EXPECT_EQ(gLog, (std::vector<std::string>{"p0:draw", "p1000:draw", "next:draw:6"})) << highFirst;
-        TearDown();
-    }
-}
-
-TEST_F(FunctorChainTest, EqualPrioritiesRunInRegistrationOrder) {
-    AddModule(2, "second-id-first", 5);
-    AddModule(1, "first-id-second", 5);
-    AddModule(4, "low", -1);
-    CreateDevice();
-    Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed")(CommandBuffer(), 3, 1, 0, 0, 0);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"low:draw", "second-id-first:draw", "first-id-second:draw",
-                                              "next:draw:3"}));
-}
-
-TEST_F(FunctorChainTest, ANodeThatDoesNotCallOnEndsTheCall) {
-    ChainModule* first = AddModule(1, "first", 0);
-    AddModule(2, "second", 10);
-    CreateDevice();
-    first->stop = true;
-    Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed")(CommandBuffer(), 3, 1, 0, 0, 0);
-    EXPECT_EQ(Resolve<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer")(CommandBuffer(), nullptr), VK_ERROR_UNKNOWN);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"first:draw", "first:begin"}));
-}
-
-TEST_F(FunctorChainTest, PostChainSeesTheNextLayersResultAndTheApplicationGetsIt) {
-    AddModule(1, "m", 0);
-    CreateDevice();
-    gNextResult = VK_ERROR_OUT_OF_HOST_MEMORY;
-    VkRenderPass pass = VK_NULL_HANDLE;
-    const VkResult result =
-        Resolve<PFN_vkCreateRenderPass>("vkCreateRenderPass")(Device(), nullptr, nullptr, &pass);
-    EXPECT_EQ(result, VK_ERROR_OUT_OF_HOST_MEMORY);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"next:createRenderPass",
-                                              "m:createdPass:" + std::to_string(VK_ERROR_OUT_OF_HOST_MEMORY) +
-                                                  ":" + std::to_string(0x1234)}));
-}
-
-TEST_F(FunctorChainTest, EndRenderPassReachesTheNextLayerBeforeAnyNode) {
-    AddModule(1, "a", 0);
-    AddModule(2, "b", 1);
-    CreateDevice();
-    Resolve<PFN_vkCmdEndRenderPass>("vkCmdEndRenderPass")(CommandBuffer());
-    EXPECT_EQ(gLog, (std::vector<std::string>{"next:endRenderPass", "a:endedPass", "b:endedPass"}));
-}
-
-TEST_F(FunctorChainTest, GraphicsPipelinesRunThePreChainThenThePostChainWithItsResult) {
-    AddModule(1, "m", 0);
-    CreateDevice();
-    gNextResult = VK_PIPELINE_COMPILE_REQUIRED;
-    VkGraphicsPipelineCreateInfo info{};
-    info.sType = VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO;
-    VkPipeline pipeline = VK_NULL_HANDLE;
-    const VkResult result = Resolve<PFN_vkCreateGraphicsPipelines>("vkCreateGraphicsPipelines")(
-        Device(), VK_NULL_HANDLE, 1, &info, nullptr, &pipeline);
-    EXPECT_EQ(result, VK_PIPELINE_COMPILE_REQUIRED);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"m:pipelines", "next:createGraphicsPipelines",
-                                              "m:pipelinesCreated:" + std::to_string(VK_PIPELINE_COMPILE_REQUIRED) +
-                                                  ":made"}));
-}
-
-TEST_F(FunctorChainTest, ADeviceWithoutProcessorNeverReachesANode) {
-    AddModule(1, "m", 0);
-    CreateDevice();
-    const auto trampoline = Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed");
-
-    int otherKey = 0;
-    FakeHandle other{&otherKey};
-    FakeHandle otherCommandBuffer{&otherKey};
-    ZoVkContextManager::GetInstance()->InitDeviceInfo(reinterpret_cast<VkPhysicalDevice>(&physical_),
-                                                      reinterpret_cast<VkDevice>(&other), NextGetDeviceProcAddr,
-                                                      VK_API_VERSION_1_2, nullptr, true);
-    ZoVkContextManager::GetInstance()->GetDeviceInfoWithLock(&otherKey)->functions.vkCmdDrawIndexed =
-        NextCmdDrawIndexed;
-    trampoline(reinterpret_cast<VkCommandBuffer>(&otherCommandBuffer), 9, 1, 0, 0, 0);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"next:draw:9"}));
-    ZoVkDestroyDevice(reinterpret_cast<VkDevice>(&other), nullptr);
-}
-
-TEST_F(FunctorChainTest, ANullHandleEndsTheCallWithSuccess) {
-    AddModule(1, "m", 0);
-    CreateDevice();
-    EXPECT_EQ(Resolve<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer")(VK_NULL_HANDLE, nullptr), VK_SUCCESS);
-    EXPECT_TRUE(gLog.empty());
-}
-
-TEST_F(FunctorChainTest, UnregisteringRestoresTheChainAndIgnoresNodesNeverFilled) {
-    AddModule(1, "m", 0);
-    CreateDevice();
-    ChainModule::DrawNode neverFilled;
-    processor_->cmdDrawIndexed.Remove(&neverFilled);
-    ASSERT_NE(processor_->cmdDrawIndexed.head, &processor_->cmdDrawIndexed.tail);
-
-    processor_->OnEnd();
-    EXPECT_EQ(processor_->cmdDrawIndexed.head, &processor_->cmdDrawIndexed.tail);
-    EXPECT_EQ(processor_->postCreateRenderPass.head, &module::sPostDummy<&T::vkCreateRenderPass>);
-    processor_->VkCmdDrawIndexedHooked(CommandBuffer(), 1, 1, 0, 0, 0);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"next:draw:1"}));
-}
-
-TEST_F(FunctorChainTest, ASecondDeviceOnTheSameProcessorKeepsEveryChainFinite) {
-    AddModule(1, "m", 0);
-    CreateDevice();
-    int otherKey = 0;
-    FakeHandle other{&otherKey};
-    ZoVkContextManager::GetInstance()->InitDeviceInfo(reinterpret_cast<VkPhysicalDevice>(&physical_),
-                                                      reinterpret_cast<VkDevice>(&other), NextGetDeviceProcAddr,
-                                                      VK_API_VERSION_1_2, processor_, true);
-    // The module's nodes hang in again: each runs once, and every chain still ends.
-    VkRenderPass pass = VK_NULL_HANDLE;
-    Resolve<PFN_vkCreateRenderPass>("vkCreateRenderPass")(Device(), nullptr, nullptr, &pass);
-    Resolve<PFN_vkCmdEndRenderPass>("vkCmdEndRenderPass")(CommandBuffer());
-    Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed")(CommandBuffer(), 3, 1, 0, 0, 0);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"next:createRenderPass", "m:createdPass:0:" + std::to_string(0x1234),
-                                              "next:endRenderPass", "m:endedPass", "m:draw", "next:draw:3"}));
-    gLog.clear();
-    ZoVkDestroyDevice(reinterpret_cast<VkDevice>(&other), nullptr);
-    EXPECT_EQ(gLog, (std::vector<std::string>{"m:deviceDestroy", "next:destroyDevice"}));
-}
+const std::string kNextDraw = "vkCmdDrawIndexed 3x1";
 
 }  // namespace
+
+TEST_F(FunctorChainTest, WithoutModulesEveryCallReachesTheNextLayerUnchanged) {
+    CreateDevice(fake_.device);
+    // No module entered a trampoline: the application gets the next layer's own function.
+    EXPECT_EQ(Resolve<PFN_vkVoidFunction>("vkCmdDrawIndexed", Device()), fake_.Function("vkCmdDrawIndexed"));
+    // Through the processor's member, the tail alone calls the next layer.
+    processor_->VkCmdDrawIndexedHooked(*ZoVkContextManager::GetInstance()->GetDeviceInfo(fake_.device.dispatch),
+                                       fake_.CommandBuffer(), 3, 1, 0, 0, 0);
+    EXPECT_EQ(fake_.Log({"vkCmdDrawIndexed"}), std::vector<std::string>{kNextDraw});
+}
+
+TEST_F(FunctorChainTest, NodesRunByPriorityThenInRegistrationOrderThenTheNextLayer) {
+    AddModule(4, "late", 1000);
+    AddModule(1, "early", 0);
+    AddModule(2, "second", 0);
+    CreateDevice(fake_.device);
+    EXPECT_EQ(Draw(fake_.CommandBuffer()),
+              (std::vector<std::string>{"early:draw", "second:draw", "late:draw", kNextDraw}));
+}
+
+TEST_F(FunctorChainTest, ANodeThatEndsTheCallCutsTheRestAndGivesItsResult) {
+    AddModule(1, "first", 0)->end = true;
+    AddModule(2, "second", 5);
+    CreateDevice(fake_.device);
+    EXPECT_EQ(Begin(), VK_ERROR_UNKNOWN);
+    EXPECT_EQ(gLog, std::vector<std::string>{"first:begin"});
+    EXPECT_EQ(fake_.Calls("vkBeginCommandBuffer"), 0);
+}
+
+TEST_F(FunctorChainTest, PostChainsRunAfterTheNextLayerWithItsResultWhichTheApplicationGets) {
+    AddModule(1, "a", 0);
+    AddModule(2, "b", 0);
+    CreateDevice(fake_.device);
+    VkRenderPassCreateInfo info{};
+    info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
+    VkRenderPass pass = VK_NULL_HANDLE;
+    fake_.failNames = {"vkCreateRenderPass"};
+    EXPECT_EQ(Resolve<PFN_vkCreateRenderPass>("vkCreateRenderPass", Device())(Device(), &info, nullptr, &pass),
+              VK_ERROR_OUT_OF_DEVICE_MEMORY);
+    EXPECT_EQ(gLog, (std::vector<std::string>{"a:createdPass:-2:0", "b:createdPass:-2:0"}));
+
+    // The pass has ended below before any node hears of it.
+    gLog.clear();
+    fake_.Clear();
+    Resolve<PFN_vkCmdEndRenderPass>("vkCmdEndRenderPass", Device())(fake_.CommandBuffer());
+    EXPECT_EQ(fake_.Calls("vkCmdEndRenderPass"), 1);
+    EXPECT_EQ(gLog, (std::vector<std::string>{"a:endedPass", "b:endedPass"}));
+
+    // Pipelines: the pre chain, the next layer, then the post chain with the pre chain's result.
+    gLog.clear();
+    VkGraphicsPipelineCreateInfo pipeline{};
+    pipeline.sType = VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO;
+    VkPipeline made = VK_NULL_HANDLE;
+    EXPECT_EQ(Resolve<PFN_vkCreateGraphicsPipelines>("vkCreateGraphicsPipelines", Device())(
+                  Device(), VK_NULL_HANDLE, 1, &pipeline, nullptr, &made),
+              VK_SUCCESS);
+    EXPECT_EQ(gLog, (std::vector<std::string>{"a:pipelines", "b:pipelines", "a:pipelinesCreated:0:made",
+                                              "b:pipelinesCreated:0:made"}));
+}
+
+TEST_F(FunctorChainTest, CallsReachTheNextLayerOfTheirOwnDevice) {
+    AddModule(1, "m", 0);
+    CreateDevice(fake_.device);
+    // A second device on the same processor, whose next layer has no vkCmdDrawIndexed: the
+    // processor's latest record is now this one, and modules hang their nodes in again.
+    fake_.nullNames = {"vkCmdDrawIndexed"};
+    CreateDevice(other_);
+    fake_.nullNames.clear();
+    EXPECT_EQ(Draw(fake_.CommandBuffer()), (std::vector<std::string>{"m:draw", kNextDraw}));
+    EXPECT_EQ(Draw(reinterpret_cast<VkCommandBuffer>(&otherCommandBuffer_)), std::vector<std::string>{"m:draw"});
+    // Both chains stayed finite (a node linked to itself would loop here).
+    EXPECT_EQ(Draw(fake_.CommandBuffer()), (std::vector<std::string>{"m:draw", kNextDraw}));
+}
+
+TEST_F(FunctorChainTest, DevicesWithoutProcessorAndNullHandlesReachNoNode) {
+    AddModule(1, "m", 0);
+    CreateDevice(fake_.device);
+    CreateDevice(other_, false);
+    gLog.clear();
+    const auto draw = Resolve<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed", Device());
+    draw(reinterpret_cast<VkCommandBuffer>(&otherCommandBuffer_), 3, 1, 0, 0, 0);
+    EXPECT_TRUE(gLog.empty());
+    EXPECT_EQ(fake_.Calls("vkCmdDrawIndexed"), 1);
+    // A null handle ends the call as a success, reaching nothing.
+    EXPECT_EQ(Resolve<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer", Device())(VK_NULL_HANDLE, nullptr), VK_SUCCESS);
+    draw(VK_NULL_HANDLE, 3, 1, 0, 0, 0);
+    EXPECT_TRUE(gLog.empty());
+    EXPECT_EQ(fake_.Calls("vkCmdDrawIndexed"), 1);
+}
+
+TEST_F(FunctorChainTest, UnregisteringRestoresTheChainAndIgnoresNodesNeverJoined) {
+    ChainModule* kept = AddModule(1, "kept", 0);
+    ChainModule* gone = AddModule(2, "gone", 0);
+    ChainModule* never = new ChainModule(processor_.get(), 4, "never", 0);
+    CreateDevice(fake_.device);
+    never->UnregisterModuleDeviceFunctors();  // its nodes were never filled
+    delete never;
+    processor_->UnRegisterModule(gone);
+    EXPECT_EQ(Draw(fake_.CommandBuffer()), (std::vector<std::string>{"kept:draw", kNextDraw}));
+    processor_->UnRegisterModule(kept);
+    EXPECT_EQ(Draw(fake_.CommandBuffer()), std::vector<std::string>{kNextDraw});
+}
+
+TEST_F(FunctorChainTest, LockedLookupsGoThroughTheRegistry) {
+    AddModule(1, "m", 0);
+    ZoVkSettings::GetInstance()->GetProcessorData()->useLock = true;
+    CreateDevice(fake_.device);
+    EXPECT_TRUE(ZoVkContextManager::GetInstance()->LockLookups());
+    EXPECT_EQ(ZoVkContextManager::GetInstance()->FindFirstRecentDevice(fake_.device.dispatch), nullptr);
+    EXPECT_EQ(Draw(fake_.CommandBuffer()), (std::vector<std::string>{"m:draw", kNextDraw}));
+}

@@ -18,6 +18,7 @@
 #include "app/module/zovk_fixed_vrs_renderpass.h"
 #include "app/module/zovk_star_rail_processor.h"
 #include "app/zovk_factory.h"
+#include "app/zovk_hook_lists.h"
 #include "app/zovk_module_base.h"
 #include "app/zovk_processor_data_base.h"
 #include "layer/zovk_records.h"
@@ -43,8 +44,8 @@ const ZoVkModuleFunctionTable kDeviceFunctions = {{kModuleId, {"vkCmdSetFragment
 
 class BuilderTestModule;
 
-// The Star Rail processor with what this module needs beyond its chains: the version-2
-// render pass calls, and the device's pre-destroy step, where the module frees what it made.
+// The Star Rail processor with what this module needs beyond its calls: the version-2 render
+// pass calls, and the device's pre-destroy step, where the module frees what it made.
 class BuilderTestProcessor : public ZoVkStarRailProcessor {
 public:
     BuilderTestProcessor() {
@@ -53,16 +54,28 @@ public:
         }
     }
 
+    // vkCreateRenderPass2KHR lands on the core call's chains: at the served API version it is that call.
+    void RegisterVkDeviceHooks() override {
+        SetDeviceHook<BuilderTestProcessor, &T::vkCreateRenderPass2, &BuilderTestProcessor::VkCreateRenderPass2Hooked>(
+            this, "vkCreateRenderPass2KHR");
+    }
     void PreDestroyDevice(VkDevice device, const VkAllocationCallbacks* allocator) override;
 
-    VkResult VkCreateRenderPass2Hooked(VkDevice device, const VkRenderPassCreateInfo2* pCreateInfo,
-                                       const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass) {
-        // vkCreateRenderPass2KHR lands here too: at the served API version it is the core call.
-        return postCreateRenderPass2.RunAfterNextLayer(this, device, pCreateInfo, pAllocator, pRenderPass);
-    }
-
-    PostChain<&T::vkCreateRenderPass2> postCreateRenderPass2;
+    ZOVK_PROCESSOR_HOOKED_CALL(CreateRenderPass2, NextThenPost)
 };
+
+#define BUILDER_TEST_HOOKS(X)             \
+    X(Post, CreateRenderPass, 0)          \
+    X(Post, CreateRenderPass2, 0)         \
+    X(Post, CreateFramebuffer, 0)         \
+    X(Post, CreateGraphicsPipelines, 0)   \
+    X(Post, CreateCommandPool, 0)         \
+    X(Pre, CmdBeginRenderPass, 0)         \
+    X(Post, CmdEndRenderPass, 0)          \
+    X(Pre, CmdBindPipeline, 0)            \
+    X(Pre, DestroyRenderPass, 0)          \
+    X(Pre, DestroyFramebuffer, 0)         \
+    X(Pre, DestroyPipeline, 0)
 
 class BuilderTestModuleData : public ZoVkModuleDataBase {};
 
@@ -76,59 +89,6 @@ public:
     }
 
     unsigned int GetModuleId() const override { return kModuleId; }
-
-    void RegisterModuleVkDeviceHooks() override {
-        using P = ZoVkStarRailProcessor;
-        using Q = BuilderTestProcessor;
-        SetDeviceHook<P, &T::vkCreateRenderPass, &P::VkCreateRenderPassHooked>(processor_, "vkCreateRenderPass");
-        SetDeviceHook<Q, &T::vkCreateRenderPass2, &Q::VkCreateRenderPass2Hooked>(processor_, "vkCreateRenderPass2");
-        SetDeviceHook<Q, &T::vkCreateRenderPass2, &Q::VkCreateRenderPass2Hooked>(processor_, "vkCreateRenderPass2KHR");
-        SetDeviceHook<P, &T::vkCreateFramebuffer, &P::VkCreateFramebufferHooked>(processor_, "vkCreateFramebuffer");
-        SetDeviceHook<P, &T::vkCreateGraphicsPipelines, &P::VkCreateGraphicsPipelinesHooked>(
-            processor_, "vkCreateGraphicsPipelines");
-        SetDeviceHook<P, &T::vkCreateCommandPool, &P::VkCreateCommandPoolHooked>(processor_, "vkCreateCommandPool");
-        SetDeviceHook<P, &T::vkCmdBeginRenderPass, &P::VkCmdBeginRenderPassHooked>(processor_, "vkCmdBeginRenderPass");
-        SetDeviceHook<P, &T::vkCmdEndRenderPass, &P::VkCmdEndRenderPassHooked>(processor_, "vkCmdEndRenderPass");
-        SetDeviceHook<P, &T::vkCmdBindPipeline, &P::VkCmdBindPipelineHooked>(processor_, "vkCmdBindPipeline");
-        SetDeviceHook<P, &T::vkDestroyRenderPass, &P::VkDestroyRenderPassHooked>(processor_, "vkDestroyRenderPass");
-        SetDeviceHook<P, &T::vkDestroyFramebuffer, &P::VkDestroyFramebufferHooked>(processor_, "vkDestroyFramebuffer");
-        SetDeviceHook<P, &T::vkDestroyPipeline, &P::VkDestroyPipelineHooked>(processor_, "vkDestroyPipeline");
-    }
-
-    void RegisterModuleDeviceFunctors() override {
-        using M = BuilderTestModule;
-        Join(processor_->postCreateRenderPass, createPass_, &decltype(createPass_)::Hooked<M, &M::CreatedPass>);
-        Join(processor_->postCreateRenderPass2, createPass2_,
-             &decltype(createPass2_)::Hooked<M, &M::CreatedPass2>);
-        Join(processor_->postCreateFramebuffer, createFramebuffer_,
-             &decltype(createFramebuffer_)::Hooked<M, &M::CreatedFramebuffer>);
-        Join(processor_->postCreateGraphicsPipelines, createPipelines_,
-             &decltype(createPipelines_)::Hooked<M, &M::CreatedPipelines>);
-        Join(processor_->postCreateCommandPool, createPool_,
-             &decltype(createPool_)::Hooked<M, &M::CreatedPool>);
-        Join(processor_->cmdBeginRenderPass, begin_, &decltype(begin_)::Hooked<M, &M::BeginRenderPass>);
-        Join(processor_->cmdEndRenderPass, end_, &decltype(end_)::Hooked<M, &M::EndedRenderPass>);
-        Join(processor_->cmdBindPipeline, bind_, &decltype(bind_)::Hooked<M, &M::BindPipeline>);
-        Join(processor_->destroyRenderPass, destroyPass_, &decltype(destroyPass_)::Hooked<M, &M::DestroyPass>);
-        Join(processor_->destroyFramebuffer, destroyFramebuffer_,
-             &decltype(destroyFramebuffer_)::Hooked<M, &M::DestroyFramebuffer>);
-        Join(processor_->destroyPipeline, destroyPipeline_,
-             &decltype(destroyPipeline_)::Hooked<M, &M::DestroyPipeline>);
-    }
-
-    void UnregisterModuleDeviceFunctors() override {
-        processor_->postCreateRenderPass.Remove(&createPass_);
-        processor_->postCreateRenderPass2.Remove(&createPass2_);
-        processor_->postCreateFramebuffer.Remove(&createFramebuffer_);
-        processor_->postCreateGraphicsPipelines.Remove(&createPipelines_);
-        processor_->postCreateCommandPool.Remove(&createPool_);
-        processor_->cmdBeginRenderPass.Remove(&begin_);
-        processor_->cmdEndRenderPass.Remove(&end_);
-        processor_->cmdBindPipeline.Remove(&bind_);
-        processor_->destroyRenderPass.Remove(&destroyPass_);
-        processor_->destroyFramebuffer.Remove(&destroyFramebuffer_);
-        processor_->destroyPipeline.Remove(&destroyPipeline_);
-    }
 
     // Everything still alive goes before the next layer destroys the device.
     void ReleaseDevice() {
@@ -164,11 +124,6 @@ public:
     }
 
 private:
-    template <typename Chain, typename Node, typename Func>
-    void Join(Chain& chain, Node& node, Func func) {
-        JoinFunctor(chain, node, this, func, 0);
-    }
-
     const ZoVkDeviceInfo* Record() const { return processor_->GetDeviceInfo(); }
 
     // The emulation's (or the GPU's) largest attachment texel size, read once per device.
@@ -185,143 +140,6 @@ private:
             ZOVK_LOGD("builder test: texel size %ux%u", texelSize_.width, texelSize_.height);
         }
         return texelSize_;
-    }
-
-    void CreatedPass(VkDevice, const VkRenderPassCreateInfo* pCreateInfo, const VkAllocationCallbacks*,
-                     VkRenderPass* pRenderPass, VkResult result) {
-        if (result != VK_SUCCESS) {
-            return;
-        }
-        std::lock_guard<std::mutex> lock(mutex_);
-        attachmentCounts_[*pRenderPass] = pCreateInfo->attachmentCount;
-        Keep(passes_, *pRenderPass, builder_.createShadingRateRenderpass(*pCreateInfo, TexelSize()), "render pass");
-    }
-
-    void CreatedPass2(VkDevice, const VkRenderPassCreateInfo2* pCreateInfo, const VkAllocationCallbacks*,
-                      VkRenderPass* pRenderPass, VkResult result) {
-        if (result != VK_SUCCESS) {
-            return;
-        }
-        std::lock_guard<std::mutex> lock(mutex_);
-        attachmentCounts_[*pRenderPass] = pCreateInfo->attachmentCount;
-        Keep(passes_, *pRenderPass, builder_.createShadingRateRenderpass2(*pCreateInfo, TexelSize()),
-             "render pass (2)");
-    }
-
-    void CreatedFramebuffer(VkDevice, const VkFramebufferCreateInfo* pCreateInfo, const VkAllocationCallbacks*,
-                            VkFramebuffer* pFramebuffer, VkResult result) {
-        if (result != VK_SUCCESS) {
-            return;
-        }
-        std::lock_guard<std::mutex> lock(mutex_);
-        const auto pass = passes_.find(pCreateInfo->renderPass);
-        if (pass == passes_.end()) {
-            return;
-        }
-        ShadingRateImageInfo* image = ImageFor(pCreateInfo->width, pCreateInfo->height);
-        if (image == nullptr) {
-            return;
-        }
-        Keep(framebuffers_, *pFramebuffer, builder_.createVRSFramebuffer(pass->second, *pCreateInfo, *image),
-             "framebuffer");
-    }
-
-    void CreatedPipelines(VkDevice, VkPipelineCache cache, uint32_t count,
-                          const VkGraphicsPipelineCreateInfo* pCreateInfos, const VkAllocationCallbacks*,
-                          VkPipeline* pPipelines, VkResult result) {
-        if (result != VK_SUCCESS) {
-            return;
-        }
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (uint32_t i = 0; i < count; ++i) {
-            const auto pass = passes_.find(pCreateInfos[i].renderPass);
-            // The builder extends the application's dynamic-state block; pipelines without one stay.
-            if (pPipelines[i] == VK_NULL_HANDLE || pCreateInfos[i].pDynamicState == nullptr || pass == passes_.end()) {
-                continue;
-            }
-            // No allocator: the substitute is the module's, destroyed by it without one.
-            Keep(pipelines_, pPipelines[i],
-                 builder_.createVRSPipelineCreateInfo(cache, nullptr, pCreateInfos[i], pass->second), "pipeline");
-        }
-    }
-
-    void CreatedPool(VkDevice, const VkCommandPoolCreateInfo*, const VkAllocationCallbacks*, VkCommandPool* pPool,
-                     VkResult result) {
-        if (result == VK_SUCCESS) {
-            builder_.SetCommandPool(*pPool);
-        }
-    }
-
-    void BeginRenderPass(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo* pBegin,
-                         VkSubpassContents contents) {
-        VkRenderPassBeginInfo begin = *pBegin;
-        std::vector<VkClearValue> clears;
-        bool setRate = false;
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            const auto pass = passes_.find(pBegin->renderPass);
-            const auto framebuffer = framebuffers_.find(pBegin->framebuffer);
-            const bool substitute = pass != passes_.end() && framebuffer != framebuffers_.end();
-            inSubstitutedPass_[commandBuffer] = substitute;
-            if (substitute) {
-                // The application's structure is const: the substitutes go into a copy. The rate
-                // attachment is loaded, but every attachment index needs a clear value slot.
-                begin.renderPass = pass->second;
-                begin.framebuffer = framebuffer->second;
-                clears.assign(pBegin->pClearValues, pBegin->pClearValues + pBegin->clearValueCount);
-                clears.resize(std::max<size_t>(clears.size(), CountAttachments(pBegin->renderPass) + 1));
-                begin.clearValueCount = static_cast<uint32_t>(clears.size());
-                begin.pClearValues = clears.data();
-                // Every substitute pipeline has the rate dynamic: it must be set before they draw.
-                setRate = !pipelines_.empty() && Record()->functions.vkCmdSetFragmentShadingRateKHR != nullptr;
-            }
-        }
-        begin_.next->Call(commandBuffer, &begin, contents);
-        if (setRate) {
-            // The substitute pipelines leave the rate dynamic: full rate, the attachment ignored.
-            const VkExtent2D size{1, 1};
-            const VkFragmentShadingRateCombinerOpKHR keep[2] = {VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR,
-                                                                VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR};
-            Record()->functions.vkCmdSetFragmentShadingRateKHR(commandBuffer, &size, keep);
-        }
-    }
-
-    void EndedRenderPass(VkCommandBuffer commandBuffer) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        inSubstitutedPass_.erase(commandBuffer);
-    }
-
-    void BindPipeline(VkCommandBuffer commandBuffer, VkPipelineBindPoint bindPoint, VkPipeline pipeline) {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            const auto inPass = inSubstitutedPass_.find(commandBuffer);
-            const auto substitute = pipelines_.find(pipeline);
-            // A substitute only fits a substitute pass.
-            if (bindPoint == VK_PIPELINE_BIND_POINT_GRAPHICS && inPass != inSubstitutedPass_.end() &&
-                inPass->second && substitute != pipelines_.end()) {
-                pipeline = substitute->second;
-            }
-        }
-        bind_.next->Call(commandBuffer, bindPoint, pipeline);
-    }
-
-    void DestroyPass(VkDevice device, VkRenderPass renderPass, const VkAllocationCallbacks* pAllocator) {
-        Forget(passes_, renderPass, Record()->functions.vkDestroyRenderPass);
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            attachmentCounts_.erase(renderPass);
-        }
-        destroyPass_.next->Call(device, renderPass, pAllocator);
-    }
-
-    void DestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer, const VkAllocationCallbacks* pAllocator) {
-        Forget(framebuffers_, framebuffer, Record()->functions.vkDestroyFramebuffer);
-        destroyFramebuffer_.next->Call(device, framebuffer, pAllocator);
-    }
-
-    void DestroyPipeline(VkDevice device, VkPipeline pipeline, const VkAllocationCallbacks* pAllocator) {
-        Forget(pipelines_, pipeline, Record()->functions.vkDestroyPipeline);
-        destroyPipeline_.next->Call(device, pipeline, pAllocator);
     }
 
     template <typename Handle>
@@ -425,18 +243,152 @@ private:
     std::vector<std::pair<VkBuffer, VkDeviceMemory>> buffers_;
     std::unordered_map<VkCommandBuffer, bool> inSubstitutedPass_;
 
-    ZoVkPostFunctor<&T::vkCreateRenderPass> createPass_;
-    ZoVkPostFunctor<&T::vkCreateRenderPass2> createPass2_;
-    ZoVkPostFunctor<&T::vkCreateFramebuffer> createFramebuffer_;
-    ZoVkPostFunctor<&T::vkCreateGraphicsPipelines> createPipelines_;
-    ZoVkPostFunctor<&T::vkCreateCommandPool> createPool_;
-    ZoVkPreFunctor<&T::vkCmdBeginRenderPass> begin_;
-    ZoVkPostFunctor<&T::vkCmdEndRenderPass> end_;
-    ZoVkPreFunctor<&T::vkCmdBindPipeline> bind_;
-    ZoVkPreFunctor<&T::vkDestroyRenderPass> destroyPass_;
-    ZoVkPreFunctor<&T::vkDestroyFramebuffer> destroyFramebuffer_;
-    ZoVkPreFunctor<&T::vkDestroyPipeline> destroyPipeline_;
+    ZOVK_MODULE_HOOKS(BuilderTestModule, BuilderTestProcessor, BUILDER_TEST_HOOKS)
 };
+
+void BuilderTestModule::PostVkCreateRenderPass(VkDevice, const VkRenderPassCreateInfo* pCreateInfo, const VkAllocationCallbacks*,
+                 VkRenderPass* pRenderPass, VkResult result) {
+    if (result != VK_SUCCESS) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    attachmentCounts_[*pRenderPass] = pCreateInfo->attachmentCount;
+    Keep(passes_, *pRenderPass, builder_.createShadingRateRenderpass(*pCreateInfo, TexelSize()), "render pass");
+}
+
+void BuilderTestModule::PostVkCreateRenderPass2(VkDevice, const VkRenderPassCreateInfo2* pCreateInfo, const VkAllocationCallbacks*,
+                  VkRenderPass* pRenderPass, VkResult result) {
+    if (result != VK_SUCCESS) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    attachmentCounts_[*pRenderPass] = pCreateInfo->attachmentCount;
+    Keep(passes_, *pRenderPass, builder_.createShadingRateRenderpass2(*pCreateInfo, TexelSize()),
+         "render pass (2)");
+}
+
+void BuilderTestModule::PostVkCreateFramebuffer(VkDevice, const VkFramebufferCreateInfo* pCreateInfo, const VkAllocationCallbacks*,
+                        VkFramebuffer* pFramebuffer, VkResult result) {
+    if (result != VK_SUCCESS) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto pass = passes_.find(pCreateInfo->renderPass);
+    if (pass == passes_.end()) {
+        return;
+    }
+    ShadingRateImageInfo* image = ImageFor(pCreateInfo->width, pCreateInfo->height);
+    if (image == nullptr) {
+        return;
+    }
+    Keep(framebuffers_, *pFramebuffer, builder_.createVRSFramebuffer(pass->second, *pCreateInfo, *image),
+         "framebuffer");
+}
+
+void BuilderTestModule::PostVkCreateGraphicsPipelines(VkDevice, VkPipelineCache cache, uint32_t count,
+                      const VkGraphicsPipelineCreateInfo* pCreateInfos, const VkAllocationCallbacks*,
+                      VkPipeline* pPipelines, VkResult result) {
+    if (result != VK_SUCCESS) {
+        return;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (uint32_t i = 0; i < count; ++i) {
+        const auto pass = passes_.find(pCreateInfos[i].renderPass);
+        // The builder extends the application's dynamic-state block; pipelines without one stay.
+        if (pPipelines[i] == VK_NULL_HANDLE || pCreateInfos[i].pDynamicState == nullptr || pass == passes_.end()) {
+            continue;
+        }
+        // No allocator: the substitute is the module's, destroyed by it without one.
+        Keep(pipelines_, pPipelines[i],
+             builder_.createVRSPipelineCreateInfo(cache, nullptr, pCreateInfos[i], pass->second), "pipeline");
+    }
+}
+
+void BuilderTestModule::PostVkCreateCommandPool(VkDevice, const VkCommandPoolCreateInfo*, const VkAllocationCallbacks*, VkCommandPool* pPool,
+                 VkResult result) {
+    if (result == VK_SUCCESS) {
+        builder_.SetCommandPool(*pPool);
+    }
+}
+
+ZoVkPassed<void> BuilderTestModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo* pBegin,
+                                         VkSubpassContents contents, ZoVkNext<&T::vkCmdBeginRenderPass> next) {
+    VkRenderPassBeginInfo begin = *pBegin;
+    std::vector<VkClearValue> clears;
+    bool setRate = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto pass = passes_.find(pBegin->renderPass);
+        const auto framebuffer = framebuffers_.find(pBegin->framebuffer);
+        const bool substitute = pass != passes_.end() && framebuffer != framebuffers_.end();
+        inSubstitutedPass_[commandBuffer] = substitute;
+        if (substitute) {
+            // The application's structure is const: the substitutes go into a copy. The rate
+            // attachment is loaded, but every attachment index needs a clear value slot.
+            begin.renderPass = pass->second;
+            begin.framebuffer = framebuffer->second;
+            clears.assign(pBegin->pClearValues, pBegin->pClearValues + pBegin->clearValueCount);
+            clears.resize(std::max<size_t>(clears.size(), CountAttachments(pBegin->renderPass) + 1));
+            begin.clearValueCount = static_cast<uint32_t>(clears.size());
+            begin.pClearValues = clears.data();
+            // Every substitute pipeline has the rate dynamic: it must be set before they draw.
+            setRate = !pipelines_.empty() && Record()->functions.vkCmdSetFragmentShadingRateKHR != nullptr;
+        }
+    }
+    const ZoVkPassed<void> passed = next(commandBuffer, &begin, contents);
+    if (setRate) {
+        // The substitute pipelines leave the rate dynamic: full rate, the attachment ignored.
+        const VkExtent2D size{1, 1};
+        const VkFragmentShadingRateCombinerOpKHR keep[2] = {VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR,
+                                                            VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR};
+        next.NextLayer().vkCmdSetFragmentShadingRateKHR(commandBuffer, &size, keep);
+    }
+    return passed;
+}
+
+void BuilderTestModule::PostVkCmdEndRenderPass(VkCommandBuffer commandBuffer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    inSubstitutedPass_.erase(commandBuffer);
+}
+
+ZoVkPassed<void> BuilderTestModule::PreVkCmdBindPipeline(VkCommandBuffer commandBuffer, VkPipelineBindPoint bindPoint,
+                                      VkPipeline pipeline, ZoVkNext<&T::vkCmdBindPipeline> next) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const auto inPass = inSubstitutedPass_.find(commandBuffer);
+        const auto substitute = pipelines_.find(pipeline);
+        // A substitute only fits a substitute pass.
+        if (bindPoint == VK_PIPELINE_BIND_POINT_GRAPHICS && inPass != inSubstitutedPass_.end() &&
+            inPass->second && substitute != pipelines_.end()) {
+            pipeline = substitute->second;
+        }
+    }
+    return next(commandBuffer, bindPoint, pipeline);
+}
+
+ZoVkPassed<void> BuilderTestModule::PreVkDestroyRenderPass(VkDevice device, VkRenderPass renderPass,
+                                        const VkAllocationCallbacks* pAllocator,
+                                        ZoVkNext<&T::vkDestroyRenderPass> next) {
+    Forget(passes_, renderPass, next.NextLayer().vkDestroyRenderPass);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        attachmentCounts_.erase(renderPass);
+    }
+    return next(device, renderPass, pAllocator);
+}
+
+ZoVkPassed<void> BuilderTestModule::PreVkDestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer,
+                                         const VkAllocationCallbacks* pAllocator,
+                                         ZoVkNext<&T::vkDestroyFramebuffer> next) {
+    Forget(framebuffers_, framebuffer, next.NextLayer().vkDestroyFramebuffer);
+    return next(device, framebuffer, pAllocator);
+}
+
+ZoVkPassed<void> BuilderTestModule::PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline, const VkAllocationCallbacks* pAllocator,
+                                      ZoVkNext<&T::vkDestroyPipeline> next) {
+    Forget(pipelines_, pipeline, next.NextLayer().vkDestroyPipeline);
+    return next(device, pipeline, pAllocator);
+}
 
 void BuilderTestProcessor::PreDestroyDevice(VkDevice, const VkAllocationCallbacks*) {
     if (ZoVkModuleBase* module = GetVkModule(kModuleId)) {

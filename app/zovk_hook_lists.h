@@ -1,0 +1,74 @@
+#pragma once
+
+// The per-call plumbing of processors and modules, written once per call in a list and
+// expanded here, so that adding a hooked call is one list entry plus its handler.
+//
+// A processor lists the calls it serves, X(Call, Shape), with Call the Vulkan name without
+// "vk" and Shape a ZoVkChainShape; ZOVK_PROCESSOR_HOOKED_CALL makes each entry its
+// Vk<Call>Hooked member, which holds the call's chains and runs them in the call's shape.
+//
+// A module lists the calls it hooks, X(Kind, Call, Priority), with Kind Pre or Post;
+// ZOVK_MODULE_HOOKS(Module, Processor, LIST) then declares each entry's handler
+// (Pre<VkCall> / Post<VkCall>, to be defined by the module) and its node, and defines the
+// module's trampoline registration, joins and removals. The module keeps its processor in
+// `processor_`. The macro ends in a private section.
+
+#include "app/zovk_functor.h"
+#include "app/zovk_trampoline.h"
+
+namespace vulkan::zovk::app::module {
+
+template <ZoVkNodeKind Kind, auto Slot>
+using ZoVkNode = std::conditional_t<Kind == ZoVkNodeKind::Pre, ZoVkPreFunctor<Slot>, ZoVkPostFunctor<Slot>>;
+template <ZoVkNodeKind Kind, auto Slot>
+using ZoVkHandlerType = typename ZoVkNode<Kind, Slot>::HandlerType;
+
+// The next layer's function for a call on the processor's device, for module work outside a
+// pre handler (whose ZoVkNext has the call's own device).
+template <auto Slot>
+detail::PfnOf<Slot> NextLayer(ZoVkProcessorBase* processor) {
+    return processor->GetDeviceInfo()->functions.*Slot;
+}
+
+}  // namespace vulkan::zovk::app::module
+
+#define ZOVK_PROCESSOR_HOOKED_CALL(Call, Shape)                                               \
+    ::vulkan::zovk::app::module::ZoVkHookedCall<&VkDeviceFunctionTable::vk##Call,             \
+                                                ::vulkan::zovk::app::module::ZoVkChainShape::Shape> \
+        Vk##Call##Hooked;
+
+#define ZOVK_MODULE_HOOKS(Module, Processor, LIST)                              \
+public:                                                                         \
+    LIST(ZOVK_DETAIL_MODULE_HANDLER)                                            \
+    void RegisterModuleVkDeviceHooks() override { LIST(ZOVK_DETAIL_MODULE_SET_HOOK) } \
+    void RegisterModuleDeviceFunctors() override { LIST(ZOVK_DETAIL_MODULE_JOIN) } \
+    void UnregisterModuleDeviceFunctors() override { LIST(ZOVK_DETAIL_MODULE_REMOVE) } \
+                                                                                \
+private:                                                                        \
+    using ZoVkHookModule = Module;                                              \
+    using ZoVkHookProcessor = Processor;                                        \
+    LIST(ZOVK_DETAIL_MODULE_NODE)
+
+#define ZOVK_DETAIL_MODULE_HANDLER(Kind, Call, Priority)                                                 \
+    ::vulkan::zovk::app::module::ZoVkHandlerType<::vulkan::zovk::app::module::ZoVkNodeKind::Kind, \
+                                                 &VkDeviceFunctionTable::vk##Call>                \
+        Kind##Vk##Call;
+
+#define ZOVK_DETAIL_MODULE_NODE(Kind, Call, Priority)                                             \
+    ::vulkan::zovk::app::module::ZoVkNode<::vulkan::zovk::app::module::ZoVkNodeKind::Kind, \
+                                          &VkDeviceFunctionTable::vk##Call>                \
+        Kind##Vk##Call##Node_;
+
+#define ZOVK_DETAIL_MODULE_SET_HOOK(Kind, Call, Priority)                                     \
+    ::vulkan::zovk::app::SetDeviceHook<ZoVkHookProcessor, &VkDeviceFunctionTable::vk##Call, \
+                                       &ZoVkHookProcessor::Vk##Call##Hooked>(processor_, "vk" #Call);
+
+#define ZOVK_DETAIL_MODULE_JOIN(Kind, Call, Priority)                                                       \
+    ::vulkan::zovk::app::module::JoinFunctor(                                                               \
+        processor_->Vk##Call##Hooked.Chain<::vulkan::zovk::app::module::ZoVkNodeKind::Kind>(),             \
+        Kind##Vk##Call##Node_, this,                                                                        \
+        &decltype(Kind##Vk##Call##Node_)::template Hooked<ZoVkHookModule, &ZoVkHookModule::Kind##Vk##Call>, \
+        Priority);
+
+#define ZOVK_DETAIL_MODULE_REMOVE(Kind, Call, Priority) \
+    processor_->Vk##Call##Hooked.Chain<::vulkan::zovk::app::module::ZoVkNodeKind::Kind>().Remove(&Kind##Vk##Call##Node_);
