@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Instructions per hooked vkCmdDrawIndexed, counted by callgrind (repeatable, unlike time).
+# Instructions per hooked vkCmdDrawIndexed, counted by callgrind (repeatable, unlike time),
+# against the budgets over a direct call of the next layer: one module node at most 30 without
+# the lookup lock, at most 100 with it. Exits non-zero when a budgeted variant is over.
 #   callgrind_trampoline.sh BENCH_BINARY [CALLS]
 set -euo pipefail
 bench=$1
@@ -14,10 +16,18 @@ count() {  # VARIANT LOOP_FUNCTION -> instructions inside the loop function
 }
 
 direct=$(count direct '*LoopDirect*')
-printf '%-22s %8s %12s\n' variant instr/call over-direct
-printf '%-22s %8.1f %12s\n' direct "$(echo "$direct / $calls" | bc -l)" -
-for variant in tail node tail-lock node-lock; do
+printf '%-12s %10s %12s %8s\n' variant instr/call over-direct budget
+printf '%-12s %10.1f %12s %8s\n' direct "$(echo "$direct / $calls" | bc -l)" - -
+over=0
+for entry in tail:- node:30 tail-lock:- node-lock:100; do
+    variant=${entry%%:*}
+    budget=${entry##*:}
     total=$(count "$variant" '*LoopTrampoline*')
-    printf '%-22s %8.1f %12.1f\n' "$variant" "$(echo "$total / $calls" | bc -l)" \
-        "$(echo "($total - $direct) / $calls" | bc -l)"
+    extra=$(echo "($total - $direct) / $calls" | bc -l)
+    printf '%-12s %10.1f %12.1f %8s\n' "$variant" "$(echo "$total / $calls" | bc -l)" "$extra" "$budget"
+    if [ "$budget" != - ] && [ "$(echo "$extra > $budget" | bc -l)" = 1 ]; then
+        echo "$variant: $extra instructions over a direct call, budget $budget" >&2
+        over=1
+    fi
 done
+exit "$over"
