@@ -1,8 +1,6 @@
 // Star Rail VRS shading-rate images: one main-pass and one light-pass image per configured
 // resolution, the template buffers that hold each intensity level's patterns, and the step at
 // every present that follows the game's scene and VRS level.
-#include <android/log.h>
-
 #include <algorithm>
 #include <chrono>
 
@@ -190,8 +188,8 @@ ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkQueuePresentKHR(
     if (frameCounter % kReportEvery == 0) {
         const uint32_t flags = Flags();
         const uint32_t rates = kMainRateSet | kLightRateSet | kFullRateDrawSwitched;
-        __android_log_print(ANDROID_LOG_DEBUG, ZOVK_LOG_TAG, "VVflag, p1: %d, s: %d, l: %d",
-                            (flags & rates) == rates ? 1 : 0, static_cast<int>(flags), level);
+        ZOVK_LOG(DEBUG, ZOVK_LOG_TAG, "VVflag, p1: %d, s: %d, l: %d",
+                 (flags & rates) == rates ? 1 : 0, static_cast<int>(flags), level);
     }
     ClearFlags(kFrameBits);
     return next(queue, pPresentInfo);

@@ -3,16 +3,14 @@
 // The Star Rail VRS module's trace lines: debug priority, written only while the module's
 // "vendor.zogl.hkrpg.vrs.debug" property is on, whatever the layer's own debug switch says.
 
-#include <android/log.h>
-
 #include <cstdint>
 #include <type_traits>
 
 #include "settings/zovk_log.h"
 
-#define ZOVK_VRS_TRACE(enabled, ...)                                              \
-    do {                                                                          \
-        if (enabled) __android_log_print(ANDROID_LOG_DEBUG, ZOVK_LOG_TAG, __VA_ARGS__); \
+#define ZOVK_VRS_TRACE(enabled, ...)                         \
+    do {                                                     \
+        if (enabled) ZOVK_LOG(DEBUG, ZOVK_LOG_TAG, __VA_ARGS__); \
     } while (0)
 
 namespace vulkan::zovk::app::module {
