@@ -1,8 +1,10 @@
 #include "tests/support/fake_next_layer.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <map>
+#include <mutex>
 #include <utility>
 
 namespace zovk_test {
@@ -11,7 +13,11 @@ namespace {
 
 FakeNextLayer* gCurrent = nullptr;
 
+// Concurrency tests call from several threads at once.
+std::mutex gRecordLock;
+
 void Record(Event::Kind kind, const char* name, const void* handle, std::string args = {}) {
+    std::lock_guard<std::mutex> lock(gRecordLock);
     if (gCurrent != nullptr) {
         gCurrent->events.push_back({kind, name, handle, std::move(args)});
     }
@@ -122,8 +128,11 @@ ZOVK_FAKE(vkGetPhysicalDeviceFeatures2KHR, void, VkPhysicalDevice, VkPhysicalDev
 ZOVK_FAKE(vkQueuePresentKHR, VkResult, VkQueue, const VkPresentInfoKHR*)
 ZOVK_FAKE(vkQueueSubmit, VkResult, VkQueue, uint32_t, const VkSubmitInfo*, VkFence)
 ZOVK_FAKE(vkUnmapMemory, void, VkDevice, VkDeviceMemory)
-ZOVK_FAKE(vkFreeCommandBuffers, void, VkDevice, VkCommandPool, uint32_t, const VkCommandBuffer*)
 #undef ZOVK_FAKE
+VKAPI_ATTR void VKAPI_CALL Fake_vkFreeCommandBuffers(VkDevice d, VkCommandPool pool, uint32_t, const VkCommandBuffer*) {
+    Record(Event::kCall, "vkFreeCommandBuffers", d);
+    if (gCurrent != nullptr && gCurrent->onFreeCommandBuffers) gCurrent->onFreeCommandBuffers(pool);
+}
 VKAPI_ATTR void VKAPI_CALL Fake_vkCmdEndRenderPass(VkCommandBuffer c) { Record(Event::kCall, "vkCmdEndRenderPass", c); }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkEndCommandBuffer(VkCommandBuffer c) {
     Record(Event::kCall, "vkEndCommandBuffer", c);
@@ -139,7 +148,10 @@ template <typename Handle>
 VkResult Make(const char* name, const void* on, Handle* out, std::string args = {}) {
     FakeNextLayer& fake = *gCurrent;
     const bool fail = fake.failNames.count(name) != 0;
-    *out = fail ? Handle() : reinterpret_cast<Handle>(static_cast<uintptr_t>(fake.nextHandle++));
+    {
+        std::lock_guard<std::mutex> lock(gRecordLock);
+        *out = fail ? Handle() : reinterpret_cast<Handle>(static_cast<uintptr_t>(fake.nextHandle++));
+    }
     Record(Event::kCall, name, on, args + (args.empty() ? "" : " ") + "made=" + Hex(*out));
     return fail ? VK_ERROR_OUT_OF_DEVICE_MEMORY : VK_SUCCESS;
 }
@@ -178,7 +190,7 @@ VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateFramebuffer(VkDevice d, const VkFram
 }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateGraphicsPipelines(VkDevice d, VkPipelineCache, uint32_t n, const VkGraphicsPipelineCreateInfo* i, const VkAllocationCallbacks*, VkPipeline* o) {
     VkResult result = VK_SUCCESS;
-    for (uint32_t k = 0; k < n; ++k) {
+    for (uint32_t k = 0; i != nullptr && k < n; ++k) {
         Observe(gCurrent->onPipeline, &i[k]);
         const VkResult one = Make("vkCreateGraphicsPipelines", d, &o[k], "pass=" + Hex(i[k].renderPass));
         result = one != VK_SUCCESS ? one : result;
@@ -193,10 +205,15 @@ VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateImageView(VkDevice d, const VkImageV
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateBuffer(VkDevice d, const VkBufferCreateInfo* i, const VkAllocationCallbacks*, VkBuffer* o) { return Make("vkCreateBuffer", d, o, "size=" + std::to_string(i->size)); }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkAllocateMemory(VkDevice d, const VkMemoryAllocateInfo* i, const VkAllocationCallbacks*, VkDeviceMemory* o) { return Make("vkAllocateMemory", d, o, "type=" + std::to_string(i->memoryTypeIndex)); }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateCommandPool(VkDevice d, const VkCommandPoolCreateInfo* i, const VkAllocationCallbacks*, VkCommandPool* o) { return Make("vkCreateCommandPool", d, o, "family=" + std::to_string(i->queueFamilyIndex)); }
-VKAPI_ATTR VkResult VKAPI_CALL Fake_vkBindImageMemory(VkDevice, VkImage, VkDeviceMemory, VkDeviceSize) { return VK_SUCCESS; }
-VKAPI_ATTR VkResult VKAPI_CALL Fake_vkBindBufferMemory(VkDevice, VkBuffer, VkDeviceMemory, VkDeviceSize) { return VK_SUCCESS; }
-VKAPI_ATTR void VKAPI_CALL Fake_vkGetImageMemoryRequirements(VkDevice, VkImage, VkMemoryRequirements* r) { *r = {256, 16, 0x3f}; }
-VKAPI_ATTR void VKAPI_CALL Fake_vkGetBufferMemoryRequirements(VkDevice, VkBuffer, VkMemoryRequirements* r) { *r = {256, 16, 0x3f}; }
+template <typename Handle>
+VkResult Bind(const char* name, Handle object, VkDeviceMemory memory) {
+    if (gCurrent->onBind) gCurrent->onBind(name, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(object)), memory);
+    return VK_SUCCESS;
+}
+VKAPI_ATTR VkResult VKAPI_CALL Fake_vkBindImageMemory(VkDevice, VkImage i, VkDeviceMemory m, VkDeviceSize) { return Bind("vkBindImageMemory", i, m); }
+VKAPI_ATTR VkResult VKAPI_CALL Fake_vkBindBufferMemory(VkDevice, VkBuffer b, VkDeviceMemory m, VkDeviceSize) { return Bind("vkBindBufferMemory", b, m); }
+VKAPI_ATTR void VKAPI_CALL Fake_vkGetImageMemoryRequirements(VkDevice, VkImage, VkMemoryRequirements* r) { *r = {256, 16, gCurrent->memoryTypeBits}; }
+VKAPI_ATTR void VKAPI_CALL Fake_vkGetBufferMemoryRequirements(VkDevice, VkBuffer, VkMemoryRequirements* r) { *r = {256, 16, gCurrent->memoryTypeBits}; }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkMapMemory(VkDevice d, VkDeviceMemory m, VkDeviceSize, VkDeviceSize, VkMemoryMapFlags, void** p) {
     Record(Event::kCall, "vkMapMemory", d, Hex(m));
     *p = gCurrent->mapped.data();
@@ -212,8 +229,9 @@ VKAPI_ATTR void VKAPI_CALL Fake_vkGetPhysicalDeviceMemoryProperties(VkPhysicalDe
     for (uint32_t k = 0; k < 4; ++k) p->memoryTypes[k].propertyFlags = types[k];
 }
 VKAPI_ATTR void VKAPI_CALL Fake_vkGetPhysicalDeviceQueueFamilyProperties(VkPhysicalDevice, uint32_t* n, VkQueueFamilyProperties* p) {
-    if (p != nullptr && *n > 0) p[0] = {VK_QUEUE_GRAPHICS_BIT | VK_QUEUE_TRANSFER_BIT, 1, 0, {1, 1, 1}};
-    *n = 1;
+    const std::vector<VkQueueFamilyProperties>& families = gCurrent->queueFamilies;
+    if (p == nullptr || *n > families.size()) *n = static_cast<uint32_t>(families.size());
+    if (p != nullptr) std::copy(families.begin(), families.begin() + *n, p);
 }
 VKAPI_ATTR void VKAPI_CALL Fake_vkGetPhysicalDeviceProperties2(VkPhysicalDevice, VkPhysicalDeviceProperties2* p) {
     for (auto* s = static_cast<VkBaseOutStructure*>(p->pNext); s != nullptr; s = s->pNext) {
@@ -254,8 +272,9 @@ VKAPI_ATTR void VKAPI_CALL Fake_vkCmdSetFragmentShadingRateKHR(VkCommandBuffer c
     const auto op = [](VkFragmentShadingRateCombinerOpKHR o) { return o == VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR ? "KEEP" : o == VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR ? "REPLACE" : "OTHER"; };
     Record(Event::kCall, "vkCmdSetFragmentShadingRateKHR", c, std::to_string(size->width) + "x" + std::to_string(size->height) + " " + op(ops[0]) + "," + op(ops[1]));
 }
-VKAPI_ATTR void VKAPI_CALL Fake_vkCmdPipelineBarrier(VkCommandBuffer c, VkPipelineStageFlags, VkPipelineStageFlags, VkDependencyFlags, uint32_t, const VkMemoryBarrier*, uint32_t, const VkBufferMemoryBarrier*, uint32_t n, const VkImageMemoryBarrier* b) {
+VKAPI_ATTR void VKAPI_CALL Fake_vkCmdPipelineBarrier(VkCommandBuffer c, VkPipelineStageFlags src, VkPipelineStageFlags dst, VkDependencyFlags, uint32_t, const VkMemoryBarrier*, uint32_t, const VkBufferMemoryBarrier*, uint32_t n, const VkImageMemoryBarrier* b) {
     Record(Event::kCall, "vkCmdPipelineBarrier", c, n == 0 ? "" : "image=" + Hex(b[0].image) + " " + std::to_string(b[0].oldLayout) + "->" + std::to_string(b[0].newLayout));
+    if (gCurrent->onBarrier && n > 0) gCurrent->onBarrier(src, dst, b[0]);
 }
 VKAPI_ATTR void VKAPI_CALL Fake_vkCmdCopyBufferToImage(VkCommandBuffer c, VkBuffer b, VkImage i, VkImageLayout layout, uint32_t, const VkBufferImageCopy*) {
     Record(Event::kCall, "vkCmdCopyBufferToImage", c, "buffer=" + Hex(b) + " image=" + Hex(i) + " layout=" + std::to_string(layout));
@@ -329,6 +348,12 @@ PFN_vkVoidFunction VKAPI_CALL FakeNextLayer::GetInstanceProcAddr(VkInstance inst
 PFN_vkVoidFunction VKAPI_CALL FakeNextLayer::GetDeviceProcAddr(VkDevice device, const char* pName) {
     Record(Event::kQuery, pName, device);
     return gCurrent != nullptr ? gCurrent->Function(pName) : nullptr;
+}
+
+VkResult VKAPI_CALL FakeNextLayer::SetDeviceLoaderData(VkDevice device, void* object) {
+    Record(Event::kCall, "setDeviceLoaderData", device, Hex(object));
+    const bool fail = gCurrent != nullptr && gCurrent->failNames.count("setDeviceLoaderData") != 0;
+    return fail ? VK_ERROR_INITIALIZATION_FAILED : VK_SUCCESS;
 }
 
 int FakeNextLayer::Count(Event::Kind kind, const std::string& name) const {

@@ -17,6 +17,7 @@
 #include "settings/zovk_app_info_monitor.h"
 #include "settings/zovk_settings.h"
 #include "tests/support/fake_next_layer.h"
+#include "tests/support/served_device.h"
 #include "tests/unit/binder/binder_test_support.h"
 
 namespace {
@@ -46,19 +47,10 @@ H Made(const FakeNextLayer& fake, const std::string& name, size_t back = 0) {
     return Handle<H>(std::stoull(text.substr(text.find("made=") + 5), nullptr, 16));
 }
 
-VkResult VKAPI_CALL SetLoaderData(VkDevice, void*) { return VK_SUCCESS; }
-
 // A Star Rail process whose configuration switches on the VRS module with `params`, and one
 // device on the fake; every call goes through the layer's own resolver.
 class StarRailVrsModuleTest : public ::testing::Test {
 protected:
-    void TearDown() override {
-        if (served_) {
-            ZoVkDestroyDevice(fake_.Device(), nullptr);
-            ZoVkDestroyInstance(fake_.Instance(), nullptr);
-        }
-    }
-
     M* Serve(const std::string& params = "1920x1080,2400x1080;5;10,12,3000,1;2") {
         ZoVkSettings* settings = ZoVkSettings::GetInstance();
         settings->IdentifyApplication(kPackage);
@@ -72,20 +64,13 @@ protected:
         }
         settings->SetHookFlags(kHookAll);
         std::shared_ptr<ZoVkProcessorBase> processor = CreateVkProcessor();
-        ZoVkContextManager* manager = ZoVkContextManager::GetInstance();
-        manager->InitInstanceInfo(fake_.Instance(), FakeNextLayer::GetInstanceProcAddr, VK_API_VERSION_1_2,
-                                  std::shared_ptr<ZoVkProcessorBase>(processor), true);
-        manager->InitInstanceExtensionFunctions(fake_.Instance());
-        manager->InitDeviceInfo(fake_.PhysicalDevice(), fake_.Device(), FakeNextLayer::GetDeviceProcAddr,
-                                VK_API_VERSION_1_2, processor, true, SetLoaderData);
-        manager->InitDeviceExtensionFunctions(fake_.Device());
-        served_ = true;
+        served_ = std::make_unique<zovk_test::ServedDevice>(fake_, processor);
         return static_cast<M*>(processor->GetVkModule(M::PROCESSOR_MODULE_TYPE));
     }
 
     template <typename Pfn>
     Pfn Call(const char* name) {
-        return reinterpret_cast<Pfn>(ZoVkGetDeviceProcAddr(fake_.Device(), name));
+        return served_->Call<Pfn>(name);
     }
 
     VkRenderPass CreatePass(std::vector<std::pair<VkFormat, VkAttachmentLoadOp>> attachments) {
@@ -189,7 +174,7 @@ protected:
 
     zovk_test::BinderDir binderDir_;  // no game service: the monitor's registration gives up
     FakeNextLayer fake_;
-    bool served_ = false;
+    std::unique_ptr<zovk_test::ServedDevice> served_;
     size_t uploadsSeen_ = 0;
     zovk_test::FakeObject primaryObject_{&fake_.deviceDispatch};
     zovk_test::FakeObject secondaryObject_{&fake_.deviceDispatch};
@@ -374,16 +359,15 @@ TEST_F(StarRailVrsModuleTest, DestroyHooksAndDeviceDestroyFreeEverythingMade) {
     // What is left: 3 passes, 1 framebuffer, 4 images with their memory and the 2 views the
     // framebuffers made, 8 template buffers with their memory, the helper's pool.
     fake_.Clear();
-    ZoVkDestroyDevice(fake_.Device(), nullptr);
+    served_->DestroyDevice();
     const std::vector<std::string> destroyed = fake_.Log({"vkDestroyRenderPass", "vkDestroyFramebuffer", "vkDestroyImage",
                                                           "vkDestroyImageView", "vkDestroyBuffer", "vkFreeMemory",
                                                           "vkDestroyCommandPool"});
     EXPECT_EQ(destroyed.size(), 3u + 1u + (4u * 2u + 2u) + 8u * 2u + 1u);
     EXPECT_EQ(fake_.events.back().name, "vkDestroyDevice") << "everything goes before the device";
     fake_.Clear();
-    ZoVkDestroyInstance(fake_.Instance(), nullptr);  // the module's destructor finds nothing left
+    served_.reset();  // the module's destructor finds nothing left
     EXPECT_EQ(fake_.CallLog(), std::vector<std::string>{"vkDestroyInstance"});
-    served_ = false;
 }
 
 TEST_F(StarRailVrsModuleTest, OutOfRangeSizesAndLevelCountsAreBounded) {
