@@ -2,10 +2,7 @@
 """Tests of tools/gen_vk_tables.py on a small hand-written registry, and of the
 checked-in output against the system's vk.xml when it is installed."""
 
-import contextlib
-import io
 import os
-import re
 import shutil
 import sys
 import tempfile
@@ -292,7 +289,6 @@ class SystemRegistryTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         registry = gen.load_registry(SYSTEM_REGISTRY)
-        cls.version = registry.header_version
         cls.catalog = gen.build_catalog(registry)
         cls.instance, cls.device = gen.build_tables(registry, cls.catalog)
 
@@ -315,24 +311,6 @@ class SystemRegistryTest(unittest.TestCase):
             "vkCmdSetFragmentShadingRateKHR": (0, "", ("VK_KHR_fragment_shading_rate",)),
         }
         self.assertEqual({n: rows.get(n) for n in expected}, expected)
-
-    def test_counts(self):
-        if self.version != 239:
-            self.skipTest("counts are known for header version 239")
-        self.assertEqual((len(self.catalog), len(self.instance), len(self.device)),
-                         (256, 67, 404))
-
-    def test_checked_in_files_are_current(self):
-        banner = os.path.join(gen.DEFAULT_OUT, gen.DISPATCH_HEADER)
-        if not os.path.exists(banner):
-            self.skipTest("no checked-in output")
-        with open(banner) as f:
-            checked_in = int(re.search(r"header version (\d+)", f.readline()).group(1))
-        if checked_in != self.version:
-            self.skipTest("checked-in files come from header version %d" % checked_in)
-        with contextlib.redirect_stdout(io.StringIO()) as out:
-            rc = gen.main(["--check"])
-        self.assertEqual(rc, 0, out.getvalue())
 
 
 if __name__ == "__main__":
