@@ -86,7 +86,8 @@ def builder(s):
     expect(begins and len(rates) == len(begins), f"{len(rates)} rates set for {len(begins)} substituted begins")
     for b in begins:
         rate = rates.get((b["commandBuffer"], b["position"] + 1), {})
-        expect(b["framebuffer"] in {f["framebuffer"] for f in framebuffers} and
+        expect(b["renderPass"] in {p["renderPass"] for p in passes} and
+               b["framebuffer"] in {f["framebuffer"] for f in framebuffers} and
                (rate.get("width"), rate.get("height"), rate.get("combinerOps")) == (1, 1, ["KEEP", "KEEP"]),
                f"begin {b} is not followed by a 1x1 KEEP,KEEP rate: {rate}")
     # One R8_UINT image per framebuffer size (integer division by the texel size), each filled with

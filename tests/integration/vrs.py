@@ -95,6 +95,8 @@ def starrail_vrs(s):
                              capture_output=True, text=True, check=True).stdout.split()
         patterns[width] = [bytes.fromhex(p) for p in out]  # main 1, main 2, light 1, light 2
     big, small = patterns[120], patterns[150]
+    expect(all(e["format"] == 13 and e["readable"] for e in events if e["event"] == "upload"),
+           "an upload that is not R8_UINT, or that the emulation could not read")
     expect(sr["_contents"] == [big[0], big[2], small[0], small[2], big[1], big[3]],
            "the shading-rate images were not filled with the level 1 patterns, then the level 2 ones")
     expect([f["uploads"] for f in frames if f["uploads"]] == [4, 2, 2] and run["trace"]["uploads"] == 8,
@@ -102,9 +104,11 @@ def starrail_vrs(s):
     expect(all(f["contents"] == ({"main": 0, "light": 1} if f["level"] == 1 else {"main": 4, "light": 5})
                for f in active), "a frame recorded with the contents of another level")
 
-    s.zovk_run("preset8", "--preset", "8x8-2x2", "--frames", "6", "--push", "1:1 {pkg} 1058", "--push", "1:6 {pkg} 1")
-    expect("main shading-rate image 240x135 for 1920x1080 (texel 8x8)" in s.text("preset8.out"),
-           "8x8 preset: no 240x135 main image in the report")
+    # The scene's default frame: frame.png beside the report.
+    p8 = s.zovk_run("preset8", "--preset", "8x8-2x2", "--frames", "6", "--push", "1:1 {pkg} 1058", "--push",
+                    "1:6 {pkg} 1")
+    expect("main shading-rate image 240x135 for 1920x1080 (texel 8x8)" in s.text("preset8.out") and
+           "frame.png" in p8["pngs"], "8x8 preset: no 240x135 main image in the report, or no frame.png")
     with open(CONFIG) as f:
         config = json.load(f)
     config["com.miHoYo.hkrpg"]["configs"]["xrender_BaseInfo"] = "1"
