@@ -114,7 +114,8 @@ def emulation_probe(s):
             begin["renderPass"], begin["framebuffer"], begin["view"]) == (rp["renderPass"], fb["framebuffer"],
                                                                          fb["view"]),
                f"{label}: the framebuffer or the begin names other objects")
-        expect(up1["image"] == up2["image"] and up1["buffer"] != up2["buffer"] and summary["device"] == device["device"],
+        expect(up1["image"] == up2["image"] and up1["buffer"] != up2["buffer"] and
+               summary["device"] == device["device"],
                f"{label}: the uploads or the summary name other objects")
 
     # An unknown preset stops instance creation, and env.sh refuses it before that.

@@ -43,8 +43,8 @@ def starrail_vrs(s):
            "the scene did not run as Star Rail")
     expect(layer["configurationFetched"] and layer["callbackRegistered"] and layer["deviceServed"],
            f"the layer was not served: {layer}")
-    expect(layer["servedApiVersion"] == "1.2" and {"VK_KHR_get_physical_device_properties2", "VK_KHR_create_renderpass2",
-                                                   "VK_KHR_fragment_shading_rate"} <= set(layer["extensionsAdded"]),
+    added = {"VK_KHR_get_physical_device_properties2", "VK_KHR_create_renderpass2", "VK_KHR_fragment_shading_rate"}
+    expect(layer["servedApiVersion"] == "1.2" and added <= set(layer["extensionsAdded"]),
            "the instance was not served at 1.2 with the modules' extensions added")
     expect(any("ParseGameSceneId: 1058" in u for u in layer["stateUpdates"]) and
            any("parseVkVrsSwitch: 2" in u for u in layer["stateUpdates"]), f"records taken: {layer['stateUpdates']}")
@@ -60,7 +60,8 @@ def starrail_vrs(s):
     events = read_trace(s.path("vrs/trace.jsonl"))
     passes = [e for e in events if e["event"] == "renderPass"]
     expect(sorted(e["attachmentCount"] for e in passes) == [3, 3, 6, 6] and all(
-        e["attachment"] == e["attachmentCount"] - 1 and (e["texelWidth"], e["texelHeight"]) == (16, 16) for e in passes),
+        e["attachment"] == e["attachmentCount"] - 1 and (e["texelWidth"], e["texelHeight"]) == (16, 16)
+        for e in passes),
         f"the substitute passes do not have the rate attachment last at texel 16x16: {passes}")
     framebuffers = [(e["width"], e["height"]) for e in events if e["event"] == "framebuffer"]
     expect(framebuffers == [(1920, 1080)] * 2, f"substitute framebuffers {framebuffers}")
@@ -114,7 +115,8 @@ def starrail_vrs(s):
     config["com.miHoYo.hkrpg"]["configs"]["xrender_BaseInfo"] = "1"
     with open(s.path("module_off.json"), "w") as f:
         json.dump(config, f)
-    for label, option in (("other", ["--as", "com.example.notstarrail"]), ("off", ["--config", s.path("module_off.json")])):
+    for label, option in (("other", ["--as", "com.example.notstarrail"]),
+                          ("off", ["--config", s.path("module_off.json")])):
         t = s.zovk_run(label, *option, "--frames", "6", "--push", "1:1 {pkg} 1058", "--push", "1:6 {pkg} 1")["trace"]
         expect(t["frames"] == 6 and not (t["shadingRateRenderPasses"] or t["shadingRateFramebuffers"] or t["ratesSet"]
                                          or t["uploads"]), f"{label}: the trace holds a shading-rate object: {t}")
