@@ -1,10 +1,14 @@
-// The exported entry points: the enumeration answers and both address resolvers, with
-// their order, null-handle rules and gating by the hook-enable flags.
+// The exported entry points and the registries behind them: the enumeration answers, both
+// address resolvers with their null-handle rules and their gating by the hook-enable flags,
+// the records kept per dispatch key, and their removal by the destroy operations only.
 #include <cstring>
+#include <map>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "layer/zovk_context_manager.h"
 #include "layer/zovk_entry.h"
 #include "settings/zovk_settings.h"
 #include "tests/support/fake_next_layer.h"
@@ -13,6 +17,10 @@
 namespace zovk_test {
 namespace {
 
+using vulkan::zovk::GetDispatchKey;
+using vulkan::zovk::ZoVkContextManager;
+using vulkan::zovk::ZoVkDeviceInfo;
+using vulkan::zovk::ZoVkInstanceInfo;
 using vulkan::zovk::ZoVkSettings;
 
 template <typename F>
@@ -20,36 +28,34 @@ PFN_vkVoidFunction Fn(F* fn) {
     return reinterpret_cast<PFN_vkVoidFunction>(fn);
 }
 
+PFN_vkVoidFunction SlotValue(const void* table, size_t offset) {
+    return *reinterpret_cast<const PFN_vkVoidFunction*>(static_cast<const char*>(table) + offset);
+}
+
 ZoVkSettings* Settings() {
     return ZoVkSettings::GetInstance();
 }
 
-// --- layer properties ---------------------------------------------------------------
+// --- enumeration ------------------------------------------------------------------------------
 
 using LayerQuery = VkResult (*)(uint32_t*, VkLayerProperties*);
+class LayerProperties : public ::testing::TestWithParam<LayerQuery> {};
 
-class LayerPropertiesTest : public ::testing::TestWithParam<LayerQuery> {};
-
-TEST_P(LayerPropertiesTest, CountRules) {
+TEST_P(LayerProperties, CountRules) {
     const LayerQuery query = GetParam();
     EXPECT_EQ(query(nullptr, nullptr), VK_INCOMPLETE);
-
     uint32_t count = 9;
     EXPECT_EQ(query(&count, nullptr), VK_SUCCESS);
     EXPECT_EQ(count, 1u);
-
     VkLayerProperties properties[3];
-    std::memset(properties, 0xab, sizeof(properties));
     VkLayerProperties untouched;
+    std::memset(properties, 0xab, sizeof(properties));
     std::memset(&untouched, 0xab, sizeof(untouched));
-
     count = 0;
     EXPECT_EQ(query(&count, properties), VK_INCOMPLETE);
     EXPECT_EQ(count, 0u);
     EXPECT_EQ(std::memcmp(&properties[0], &untouched, sizeof(untouched)), 0);
-
-    // One record copied whole; the caller's count is deliberately not lowered.
-    count = 3;
+    count = 3;  // one record copied whole; the caller's count is deliberately not lowered
     EXPECT_EQ(query(&count, properties), VK_SUCCESS);
     EXPECT_EQ(count, 3u);
     EXPECT_EQ(std::memcmp(&properties[0], &kZoVkLayerProperties, sizeof(VkLayerProperties)), 0);
@@ -57,7 +63,7 @@ TEST_P(LayerPropertiesTest, CountRules) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    AllThreeExports, LayerPropertiesTest,
+    AllThreeExports, LayerProperties,
     ::testing::Values(LayerQuery(ZoVkEnumerateInstanceLayerProperties),
                       +[](uint32_t* c, VkLayerProperties* p) { return ZoVkEnumerateDeviceLayerProperties({}, c, p); },
                       +[](uint32_t* c, VkLayerProperties* p) { return ZoVkGetDeviceLayerProperties({}, c, p); }));
@@ -70,7 +76,6 @@ TEST(Stub, TheRecordAndImplNameTheLayerTheSettingsKnow) {
     EXPECT_EQ(kZoVkLayerProperties.specVersion, 0x00400000u);
     EXPECT_EQ(kZoVkLayerProperties.implementationVersion, 0x00421000u);
     EXPECT_STREQ(kZoVkLayerProperties.description, "torvi");
-
     EXPECT_EQ(createInstance(), static_cast<void*>(&impl));
     vulkan::IZoVkStub* stub = &impl;
     EXPECT_EQ(stub->getLayerName(), name);
@@ -82,66 +87,56 @@ TEST(Stub, TheRecordAndImplNameTheLayerTheSettingsKnow) {
     EXPECT_TRUE(stub->isEnabled());
 }
 
-// --- extension queries ----------------------------------------------------------------
+class EntryPoints : public ::testing::Test {
+protected:
+    ZoVkContextManager* manager = ZoVkContextManager::GetInstance();
+    FakeNextLayer fake;
 
-TEST(InstanceExtensionQuery, AnswersOnlyForThisLayerAndListsNothing) {
+    // Records an unhooked instance and device (no flags set): everything passes through.
+    void CreatePassThrough() {
+        InstanceCreate instanceCreate;
+        VkInstance instance = VK_NULL_HANDLE;
+        ASSERT_EQ(ZoVkCreateInstance(&instanceCreate.info, nullptr, &instance), VK_SUCCESS);
+        ASSERT_EQ(instance, fake.Instance());
+        DeviceCreate deviceCreate;
+        VkDevice device = VK_NULL_HANDLE;
+        ASSERT_EQ(ZoVkCreateDevice(fake.PhysicalDevice(), &deviceCreate.info, nullptr, &device), VK_SUCCESS);
+        fake.events.clear();
+    }
+    ZoVkInstanceInfo* InstanceRecord() { return manager->GetInstanceInfoWithLock(GetDispatchKey(fake.Instance())); }
+    ZoVkDeviceInfo* DeviceRecord() { return manager->GetDeviceInfoWithLock(GetDispatchKey(fake.Device())); }
+};
+
+TEST_F(EntryPoints, ExtensionQueriesAnswerForThisLayerAndPassTheRestThrough) {
+    const char* own = Settings()->GetLayerName().c_str();
     uint32_t count = 5;
     EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties(nullptr, &count, nullptr), VK_ERROR_LAYER_NOT_PRESENT);
-    EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties("VK_LAYER_other", &count, nullptr),
-              VK_ERROR_LAYER_NOT_PRESENT);
+    EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties("VK_LAYER_other", &count, nullptr), VK_ERROR_LAYER_NOT_PRESENT);
     EXPECT_EQ(count, 5u);
-
     VkExtensionProperties property{};
     property.specVersion = 42;
-    const char* own = Settings()->GetLayerName().c_str();
     EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties(own, &count, &property), VK_SUCCESS);
     EXPECT_EQ(count, 0u);
     EXPECT_EQ(property.specVersion, 42u);
     EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties(own, nullptr, nullptr), VK_SUCCESS);
-}
 
-class EntryPointTest : public ::testing::Test {
-protected:
-    // An instance recorded unhooked (no flags set): everything passes through.
-    VkInstance CreatePassThroughInstance() {
-        InstanceCreate create;
-        VkInstance instance = VK_NULL_HANDLE;
-        EXPECT_EQ(ZoVkCreateInstance(&create.info, nullptr, &instance), VK_SUCCESS);
-        EXPECT_EQ(instance, fake.Instance());
-        return instance;
-    }
-
-    FakeNextLayer fake;
-};
-
-TEST_F(EntryPointTest, DeviceExtensionQueryWithoutAnInstanceRecord) {
-    const char* own = Settings()->GetLayerName().c_str();
-    uint32_t count = 7;
+    // Without an instance record: this layer lists nothing, other layers' counts stay.
+    count = 7;
     EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(VK_NULL_HANDLE, own, &count, nullptr), VK_SUCCESS);
     EXPECT_EQ(count, 0u);
-
     count = 7;
-    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(VK_NULL_HANDLE, "VK_LAYER_other", &count, nullptr),
-              VK_SUCCESS);
-    EXPECT_EQ(count, 7u);
+    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(VK_NULL_HANDLE, "VK_LAYER_other", &count, nullptr), VK_SUCCESS);
     EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(VK_NULL_HANDLE, nullptr, &count, nullptr), VK_SUCCESS);
     EXPECT_EQ(count, 7u);
-
-    // A physical device of an instance the layer never saw: an empty list.
     EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(fake.PhysicalDevice(), nullptr, &count, nullptr), VK_SUCCESS);
-    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(count, 0u) << "a physical device of an instance never seen";
     EXPECT_TRUE(fake.events.empty());
-}
-
-TEST_F(EntryPointTest, DeviceExtensionQueryPassesTheNextLayersAnswerThrough) {
-    fake.deviceExtensions = {"VK_KHR_swapchain", "VK_KHR_fragment_shading_rate"};
-    CreatePassThroughInstance();
-
-    uint32_t count = 0;
-    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(fake.PhysicalDevice(), nullptr, &count, nullptr), VK_SUCCESS);
-    EXPECT_EQ(count, 2u);
 
     // The next layer's VK_INCOMPLETE and its lowered count come back unchanged.
+    fake.deviceExtensions = {"VK_KHR_swapchain", "VK_KHR_fragment_shading_rate"};
+    CreatePassThrough();
+    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(fake.PhysicalDevice(), nullptr, &count, nullptr), VK_SUCCESS);
+    EXPECT_EQ(count, 2u);
     VkExtensionProperties properties[2] = {};
     count = 1;
     EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(fake.PhysicalDevice(), "VK_LAYER_other", &count, properties),
@@ -151,67 +146,62 @@ TEST_F(EntryPointTest, DeviceExtensionQueryPassesTheNextLayersAnswerThrough) {
     EXPECT_EQ(fake.Calls("vkEnumerateDeviceExtensionProperties"), 2);
 }
 
-// --- address resolution ---------------------------------------------------------------
+// --- address resolution -----------------------------------------------------------------------
 
-TEST_F(EntryPointTest, ResolversWithoutAHandle) {
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(VK_NULL_HANDLE, "vkGetInstanceProcAddr"), Fn(ZoVkGetInstanceProcAddr));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(VK_NULL_HANDLE, "vkEnumerateInstanceExtensionProperties"),
-              Fn(ZoVkEnumerateInstanceExtensionProperties));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(VK_NULL_HANDLE, "vkEnumerateInstanceLayerProperties"),
-              Fn(ZoVkEnumerateInstanceLayerProperties));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(VK_NULL_HANDLE, "vkCreateInstance"), Fn(ZoVkCreateInstance));
-    for (const char* name : {"vkDestroyInstance", "vkCreateDevice", "vkGetDeviceProcAddr", "vkDestroyDevice",
-                             "vkEnumerateDeviceExtensionProperties", "vkGetPhysicalDeviceFeatures2"}) {
-        EXPECT_EQ(ZoVkGetInstanceProcAddr(VK_NULL_HANDLE, name), nullptr) << name;
+// The layer answers its own entry points: the first four even without an instance, the
+// last three through the device resolver too, even without a device. Every other name the
+// generated tables know resolves to the next layer's function, and to nothing without a handle.
+TEST_F(EntryPoints, ResolversAnswerTheLayersOwnNamesAndPassEveryOtherThrough) {
+    const std::map<std::string, std::pair<PFN_vkVoidFunction, int>> own = {  // 1 without instance, 2 by device
+        {"vkGetInstanceProcAddr", {Fn(ZoVkGetInstanceProcAddr), 1}},
+        {"vkEnumerateInstanceExtensionProperties", {Fn(ZoVkEnumerateInstanceExtensionProperties), 1}},
+        {"vkEnumerateInstanceLayerProperties", {Fn(ZoVkEnumerateInstanceLayerProperties), 1}},
+        {"vkCreateInstance", {Fn(ZoVkCreateInstance), 1}},
+        {"vkDestroyInstance", {Fn(ZoVkDestroyInstance), 0}},
+        {"vkEnumerateDeviceLayerProperties", {Fn(ZoVkEnumerateDeviceLayerProperties), 0}},
+        {"vkEnumerateDeviceExtensionProperties", {Fn(ZoVkEnumerateDeviceExtensionProperties), 0}},
+        {"vkGetDeviceProcAddr", {Fn(ZoVkGetDeviceProcAddr), 2}},
+        {"vkCreateDevice", {Fn(ZoVkCreateDevice), 2}},
+        {"vkDestroyDevice", {Fn(ZoVkDestroyDevice), 2}},
+    };
+    CreatePassThrough();
+    const auto check = [&](const std::string& name, bool deviceLevel) {
+        const auto it = own.find(name);
+        const int kind = it != own.end() ? it->second.second : -1;
+        const char* n = name.c_str();
+        EXPECT_EQ(ZoVkGetInstanceProcAddr(VK_NULL_HANDLE, n), kind == 1 ? it->second.first : nullptr) << name;
+        EXPECT_EQ(ZoVkGetInstanceProcAddr(fake.Instance(), n), kind >= 0 ? it->second.first : fake.Function(n)) << n;
+        EXPECT_EQ(ZoVkGetDeviceProcAddr(VK_NULL_HANDLE, n), kind == 2 ? it->second.first : nullptr) << name;
+        if (deviceLevel || kind == 2) {
+            EXPECT_EQ(ZoVkGetDeviceProcAddr(fake.Device(), n), kind == 2 ? it->second.first : fake.Function(n)) << n;
+        }
+    };
+    for (const auto& [name, fn] : own) {
+        check(name, false);
     }
-    EXPECT_EQ(ZoVkGetDeviceProcAddr(VK_NULL_HANDLE, "vkGetDeviceProcAddr"), Fn(ZoVkGetDeviceProcAddr));
-    EXPECT_EQ(ZoVkGetDeviceProcAddr(VK_NULL_HANDLE, "vkCreateDevice"), Fn(ZoVkCreateDevice));
-    EXPECT_EQ(ZoVkGetDeviceProcAddr(VK_NULL_HANDLE, "vkDestroyDevice"), Fn(ZoVkDestroyDevice));
-    EXPECT_EQ(ZoVkGetDeviceProcAddr(VK_NULL_HANDLE, "vkCmdDraw"), nullptr);
-    EXPECT_EQ(ZoVkGetDeviceProcAddr(VK_NULL_HANDLE, "vkDestroyInstance"), nullptr);
-    EXPECT_TRUE(fake.events.empty());
+    for (size_t i = 0; i < vulkan::zovk::kInstanceFunctionSlotCount; ++i) {
+        check(vulkan::zovk::kInstanceFunctionSlots[i].name, false);
+    }
+    for (size_t i = 0; i < vulkan::zovk::kDeviceFunctionSlotCount; ++i) {
+        check(vulkan::zovk::kDeviceFunctionSlots[i].name, true);
+    }
+    // A handle the layer never recorded resolves nothing beyond the layer's own functions.
+    FakeObject stranger{&fake};
+    EXPECT_EQ(ZoVkGetInstanceProcAddr(reinterpret_cast<VkInstance>(&stranger), "vkGetPhysicalDeviceFeatures2"), nullptr);
+    EXPECT_EQ(ZoVkGetInstanceProcAddr(reinterpret_cast<VkInstance>(&stranger), "vkCreateDevice"), Fn(ZoVkCreateDevice));
+    EXPECT_EQ(ZoVkGetDeviceProcAddr(reinterpret_cast<VkDevice>(&stranger), "vkCmdDraw"), nullptr);
 }
 
-TEST_F(EntryPointTest, GetInstanceProcAddrAnswersTheLifecycleItselfAndPassesTheRest) {
-    const VkInstance instance = CreatePassThroughInstance();
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, "vkDestroyInstance"), Fn(ZoVkDestroyInstance));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, "vkEnumerateDeviceLayerProperties"),
-              Fn(ZoVkEnumerateDeviceLayerProperties));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, "vkEnumerateDeviceExtensionProperties"),
-              Fn(ZoVkEnumerateDeviceExtensionProperties));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, "vkGetDeviceProcAddr"), Fn(ZoVkGetDeviceProcAddr));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, "vkCreateDevice"), Fn(ZoVkCreateDevice));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, "vkDestroyDevice"), Fn(ZoVkDestroyDevice));
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, "vkGetPhysicalDeviceFeatures2"),
-              fake.Function("vkGetPhysicalDeviceFeatures2"));
-
-    // An instance the layer does not know resolves nothing beyond its own functions.
-    int otherKey = 0;
-    FakeObject stranger{&otherKey};
-    const auto strangerInstance = reinterpret_cast<VkInstance>(&stranger);
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(strangerInstance, "vkGetPhysicalDeviceFeatures2"), nullptr);
-    EXPECT_EQ(ZoVkGetInstanceProcAddr(strangerInstance, "vkCreateDevice"), Fn(ZoVkCreateDevice));
-}
-
-// A served instance and device whose processor hooks vkCmdDraw and an instance command.
-class GatingTest : public EntryPointTest {
-protected:
-    void SetUp() override {
-        ServeWithTestProcessor();
-        InstanceCreate instanceCreate;
-        ASSERT_EQ(ZoVkCreateInstance(&instanceCreate.info, nullptr, &instance), VK_SUCCESS);
-        DeviceCreate deviceCreate;
-        ASSERT_EQ(ZoVkCreateDevice(fake.PhysicalDevice(), &deviceCreate.info, nullptr, &device), VK_SUCCESS);
-        // Creation set bits 1 and 2; bit 0 comes from the remote configuration.
-        ASSERT_EQ(Settings()->GetHookFlags(),
-                  vulkan::zovk::kHookModulesConfigured | vulkan::zovk::kHookExtensionsReady);
-    }
-
+TEST_F(EntryPoints, HooksComeBackOnlyWithAllThreeLowBitsSetAndForEveryHandleOfTheDevice) {
+    ServeWithTestProcessor();
+    InstanceCreate instanceCreate;
     VkInstance instance = VK_NULL_HANDLE;
+    ASSERT_EQ(ZoVkCreateInstance(&instanceCreate.info, nullptr, &instance), VK_SUCCESS);
+    DeviceCreate deviceCreate;
     VkDevice device = VK_NULL_HANDLE;
-};
-
-TEST_F(GatingTest, HooksComeBackOnlyWithAllThreeLowBitsSet) {
+    ASSERT_EQ(ZoVkCreateDevice(fake.PhysicalDevice(), &deviceCreate.info, nullptr, &device), VK_SUCCESS);
+    // Creation set bits 1 and 2; bit 0 comes from the remote configuration.
+    ASSERT_EQ(Settings()->GetHookFlags(), vulkan::zovk::kHookModulesConfigured | vulkan::zovk::kHookExtensionsReady);
     for (uint32_t bits = 0; bits < 8; ++bits) {
         Settings()->ClearHookFlags(vulkan::zovk::kHookAll);
         Settings()->SetHookFlags(bits | 0x100u);  // higher bits play no part
@@ -220,16 +210,120 @@ TEST_F(GatingTest, HooksComeBackOnlyWithAllThreeLowBitsSet) {
         EXPECT_EQ(ZoVkGetDeviceProcAddr(device, "vkCmdDraw"), hooked ? Fn(DrawHook) : fake.Function("vkCmdDraw"));
         EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, TestProcessor::kInstanceHookName),
                   hooked ? Fn(InstanceHook) : fake.Function(TestProcessor::kInstanceHookName));
-        // Unhooked names and the layer's own functions do not depend on the flags.
         EXPECT_EQ(ZoVkGetDeviceProcAddr(device, "vkCmdDispatch"), fake.Function("vkCmdDispatch"));
         EXPECT_EQ(ZoVkGetDeviceProcAddr(device, "vkDestroyDevice"), Fn(ZoVkDestroyDevice));
-        EXPECT_EQ(ZoVkGetInstanceProcAddr(instance, "vkDestroyInstance"), Fn(ZoVkDestroyInstance));
     }
+    EXPECT_EQ(ZoVkGetDeviceProcAddr(reinterpret_cast<VkDevice>(fake.CommandBuffer()), "vkCmdDraw"), Fn(DrawHook));
 }
 
-TEST_F(GatingTest, ACommandBufferFindsItsDevicesHooks) {
-    Settings()->SetHookFlags(vulkan::zovk::kHookAll);
-    EXPECT_EQ(ZoVkGetDeviceProcAddr(reinterpret_cast<VkDevice>(fake.CommandBuffer()), "vkCmdDraw"), Fn(DrawHook));
+// --- the registries ---------------------------------------------------------------------------
+
+TEST_F(EntryPoints, HandlesSharingADispatchKeyFindOneRecordAndAnEqualKeyReusesIt) {
+    CreatePassThrough();
+    ZoVkDeviceInfo* record = DeviceRecord();
+    ZoVkInstanceInfo* instanceRecord = InstanceRecord();
+    ASSERT_NE(record, nullptr);
+    ASSERT_NE(instanceRecord, nullptr);
+    EXPECT_EQ(record->device, fake.Device());
+    EXPECT_EQ(record->physicalDevice, fake.PhysicalDevice());
+    EXPECT_EQ(manager->GetDeviceInfo(GetDispatchKey(fake.Queue())), record);
+    EXPECT_EQ(manager->GetDeviceInfoWithoutLock(GetDispatchKey(fake.CommandBuffer())), record);
+    EXPECT_EQ(manager->GetInstanceInfo(GetDispatchKey(fake.PhysicalDevice())), instanceRecord);
+    EXPECT_EQ(manager->GetInstanceInfoWithLock(GetDispatchKey(fake.Device())), nullptr) << "a device is no instance";
+    // Kept as no-ops on purpose: records go only with their objects.
+    manager->RemoveDeviceInfo(GetDispatchKey(fake.Device()));
+    manager->RemoveInstanceInfo(GetDispatchKey(fake.Instance()));
+    EXPECT_EQ(DeviceRecord(), record);
+
+    // Marks that an unhooked insertion leaves alone: a replaced record would lose them.
+    const auto mark = reinterpret_cast<PFN_vkCmdDraw>(fake.Function("vkCmdDraw"));
+    record->functions.vkCmdDraw = mark;
+    instanceRecord->hooked = true;
+    FakeObject secondDevice{&fake.deviceDispatch};
+    FakeObject secondInstance{&fake.instanceDispatch};
+    manager->InitInstanceInfo(reinterpret_cast<VkInstance>(&secondInstance), FakeNextLayer::GetInstanceProcAddr,
+                              VK_API_VERSION_1_3, nullptr, false);
+    manager->InitDeviceInfo(fake.PhysicalDevice(), reinterpret_cast<VkDevice>(&secondDevice),
+                            FakeNextLayer::GetDeviceProcAddr, VK_API_VERSION_1_3, nullptr, false);
+    ASSERT_EQ(DeviceRecord(), record);
+    EXPECT_EQ(record->functions.vkCmdDraw, mark);
+    EXPECT_EQ(record->device, reinterpret_cast<VkDevice>(&secondDevice));
+    ASSERT_EQ(InstanceRecord(), instanceRecord);
+    EXPECT_TRUE(instanceRecord->hooked);
+    EXPECT_EQ(instanceRecord->instance, reinterpret_cast<VkInstance>(&secondInstance));
+    EXPECT_EQ(instanceRecord->apiVersion, VK_API_VERSION_1_3);
+}
+
+TEST_F(EntryPoints, UnhookedRecordsHoldTheLifecycleFunctionsAndKeepNothingElse) {
+    const std::set<std::string> lifecycle = {"vkGetInstanceProcAddr", "vkDestroyInstance", "vkCreateDevice",
+                                             "vkEnumerateDeviceExtensionProperties", "vkGetDeviceProcAddr",
+                                             "vkDestroyDevice"};
+    manager->InitInstanceInfo(fake.Instance(), FakeNextLayer::GetInstanceProcAddr, VK_API_VERSION_1_2, nullptr, false);
+    manager->InitDeviceInfo(fake.PhysicalDevice(), fake.Device(), FakeNextLayer::GetDeviceProcAddr,
+                            VK_API_VERSION_1_2, nullptr, false);
+    EXPECT_EQ(fake.events.size(), 4u) << "only the lifecycle functions were asked for, each once";
+    ZoVkInstanceInfo* instanceRecord = InstanceRecord();
+    ZoVkDeviceInfo* deviceRecord = DeviceRecord();
+    ASSERT_NE(instanceRecord, nullptr);
+    ASSERT_NE(deviceRecord, nullptr);
+    EXPECT_FALSE(instanceRecord->hooked);
+    EXPECT_FALSE(instanceRecord->processor);
+    EXPECT_FALSE(deviceRecord->processor);
+    EXPECT_TRUE(instanceRecord->functionMap.empty());
+    EXPECT_TRUE(deviceRecord->functionMap.empty());
+    const auto expected = [&](const char* name) { return lifecycle.count(name) ? fake.Function(name) : nullptr; };
+    for (size_t i = 0; i < vulkan::zovk::kInstanceFunctionSlotCount; ++i) {
+        const auto& slot = vulkan::zovk::kInstanceFunctionSlots[i];
+        EXPECT_EQ(SlotValue(&instanceRecord->functions, slot.offset), expected(slot.name)) << slot.name;
+    }
+    for (size_t i = 0; i < vulkan::zovk::kDeviceFunctionSlotCount; ++i) {
+        const auto& slot = vulkan::zovk::kDeviceFunctionSlots[i];
+        EXPECT_EQ(SlotValue(&deviceRecord->functions, slot.offset), expected(slot.name)) << slot.name;
+    }
+    // Every name is asked of the next layer again each time, with the handle given, and kept nowhere.
+    fake.events.clear();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(manager->GetNextDeviceProcAddr(fake.Device(), "vkCmdDraw"), fake.Function("vkCmdDraw"));
+        EXPECT_EQ(manager->GetHookedDeviceProcAddr(fake.Device(), "vkCmdDraw"), fake.Function("vkCmdDraw"));
+        EXPECT_EQ(manager->GetNextInstanceProcAddr(fake.Instance(), "vkGetPhysicalDeviceFeatures2"),
+                  fake.Function("vkGetPhysicalDeviceFeatures2"));
+    }
+    EXPECT_EQ(fake.Queries("vkCmdDraw"), 4);
+    EXPECT_EQ(fake.Queries("vkGetPhysicalDeviceFeatures2"), 2);
+    EXPECT_EQ(deviceRecord->functions.vkCmdDraw, nullptr);
+    EXPECT_EQ(instanceRecord->functions.vkGetPhysicalDeviceFeatures2, nullptr);
+    manager->GetNextDeviceProcAddr(reinterpret_cast<VkDevice>(fake.Queue()), "vkCmdDraw");
+    EXPECT_EQ(fake.events.back().handle, static_cast<const void*>(fake.Queue()));
+}
+
+TEST_F(EntryPoints, DestroyCallsTheFunctionResolvedAtCreationOnceAndUnknownHandlesReachNothing) {
+    CreatePassThrough();
+    VkAllocationCallbacks allocator{};
+    ZoVkDestroyDevice(fake.Device(), &allocator);
+    // Resolving again now would ask a loader that answers from the top of the chain.
+    ASSERT_EQ(fake.events.size(), 1u);
+    EXPECT_EQ(fake.CallLog(), std::vector<std::string>{"vkDestroyDevice"});
+    EXPECT_EQ(fake.events[0].handle, static_cast<const void*>(fake.Device()));
+    EXPECT_EQ(DeviceRecord(), nullptr);
+    EXPECT_EQ(manager->GetDeviceInfo(GetDispatchKey(fake.Queue())), nullptr);
+    ZoVkDestroyInstance(fake.Instance(), nullptr);
+    EXPECT_EQ(fake.CallLog(), (std::vector<std::string>{"vkDestroyDevice", "vkDestroyInstance"}));
+    EXPECT_EQ(InstanceRecord(), nullptr);
+
+    FakeObject stranger{&fake};
+    const auto device = reinterpret_cast<VkDevice>(&stranger);
+    const auto instance = reinterpret_cast<VkInstance>(&stranger);
+    EXPECT_EQ(manager->GetNextDeviceProcAddr(device, "vkCmdDraw"), nullptr);
+    EXPECT_EQ(manager->GetHookedDeviceProcAddr(device, "vkCmdDraw"), nullptr);
+    EXPECT_EQ(manager->GetNextInstanceProcAddr(instance, "vkCmdDraw"), nullptr);
+    EXPECT_EQ(manager->GetHookedInstanceProcAddr(instance, "vkCmdDraw"), nullptr);
+    for (const VkDevice d : {fake.Device(), device, VkDevice(VK_NULL_HANDLE)}) {  // the first: a second destroy
+        ZoVkDestroyDevice(d, nullptr);
+    }
+    for (const VkInstance i : {fake.Instance(), instance, VkInstance(VK_NULL_HANDLE)}) {
+        ZoVkDestroyInstance(i, nullptr);
+    }
+    EXPECT_EQ(fake.events.size(), 2u);
 }
 
 }  // namespace

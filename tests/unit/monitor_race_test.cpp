@@ -1,24 +1,17 @@
-// The application information monitor under concurrent pushes. Child processes call the layer's own
-// callback stub over the host binder at the same time, so that the records land on several binder
-// threads of this process at once, while the main thread reads the values as the rendering modules do
-// (no lock, no wait). Built with ThreadSanitizer this shows that the monitor is free of data races; in
-// every build, that each value read is one that was sent for this package, under the right field.
+// The monitor of in-game state under concurrent pushes: child processes call the layer's own
+// callback stub over the host binder at once, so that records land on several binder threads
+// of this process while the main thread reads the values as the rendering modules do (no
+// lock, no wait). Under ThreadSanitizer this shows the monitor free of data races; in every
+// build, that each value read is one that was sent for this package, under the right field.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <cstdio>
-#include <functional>
-#include <memory>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <binder/IServiceManager.h>
 #include <binder/Status.h>
-#include <utils/String16.h>
 
 #include "settings/zovk_app_info_monitor.h"
 #include "settings/zovk_game_info_update.h"
@@ -27,252 +20,126 @@
 
 namespace {
 
-using android::sp;
-using android::String16;
-using android::ZoVkAppInfoMonitor;
-using com::veltra::pavune::BnGameInfoUpdate;
 using com::veltra::pavune::IGameInfoUpdate;
 
-constexpr char kPackage[] = "com.miHoYo.hkrpg";
-constexpr char kOtherPackage[] = "com.HoYoverse.hkrpgoversea";
-constexpr char kServiceName[] = "zovk.test.game_info_update";
-
+const std::string kPackage = "com.miHoYo.hkrpg";
+const std::string kOther = "com.HoYoverse.hkrpgoversea";
 constexpr int kPushers = 4;  // the stand-in serves up to four calls at once
-constexpr int kRounds = 250;
-
-// Each field gets values from its own range, so that a value stored under the wrong field shows.
-// Pusher p sends base + 100 * p + (round % 100); the settler sends base + 100 * kPushers.
-constexpr int kSceneBase = 1000;
-constexpr int kMsaaBase = 2000;     // picture key 54
-constexpr int kQualityBase = 3000;  // picture key 8
-constexpr int kVrsLevels = 6;       // the VRS switch takes 0 to 5
-constexpr int kSettledVrs = 4;
-// Sent for another package or under an ignored key: must never be read back.
-constexpr int kPoison = 666;
-
-int Value(int base, int pusher, int round) {
-    return base + 100 * pusher + round % 100;
-}
+constexpr int kSettled = 400;
+// Each field takes values from its own range, so that a value stored under the wrong field
+// shows: pusher p sends base + 100 p + (round % 100); the settler base + kSettled.
+constexpr int kScene = 1000;
+constexpr int kMsaa = 2000;     // picture key 54
+constexpr int kQuality = 3000;  // picture key 8
 
 bool InRange(int value, int base) {
-    return value == 0 || (value >= base && value <= base + 100 * kPushers);
+    return value == 0 || (value >= base && value <= base + kSettled);
 }
 
-// One round of one pusher: a record of each type for this package, then one that must change
-// nothing (another package's, an ignored picture key, or a record cut short).
-std::vector<std::string> Round(int pusher, int round) {
-    const std::string package = kPackage;
-    const std::string other = kOtherPackage;
-    const std::string poison = std::to_string(kPoison);
-    const std::string nothing[] = {
-        "1 " + other + " " + poison,          "2 " + other + " 54 " + poison, "2 " + other + " 8 " + poison,
-        "6 " + other + " " + poison,          "2 " + package + " 9 " + poison, "1 " + package,
-        "2 " + package + " 54",  // no value
-    };
-    return {
-        "1 " + package + " " + std::to_string(Value(kSceneBase, pusher, round)),
-        "2 " + package + " 54 " + std::to_string(Value(kMsaaBase, pusher, round)),
-        "2 " + package + " 8 " + std::to_string(Value(kQualityBase, pusher, round)),
-        "6 " + package + " " + std::to_string((pusher + round) % kVrsLevels),
-        nothing[(pusher + round) % (sizeof(nothing) / sizeof(nothing[0]))],
-    };
+std::vector<std::string> Records(int n, int level) {
+    return {"1 " + kPackage + " " + std::to_string(kScene + n), "2 " + kPackage + " 54 " + std::to_string(kMsaa + n),
+            "2 " + kPackage + " 8 " + std::to_string(kQuality + n), "6 " + kPackage + " " + std::to_string(level)};
 }
 
-// The records after which the values are known: sent once every pusher has finished.
-std::vector<std::string> Settle() {
-    const std::string package = kPackage;
-    return {
-        "1 " + package + " " + std::to_string(kSceneBase + 100 * kPushers),
-        "2 " + package + " 54 " + std::to_string(kMsaaBase + 100 * kPushers),
-        "2 " + package + " 8 " + std::to_string(kQualityBase + 100 * kPushers),
-        "6 " + package + " " + std::to_string(kSettledVrs),
-    };
-}
-
-// Exit codes of a child, for the parent's messages.
-enum ChildExit { kChildOk = 0, kChildNoGo = 3, kChildNoService = 4, kChildCallFailed = 5 };
-
-const char* Describe(int status) {
-    if (!WIFEXITED(status)) {
-        return "killed by a signal";
+// A child that waits for a byte on its pipe, then sends the records through the layer's own
+// proxy, one call each, and exits 0 when every call succeeded. Returns its pid and the pipe.
+std::pair<pid_t, int> Sender(const std::vector<std::string>& records) {
+    int go[2];
+    if (pipe(go) != 0) {
+        return {-1, -1};
     }
-    switch (WEXITSTATUS(status)) {
-        case kChildOk:
-            return "ok";
-        case kChildNoGo:
-            return "never told to start";
-        case kChildNoService:
-            return "did not find the callback service";
-        case kChildCallFailed:
-            return "had a sendToZoGL call fail";
-        default:
-            return "failed";
-    }
-}
-
-// A child process that waits for one byte on a pipe, then sends its records through the layer's own
-// proxy, one call each, and exits with a ChildExit code.
-class Sender {
-public:
-    explicit Sender(std::function<std::vector<std::string>()> records) {
-        int go[2];
-        if (pipe(go) != 0) {
-            return;
-        }
-        pid_ = fork();
-        if (pid_ == 0) {
-            close(go[1]);
-            _exit(Run(go[0], records()));
-        }
-        close(go[0]);
-        goFd_ = go[1];
-    }
-    ~Sender() {
-        if (goFd_ >= 0) {
-            close(goFd_);
-        }
-        if (pid_ > 0 && !reaped_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-    Sender(const Sender&) = delete;
-    Sender& operator=(const Sender&) = delete;
-
-    bool started() const { return pid_ > 0 && goFd_ >= 0; }
-    bool Go() {
-        const char go = 'g';
-        const bool sent = write(goFd_, &go, 1) == 1;
-        close(goFd_);
-        goFd_ = -1;
-        return sent;
-    }
-    // True once the child has exited; its wait status in *status.
-    bool Finished(int* status, bool block) {
-        if (!reaped_) {
-            reaped_ = waitpid(pid_, &status_, block ? 0 : WNOHANG) == pid_;
-        }
-        *status = status_;
-        return reaped_;
-    }
-
-private:
-    static int Run(int goFd, const std::vector<std::string>& records) {
-        char go = 0;
-        if (read(goFd, &go, 1) != 1 || go != 'g') {
-            return kChildNoGo;
-        }
-        const sp<IGameInfoUpdate> callback =
-            IGameInfoUpdate::asInterface(android::defaultServiceManager()->checkService(String16(kServiceName)));
-        if (callback == nullptr) {
-            return kChildNoService;
-        }
-        int failed = 0;
-        for (const std::string& record : records) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(go[1]);
+        char byte;
+        (void)!read(go[0], &byte, 1);
+        const auto callback = IGameInfoUpdate::asInterface(zovk_test::Find("zovk.test.game_info_update"));
+        int failed = callback == nullptr ? 1 : 0;
+        for (size_t i = 0; callback != nullptr && i < records.size(); ++i) {
             // Malformed records too: the stub reports success whatever the monitor made of them.
-            if (!callback->sendToZoGL(String16(record.c_str())).isOk()) {
-                ++failed;
-            }
+            failed += callback->sendToZoGL(android::String16(records[i].c_str())).isOk() ? 0 : 1;
         }
-        return failed == 0 ? kChildOk : kChildCallFailed;
+        _exit(failed == 0 ? 0 : 1);
     }
+    close(go[0]);
+    return {pid, go[1]};
+}
 
-    pid_t pid_ = -1;
-    int goFd_ = -1;
-    bool reaped_ = false;
-    int status_ = 0;
-};
+bool Succeeded(int status) {
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
 
-// What the reader saw that was never sent, by field.
-struct Violations {
-    int count = 0;
-    std::string first;
-
-    void Check(bool ok, const char* field, int value) {
-        if (ok) {
-            return;
-        }
-        if (count++ == 0) {
-            first = std::string(field) + " read as " + std::to_string(value);
-        }
-    }
-};
+void Go(int fd) {
+    (void)!write(fd, "g", 1);
+    close(fd);
+}
 
 TEST(MonitorRace, ConcurrentPushesWhileReadingYieldOnlySentValues) {
     zovk_test::BinderDir dir;  // the children inherit ZOVK_BINDER_DIR
-
     // Every process is forked before this one starts a thread (the monitor's, the binder's).
-    std::vector<std::unique_ptr<Sender>> pushers;
+    std::vector<std::pair<pid_t, int>> pushers;
+    const std::string nothing[] = {"1 " + kOther + " 666",    "2 " + kOther + " 54 666", "2 " + kOther + " 8 666",
+                                   "6 " + kOther + " 666",    "2 " + kPackage + " 9 666", "1 " + kPackage,
+                                   "2 " + kPackage + " 54"};  // records that must change nothing
     for (int p = 0; p < kPushers; ++p) {
-        pushers.push_back(std::make_unique<Sender>([p] {
-            std::vector<std::string> records;
-            for (int round = 0; round < kRounds; ++round) {
-                for (std::string& record : Round(p, round)) {
-                    records.push_back(std::move(record));
-                }
+        std::vector<std::string> records;
+        for (int round = 0; round < 250; ++round) {
+            for (const std::string& record : Records(100 * p + round % 100, (p + round) % 6)) {
+                records.push_back(record);
             }
-            return records;
-        }));
-        ASSERT_TRUE(pushers.back()->started()) << "cannot fork pusher " << p;
+            records.push_back(nothing[(p + round) % 7]);
+        }
+        pushers.push_back(Sender(records));
+        ASSERT_GT(pushers.back().first, 0);
     }
-    Sender settler(Settle);
-    ASSERT_TRUE(settler.started()) << "cannot fork the settler";
+    const auto settler = Sender(Records(kSettled, 4));
+    ASSERT_GT(settler.first, 0);
 
     // Recognised and started, as after an accepted configuration: records for this package count.
     ASSERT_TRUE(vulkan::zovk::ZoVkSettings::GetInstance()->IdentifyApplication(kPackage));
-    ZoVkAppInfoMonitor* monitor = ZoVkAppInfoMonitor::GetInstance();
+    android::ZoVkAppInfoMonitor* monitor = android::ZoVkAppInfoMonitor::GetInstance();
     monitor->Start();
     ASSERT_TRUE(monitor->IsStarted());
-    const sp<BnGameInfoUpdate> stub = new BnGameInfoUpdate();
-    ASSERT_EQ(android::OK, android::defaultServiceManager()->addService(String16(kServiceName), stub));
-
-    for (auto& pusher : pushers) {
-        ASSERT_TRUE(pusher->Go());
+    ASSERT_EQ(android::OK, android::defaultServiceManager()->addService(
+                               android::String16("zovk.test.game_info_update"),
+                               new com::veltra::pavune::BnGameInfoUpdate()));
+    for (const auto& pusher : pushers) {
+        Go(pusher.second);
     }
-
-    Violations bad;
-    std::set<int> scenes;  // distinct scene ids seen, for the report
-    int running = kPushers;
-    std::vector<int> statuses(kPushers, 0);
-    std::vector<bool> done(kPushers, false);
-    while (running > 0) {
+    std::string bad;  // the first values read that were never sent for this package under their field
+    int finished = 0;
+    int succeeded = 0;
+    while (finished < kPushers) {
         const int scene = monitor->GetSceneId();
         const int msaa = monitor->GetMSAASwitch();
         const int quality = monitor->GetImageQuality();
         const int level = monitor->getVrsLevel();
-        (void)monitor->IsVrsEnable();  // updated apart from the level: any value is one that was sent
-        bad.Check(InRange(scene, kSceneBase), "scene id", scene);
-        bad.Check(InRange(msaa, kMsaaBase), "MSAA switch", msaa);
-        bad.Check(InRange(quality, kQualityBase), "image quality", quality);
-        bad.Check(level >= 0 && level < kVrsLevels, "VRS level", level);
-        scenes.insert(scene);
-        for (int p = 0; p < kPushers; ++p) {
-            if (!done[p] && pushers[p]->Finished(&statuses[p], false)) {
-                done[p] = true;
-                --running;
-            }
+        (void)monitor->IsVrsEnable();  // updated apart from the level: any value was sent
+        if (bad.empty() && !(InRange(scene, kScene) && InRange(msaa, kMsaa) && InRange(quality, kQuality) &&
+                             level >= 0 && level < 6)) {
+            bad = std::to_string(scene) + " " + std::to_string(msaa) + " " + std::to_string(quality) + " " +
+                  std::to_string(level);
+        }
+        int status = 0;
+        if (waitpid(-1, &status, WNOHANG) > 0) {
+            ++finished;
+            succeeded += Succeeded(status) ? 1 : 0;
         }
         std::this_thread::yield();
     }
-    EXPECT_EQ(0, bad.count) << "values that were never sent for this package under that field, first: "
-                            << bad.first;
-    for (int p = 0; p < kPushers; ++p) {
-        EXPECT_TRUE(WIFEXITED(statuses[p]) && WEXITSTATUS(statuses[p]) == kChildOk)
-            << "pusher " << p << " " << Describe(statuses[p]);
-    }
-    std::printf("%zu distinct scene ids read during %d x %d records\n", scenes.size(), kPushers,
-                kRounds * static_cast<int>(Round(0, 0).size()));
+    EXPECT_EQ(bad, "") << "scene, MSAA, quality, level";
+    EXPECT_EQ(succeeded, kPushers) << "every pusher's calls succeed";
 
-    // Each call returns after the monitor has stored its record: once the settler is gone, the
-    // values are exactly its own.
-    ASSERT_TRUE(settler.Go());
+    // Each call returns after the monitor stored its record: once the settler is gone, the values
+    // are exactly its own.
+    Go(settler.second);
     int status = 0;
-    ASSERT_TRUE(settler.Finished(&status, true));
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == kChildOk) << "the settler " << Describe(status);
-    EXPECT_EQ(kSceneBase + 100 * kPushers, monitor->GetSceneId());
-    EXPECT_EQ(kMsaaBase + 100 * kPushers, monitor->GetMSAASwitch());
-    EXPECT_EQ(kQualityBase + 100 * kPushers, monitor->GetImageQuality());
-    EXPECT_EQ(kSettledVrs, monitor->getVrsLevel());
+    ASSERT_EQ(waitpid(settler.first, &status, 0), settler.first);
+    ASSERT_TRUE(Succeeded(status));
+    EXPECT_EQ(kScene + kSettled, monitor->GetSceneId());
+    EXPECT_EQ(kMsaa + kSettled, monitor->GetMSAASwitch());
+    EXPECT_EQ(kQuality + kSettled, monitor->GetImageQuality());
+    EXPECT_EQ(4, monitor->getVrsLevel());
     EXPECT_TRUE(monitor->IsVrsEnable());
 }
 

@@ -1,5 +1,6 @@
-// The configuration data: which modules a configuration switches on, the creation-path
-// switches, and the extension-function lists that switch modules off again.
+// The configuration data and the factories: which modules a configuration switches on, the
+// creation-path switches, the extension-function lists that switch modules off again, and the
+// processor and modules each application gets.
 #include <gtest/gtest.h>
 
 #include <json/reader.h>
@@ -10,12 +11,16 @@
 #include "app/zovk_app_data.h"
 #include "app/zovk_factory.h"
 #include "app/zovk_module_base.h"
+#include "app/zovk_processor_base.h"
 #include "settings/zovk_settings.h"
+#include "tests/unit/binder/binder_test_support.h"
+
+namespace zovk_test {
+namespace {
 
 using namespace vulkan::zovk;
 using namespace vulkan::zovk::app;
-
-namespace {
+using Ids = std::vector<unsigned int>;
 
 Json::Value Parse(const std::string& text) {
     Json::Value value;
@@ -24,99 +29,65 @@ Json::Value Parse(const std::string& text) {
     return value;
 }
 
-class TestModuleData : public module::ZoVkModuleDataBase {
-public:
-    explicit TestModuleData(bool ok) { valid = ok; }
-};
-
-// Module configuration creators for ids 1 and 2, until the configuration registers the
-// application's own.
-void RegisterDataCreators() {
-    gCreateModuleDataMap[1] = [](const Json::Value&) { return new TestModuleData(true); };
-    gCreateModuleDataMap[2] = [](const Json::Value&) { return new TestModuleData(true); };
-}
-
-class ProcessorConfigTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ZoVkSettings::GetInstance()->SetApplicationType(vulkan::ZOVK_APPLICATION_STAR_RAIL);
-        RegisterDataCreators();
-    }
-    ZoVkStarRailData data_;
-};
-
-TEST_F(ProcessorConfigTest, NoModuleMaskSwitchesNothingOn) {
-    for (const char* config : {R"({})", R"({"xrender_BaseInfo":""})", R"({"xrender_BaseInfo":"0"})",
-                               R"({"xrender_BaseInfo":"2147483648"})", R"({"xrender_BaseInfo":"12abc"})",
-                               R"({"xrender_BaseInfo":"-2"})", R"({"xrender_BaseInfo":"99999999999999999999999"})"}) {
-        ZoVkStarRailData data;
-        EXPECT_FALSE(data.InitProcessorConfigData(Parse(config))) << config;
-        EXPECT_FALSE(data.HasAnyModuleId()) << config;
-    }
-    EXPECT_FALSE(ZoVkSettings::GetInstance()->HasHookFlags(kHookModulesConfigured));
-}
-
-TEST_F(ProcessorConfigTest, MaskBitsBecomeModuleIdsAndSetTheModulesFlag) {
-    ASSERT_TRUE(data_.InitProcessorConfigData(Parse(R"({"xrender_BaseInfo":"3"})")));
-    EXPECT_EQ(data_.moduleIds, (std::vector<unsigned int>{1, 2}));
-    EXPECT_EQ(data_.moduleMask, 3u);
-    EXPECT_NE(data_.GetProcessorModuleData(1), nullptr);
-    EXPECT_NE(data_.GetProcessorModuleData(2), nullptr);
-    EXPECT_TRUE(ZoVkSettings::GetInstance()->HasHookFlags(kHookModulesConfigured));
-    // Module 2's needs are collected; module 1 needs nothing.
-    EXPECT_EQ(data_.deviceExtensionFunctions.at("vkCreateRenderPass2KHR"), (std::vector<unsigned int>{2}));
-    EXPECT_EQ(data_.instanceExtensionFunctions.at("vkGetPhysicalDeviceProperties2KHR"),
-              (std::vector<unsigned int>{2}));
-}
-
-TEST_F(ProcessorConfigTest, ModuleWithoutUsableConfigurationIsErasedEverywhere) {
-    // Module 2's own configuration rejects the resolution item.
-    ASSERT_TRUE(data_.InitProcessorConfigData(Parse(R"({"xrender_BaseInfo":"3","vrs_Params":"1920*1080"})")));
-    EXPECT_EQ(data_.moduleIds, (std::vector<unsigned int>{1}));
-    EXPECT_EQ(data_.GetProcessorModuleData(2), nullptr);
-    EXPECT_TRUE(data_.deviceExtensionFunctions.empty());
-    EXPECT_TRUE(data_.instanceExtensionFunctions.empty());
-}
-
-TEST_F(ProcessorConfigTest, ModuleWithoutCreatorIsErasedAndLeavesNothingOn) {
-    ASSERT_FALSE(data_.InitProcessorConfigData(Parse(R"({"xrender_BaseInfo":"8"})")));
-    EXPECT_FALSE(data_.HasAnyModuleId());
-}
-
-TEST_F(ProcessorConfigTest, CheckMainInfoShapes) {
+TEST(ProcessorConfig, TheMaskAndTheThreadSwitchesOfEveryShape) {
+    BinderDir dir;  // an accepted configuration starts the monitor, which finds no service here
     struct Case {
-        const char* value;
-        bool check;
+        const char* config;
+        Ids modules;  // none: the configuration is refused
+        bool check;   // from check on, lock on, pattern "old"
         bool lock;
         const char* pattern;
     };
-    // Starting from check on, lock on, pattern "old".
     const Case cases[] = {
-        {"1;0;RenderThread", true, false, "RenderThread"},
-        {"0;1;Unity.*", false, true, "Unity.*"},
-        {"1;1", false, true, "old"},            // two pieces: check off, the rest kept
-        {"x;1;RenderThread", false, true, "old"},  // not a number
-        {";;", true, true, "old"},              // no piece at all: nothing changes
-        {"", true, true, "old"},
+        {R"({})", {}, true, true, "old"},
+        {R"({"xrender_BaseInfo":""})", {}, true, true, "old"},
+        {R"({"xrender_BaseInfo":"0"})", {}, true, true, "old"},
+        {R"({"xrender_BaseInfo":"2147483648"})", {}, true, true, "old"},  // bit 31 is no module
+        {R"({"xrender_BaseInfo":"12abc"})", {}, true, true, "old"},
+        {R"({"xrender_BaseInfo":"-2"})", {}, true, true, "old"},
+        {R"({"xrender_BaseInfo":"99999999999999999999999"})", {}, true, true, "old"},
+        {R"({"xrender_BaseInfo":"8"})", {}, true, true, "old"},  // no creator for module 8
+        {R"({"xrender_BaseInfo":"3"})", {1, 2}, true, true, "old"},
+        {R"({"xrender_BaseInfo":"3","vrs_Params":"1920*1080"})", {1}, true, true, "old"},  // module 2 refuses
+        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"1;0;RenderThread"})", {1}, true, false, "RenderThread"},
+        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"0;1;Unity.*"})", {1}, false, true, "Unity.*"},
+        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"00;99999999999999999999999;R"})", {1}, false, true, "R"},
+        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"1;1"})", {1}, false, true, "old"},
+        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"x;1;RenderThread"})", {1}, false, true, "old"},
+        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":";;"})", {1}, true, true, "old"},
+        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":""})", {1}, true, true, "old"},
     };
+    ZoVkSettings::GetInstance()->SetApplicationType(vulkan::ZOVK_APPLICATION_STAR_RAIL);
     for (const Case& c : cases) {
         ZoVkStarRailData data;
         data.checkRenderThread = true;
         data.useLock = true;
         data.renderThreadPattern = "old";
-        Json::Value config = Parse(R"({"xrender_BaseInfo":"1"})");
-        config["xrender_CheckMainInfo"] = c.value;
-        ASSERT_TRUE(data.InitProcessorConfigData(config)) << c.value;
-        EXPECT_EQ(data.checkRenderThread, c.check) << c.value;
-        EXPECT_EQ(data.useLock, c.lock) << c.value;
-        EXPECT_EQ(data.renderThreadPattern, c.pattern) << c.value;
+        EXPECT_EQ(data.InitProcessorConfigData(Parse(c.config)), !c.modules.empty()) << c.config;
+        EXPECT_EQ(data.moduleIds, c.modules) << c.config;
+        for (const unsigned int id : c.modules) {
+            EXPECT_NE(data.GetProcessorModuleData(id), nullptr) << c.config;
+        }
+        EXPECT_EQ(data.checkRenderThread, c.check) << c.config;
+        EXPECT_EQ(data.useLock, c.lock) << c.config;
+        EXPECT_EQ(data.renderThreadPattern, c.pattern) << c.config;
+        // Module 2 needs functions; nothing else does, and an erased module needs nothing.
+        EXPECT_EQ(data.deviceExtensionFunctions.count("vkCreateRenderPass2KHR"), data.HasModuleId(2) ? 1u : 0u);
+        EXPECT_EQ(data.instanceExtensionFunctions.empty(), !data.HasModuleId(2)) << c.config;
+        if (c.modules.empty()) {
+            EXPECT_FALSE(ZoVkSettings::GetInstance()->HasHookFlags(kHookModulesConfigured)) << c.config;
+        }
     }
+    EXPECT_TRUE(ZoVkSettings::GetInstance()->HasHookFlags(kHookModulesConfigured));
 }
 
 // Two modules that share one needed function.
 class SharedNeedsData : public ZoVkAppDataBase {
 public:
-    SharedNeedsData() : ZoVkAppDataBase(kInstance, kDevice) {}
+    SharedNeedsData() : ZoVkAppDataBase(kInstance, kDevice) {
+        moduleIds = {1, 2};
+        ColloctModuleExtensionFunctions();
+    }
     static inline const ZoVkModuleFunctionTable kInstance = {{0, {}}};
     static inline const ZoVkModuleFunctionTable kDevice = {
         {1, {"vkQueuePresentKHR", "vkCmdSetFragmentShadingRateKHR"}},
@@ -125,16 +96,12 @@ public:
     };
 };
 
-TEST(ProcessorDataTest, ErasingAModuleKeepsFunctionsOthersStillNeed) {
+TEST(ProcessorData, ErasingAModuleKeepsFunctionsOthersStillNeed) {
     SharedNeedsData data;
-    data.moduleIds = {1, 2};
-    data.ColloctModuleExtensionFunctions();
-    ASSERT_EQ(data.deviceExtensionFunctions.at("vkQueuePresentKHR"), (std::vector<unsigned int>{1, 2}));
-    // A table that holds only its placeholder contributes nothing.
-    EXPECT_TRUE(data.instanceExtensionFunctions.empty());
-
+    ASSERT_EQ(data.deviceExtensionFunctions.at("vkQueuePresentKHR"), (Ids{1, 2}));
+    EXPECT_TRUE(data.instanceExtensionFunctions.empty()) << "a table of only its placeholder adds nothing";
     data.EraseModuleId(1);
-    EXPECT_EQ(data.deviceExtensionFunctions.at("vkQueuePresentKHR"), (std::vector<unsigned int>{2}));
+    EXPECT_EQ(data.deviceExtensionFunctions.at("vkQueuePresentKHR"), Ids{2});
     EXPECT_EQ(data.deviceExtensionFunctions.count("vkCmdSetFragmentShadingRateKHR"), 0u);
     data.EraseModuleId(2);
     EXPECT_TRUE(data.deviceExtensionFunctions.empty());
@@ -142,29 +109,75 @@ TEST(ProcessorDataTest, ErasingAModuleKeepsFunctionsOthersStillNeed) {
     data.EraseModuleId(2);  // not there any more: nothing happens
 }
 
-TEST(ProcessorDataTest, CheckAndFillPassesEraseTheModulesOfMissingFunctions) {
-    SharedNeedsData data;
-    data.moduleIds = {1, 2};
-    data.ColloctModuleExtensionFunctions();
-    // Check: erase modules whose function is missing.
-    data.CheckDeviceExtensionFunctions([](const std::string& name) { return name == "vkCmdSetFragmentShadingRateKHR"; });
-    EXPECT_EQ(data.moduleIds, (std::vector<unsigned int>{2}));
-    // Fill: erase modules whose function could not be filled.
-    data.InitDeviceExtensionFunctions([](const std::string&) { return false; });
-    EXPECT_FALSE(data.HasAnyModuleId());
+TEST(ProcessorData, MissingFunctionsEraseTheModulesThatNeedThem) {
+    SharedNeedsData checked;
+    checked.CheckDeviceExtensionFunctions([](const std::string& name) { return name == "vkCmdSetFragmentShadingRateKHR"; });
+    EXPECT_EQ(checked.moduleIds, Ids{2});
+    checked.InitDeviceExtensionFunctions([](const std::string&) { return false; });  // none could be filled
+    EXPECT_FALSE(checked.HasAnyModuleId());
+
+    ZoVkProcessorDataBase plain;
+    EXPECT_FALSE(plain.RemoveDeviceExtensionFunction("vkQueuePresentKHR")) << "removal needs the switch";
+    SharedNeedsData removed;
+    EXPECT_TRUE(removed.RemoveDeviceExtensionFunction("vkNotAFunction"));
+    EXPECT_EQ(removed.moduleIds.size(), 2u);
+    EXPECT_TRUE(removed.RemoveDeviceExtensionFunction("vkQueuePresentKHR"));
+    EXPECT_FALSE(removed.HasAnyModuleId());
 }
 
-TEST(ProcessorDataTest, RemovingAFunctionNeedsTheSwitch) {
-    ZoVkProcessorDataBase plain;
-    EXPECT_FALSE(plain.RemoveDeviceExtensionFunction("vkQueuePresentKHR"));
+// What each process gets: configuration data, a processor and its modules from the same
+// configuration the game service would send.
+TEST(Factory, EachApplicationGetsItsProcessorAndModules) {
+    BinderDir dir;
+    struct Case {
+        const char* process;
+        const char* mask;
+        unsigned int processorId;
+        Ids modules;
+    };
+    const Case cases[] = {
+        {"com.antutu.benchmark.full:ue", "1", 1, {1}},
+        {"com.miHoYo.hkrpg", "3", 2, {1, 2}},
+        {"com.HoYoverse.hkrpgoversea", "1", 2, {1}},
+    };
+    for (const Case& c : cases) {
+        ASSERT_TRUE(ZoVkSettings::GetInstance()->IdentifyApplication(c.process));
+        ZoVkProcessorDataBase* data = CreateProcessorData();
+        ASSERT_NE(data, nullptr) << c.process;
+        EXPECT_TRUE(data->removeExtensionFunctions) << c.process;
+        ZoVkSettings::GetInstance()->SetProcessorData(data);
+        ASSERT_TRUE(data->InitProcessorConfigData(Parse(std::string(R"({"xrender_BaseInfo":")") + c.mask + "\"}")));
+        const std::shared_ptr<ZoVkProcessorBase> processor = CreateVkProcessor();
+        ASSERT_NE(processor, nullptr) << c.process;
+        EXPECT_EQ(processor->GetProcessorId(), c.processorId) << c.process;
+        Ids modules;
+        for (const module::ZoVkModuleBase* m : processor->GetVkModules()) {
+            modules.push_back(m->GetModuleId());
+        }
+        EXPECT_EQ(modules, c.modules) << c.process;
+        processor->OnEnd();
+    }
+}
 
-    SharedNeedsData data;
-    data.moduleIds = {1, 2};
-    data.ColloctModuleExtensionFunctions();
-    EXPECT_TRUE(data.RemoveDeviceExtensionFunction("vkNotAFunction"));
-    EXPECT_EQ(data.moduleIds.size(), 2u);
-    EXPECT_TRUE(data.RemoveDeviceExtensionFunction("vkQueuePresentKHR"));
-    EXPECT_FALSE(data.HasAnyModuleId());
+TEST(Factory, OtherApplicationsGetNoProcessorAndNothingThrows) {
+    ZoVkSettings::GetInstance()->SetApplicationType(vulkan::ZOVK_APPLICATION_NONE);
+    EXPECT_EQ(CreateProcessorData(), nullptr);
+    InitProcessorCreateInfo();
+    EXPECT_EQ(CreateVkProcessor(), nullptr);  // no creator: no processor, and no throw
+
+    ZoVkSettings::GetInstance()->SetApplicationType(static_cast<vulkan::ZoVkApplicationType>(7));
+    ZoVkProcessorDataBase* other = CreateProcessorData();
+    ASSERT_NE(other, nullptr);
+    EXPECT_TRUE(other->removeExtensionFunctions);
+    ReleaseProcessorData(other);
+    InitProcessorCreateInfo();
+    EXPECT_EQ(CreateVkProcessor(), nullptr);
+    InitModuleCreateInfo(1);
+    EXPECT_EQ(CreateProcessorVkModule(1, nullptr), nullptr);
+    EXPECT_EQ(CreateProcessorModuleData(1, Json::Value()), nullptr);
+    ReleaseProcessorVkModule(nullptr);
+    ReleaseProcessorModuleData(nullptr);
 }
 
 }  // namespace
+}  // namespace zovk_test

@@ -1,119 +1,153 @@
-// Settings: the parsers' string helpers, identification by process name, the defaults
-// without configuration data, and the host stand-in for system properties.
+// Settings: the string and number readers of every configuration parser, identification by
+// process name, the host property stand-in, and the layer's side of the game service (the
+// configuration fetch, the callback interface, the monitor of in-game state, the scene
+// report) against an in-process service.
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <cstdio>
-#include <cstdlib>
+#include <iterator>
+#include <tuple>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <vector>
 
-#include <unistd.h>
-
+#include <android/log.h>
+#include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/Status.h>
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
+#include <utils/String8.h>
 
+#include "app/zovk_factory.h"
 #include "app/zovk_processor_data_base.h"
+#include "settings/zovk_app_info_monitor.h"
+#include "settings/zovk_game_info_update.h"
+#include "settings/zovk_log_switch.h"
+#include "settings/zovk_pavune.h"
+#include "settings/zovk_scene_recognizer.h"
 #include "settings/zovk_settings.h"
+#include "tests/unit/binder/binder_test_support.h"
 
 namespace zovk_test {
 namespace {
 
+using android::OK;
+using android::Parcel;
+using android::sp;
+using android::String16;
+using android::binder::Status;
+using com::veltra::pavune::BnGameInfoUpdate;
+using com::veltra::pavune::BpGameInfoUpdate;
+using com::veltra::pavune::IGameInfoUpdate;
 using vulkan::zovk::ZoVkSettings;
-using Tokens = std::vector<std::string>;
+using Strings = std::vector<std::string>;
+using Decimal = ZoVkSettings::Decimal;
+
+constexpr char kStarRail[] = "com.miHoYo.hkrpg";
+
+ZoVkSettings* Settings() {
+    return ZoVkSettings::GetInstance();
+}
+
+android::ZoVkAppInfoMonitor* Monitor() {
+    return android::ZoVkAppInfoMonitor::GetInstance();
+}
+
+// --- readers -----------------------------------------------------------------------------------
 
 TEST(Split, ReturnsTheMaximalRunsBetweenDelimiters) {
-    EXPECT_EQ(ZoVkSettings::Split(",a,,b,", ","), (Tokens{"a", "b"}));
-    EXPECT_EQ(ZoVkSettings::Split("a b;c", " ;"), (Tokens{"a", "b", "c"}));
-    EXPECT_EQ(ZoVkSettings::Split("1920x1080", "x"), (Tokens{"1920", "1080"}));
-    EXPECT_EQ(ZoVkSettings::Split("abc", ""), (Tokens{"abc"}));
-    EXPECT_EQ(ZoVkSettings::Split("", ","), Tokens{});
-    EXPECT_EQ(ZoVkSettings::Split(",;,", ",;"), Tokens{});
+    EXPECT_EQ(ZoVkSettings::Split(",a,,b,", ","), (Strings{"a", "b"}));
+    EXPECT_EQ(ZoVkSettings::Split("a b;c", " ;"), (Strings{"a", "b", "c"}));
+    EXPECT_EQ(ZoVkSettings::Split("1920x1080", "x"), (Strings{"1920", "1080"}));
+    EXPECT_EQ(ZoVkSettings::Split("abc", ""), (Strings{"abc"}));
+    EXPECT_EQ(ZoVkSettings::Split("", ","), Strings{});
+    EXPECT_EQ(ZoVkSettings::Split(",;,", ",;"), Strings{});
 }
 
-TEST(IsIntChar, AcceptsOnlyAsciiDigitsAndLogsTheRest) {
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(ZoVkSettings::IsIntChar(""));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // an empty text is not logged
-
-    EXPECT_TRUE(ZoVkSettings::IsIntChar("007"));
-    EXPECT_TRUE(ZoVkSettings::IsIntChar("4294967296"));
-    for (const char* text : {"-1", "+1", " 1", "1.5", "\xd9\xa3"}) {  // the last: an Arabic-Indic digit
-        EXPECT_FALSE(ZoVkSettings::IsIntChar(text)) << text;
+TEST(ParseDecimal, DigitsOnlyUpToTheBoundAndOneLineForText) {
+    struct Case {
+        const char* text;
+        uint64_t max;
+        Decimal result;
+        uint64_t value;  // when kOk
+        bool logged;     // the "isIntChar is not int" line
+    };
+    const uint64_t all = ~0ull;
+    const Case cases[] = {
+        {"", all, Decimal::kNotDecimal, 0, false},
+        {"007", all, Decimal::kOk, 7, false},
+        {"4294967296", all, Decimal::kOk, 4294967296ull, false},
+        {"18446744073709551615", all, Decimal::kOk, all, false},
+        {"18446744073709551616", all, Decimal::kTooLarge, 0, false},
+        {"2147483647", 2147483647, Decimal::kOk, 2147483647, false},
+        {"2147483648", 2147483647, Decimal::kTooLarge, 0, false},
+        {"0000000000000000000000000", 0, Decimal::kOk, 0, false},
+        {"5", 0, Decimal::kTooLarge, 0, false},
+        {"12a", all, Decimal::kNotDecimal, 0, true},
+        {"-1", all, Decimal::kNotDecimal, 0, true},
+        {"+1", all, Decimal::kNotDecimal, 0, true},
+        {" 1", all, Decimal::kNotDecimal, 0, true},
+        {"1.5", all, Decimal::kNotDecimal, 0, true},
+        {"\xd9\xa3", all, Decimal::kNotDecimal, 0, true},  // an Arabic-Indic digit
+    };
+    for (const Case& c : cases) {
+        uint64_t value = 12345;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(ZoVkSettings::ParseDecimal(c.text, c.max, &value), c.result) << c.text;
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(value, c.result == Decimal::kOk ? c.value : 12345u) << c.text;
+        const std::string line = std::string("isIntChar is not int: ") + c.text;
+        EXPECT_EQ(log.find(line) != std::string::npos, c.logged) << c.text << ": " << log;
+        EXPECT_EQ(log.find("isIntChar", log.find("isIntChar") + 1), std::string::npos) << "one line only: " << log;
     }
-
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(ZoVkSettings::IsIntChar("12a"));
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_NE(log.find("isIntChar is not int: 12a"), std::string::npos) << log;
-    EXPECT_EQ(log.find("isIntChar", log.find("isIntChar") + 1), std::string::npos) << "one line only: " << log;
 }
 
-// --- identification ----------------------------------------------------------------------
+// --- identification and switches ---------------------------------------------------------------
 
-TEST(IdentifyApplication, TheTableMatchesExactlyAndCaseSensitively) {
-    ZoVkSettings* settings = ZoVkSettings::GetInstance();
-    for (const char* name : {"com.antutu.benchmark.full", "com.antutu.benchmark.full:ue2", "com.mihoyo.hkrpg",
-                             "com.miHoYo.hkrpg:remote", "xcom.miHoYo.hkrpg", "", "com.HoYoverse.hkrpg"}) {
-        EXPECT_FALSE(settings->IdentifyApplication(name)) << name;
+// The integration run covers the recognised names and a case change; these are the near misses.
+TEST(IdentifyApplication, OnlyTheExactFirstCommandLineArgumentCounts) {
+    for (const std::string& name : {std::string("com.antutu.benchmark.full:ue2"), std::string("com.miHoYo.hkrpg:remote"),
+                                    std::string("xcom.miHoYo.hkrpg"), std::string("com.HoYoverse.hkrpg"), std::string(),
+                                    std::string("app_process\0com.miHoYo.hkrpg\0", 29)}) {
+        EXPECT_FALSE(Settings()->IdentifyApplication(name)) << name;
     }
-    EXPECT_EQ(settings->GetApplicationType(), vulkan::ZOVK_APPLICATION_NONE);
-    EXPECT_EQ(settings->GetProcessName().size(), 0u);
-
-    EXPECT_TRUE(settings->IdentifyApplication("com.antutu.benchmark.full:ue"));
-    EXPECT_EQ(settings->GetApplicationType(), vulkan::ZOVK_APPLICATION_ANTUTU);
-    EXPECT_TRUE(settings->IdentifyApplication("com.HoYoverse.hkrpgoversea"));
-    EXPECT_EQ(settings->GetApplicationType(), vulkan::ZOVK_APPLICATION_STAR_RAIL);
-    EXPECT_EQ(ZoVkSettings::PackageTable().size(), 3u);
+    EXPECT_EQ(Settings()->GetApplicationType(), vulkan::ZOVK_APPLICATION_NONE);
+    EXPECT_EQ(Settings()->GetProcessName().size(), 0u);
+    EXPECT_TRUE(Settings()->IdentifyApplication(std::string("com.miHoYo.hkrpg\0--mode\0fast\0", 29)));
+    EXPECT_EQ(Settings()->GetApplicationType(), vulkan::ZOVK_APPLICATION_STAR_RAIL);
+    EXPECT_STREQ(Settings()->GetProcessName().c_str(), kStarRail);
 }
-
-TEST(IdentifyApplication, OnlyTheFirstCommandLineArgumentCounts) {
-    ZoVkSettings* settings = ZoVkSettings::GetInstance();
-    const std::string cmdline("com.miHoYo.hkrpg\0--mode\0fast\0", 29);
-    EXPECT_TRUE(settings->IdentifyApplication(cmdline));
-    EXPECT_EQ(settings->GetApplicationType(), vulkan::ZOVK_APPLICATION_STAR_RAIL);
-    EXPECT_STREQ(settings->GetProcessName().c_str(), "com.miHoYo.hkrpg");
-
-    // A recognised name in a later argument does not count.
-    EXPECT_FALSE(settings->IdentifyApplication(std::string("app_process\0com.miHoYo.hkrpg\0", 29)));
-}
-
-// --- switches ------------------------------------------------------------------------------
 
 TEST(Switches, DefaultsWithoutConfigurationDataAreConservative) {
-    ZoVkSettings* settings = ZoVkSettings::GetInstance();
-    EXPECT_TRUE(settings->UseLock());
-    EXPECT_FALSE(settings->CheckRenderThread());
-    vulkan::zovk::app::ZoVkProcessorDataBase* shared = settings->GetProcessorData();
+    EXPECT_TRUE(Settings()->UseLock());
+    EXPECT_FALSE(Settings()->CheckRenderThread());
+    EXPECT_FALSE(Settings()->IsDebuggable());
+    vulkan::zovk::app::ZoVkProcessorDataBase* shared = Settings()->GetProcessorData();
     ASSERT_NE(shared, nullptr);
-    EXPECT_EQ(settings->GetProcessorData(), shared);
-    EXPECT_FALSE(settings->IsDebuggable());
-
+    EXPECT_EQ(Settings()->GetProcessorData(), shared);
     auto* data = new vulkan::zovk::app::ZoVkProcessorDataBase;
     data->useLock = false;
     data->checkRenderThread = true;
-    settings->SetProcessorData(data);
-    EXPECT_EQ(settings->GetProcessorData(), data);
-    EXPECT_FALSE(settings->UseLock());
-    EXPECT_TRUE(settings->CheckRenderThread());
+    Settings()->SetProcessorData(data);
+    EXPECT_EQ(Settings()->GetProcessorData(), data);
+    EXPECT_FALSE(Settings()->UseLock());
+    EXPECT_TRUE(Settings()->CheckRenderThread());
 }
-
-// --- the host property stand-in --------------------------------------------------------------
 
 class PropertiesTest : public ::testing::Test {
 protected:
     void SetUp() override {
         char name[] = "/tmp/zovk_properties_XXXXXX";
-        const int fd = mkstemp(name);
-        ASSERT_GE(fd, 0);
-        close(fd);
+        close(mkstemp(name));
         path_ = name;
         setenv("ZOVK_PROPERTIES", path_.c_str(), 1);
     }
-    void TearDown() override {
-        std::remove(path_.c_str());
-        unsetenv("ZOVK_PROPERTIES");
-    }
+    void TearDown() override { std::remove(path_.c_str()); }
     void Write(const std::string& text) { std::ofstream(path_) << text; }
-
     std::string path_;
 };
 
@@ -130,19 +164,230 @@ TEST_F(PropertiesTest, BooleansAsLibcutilsSpellsThemAnythingElseKeepsTheDefault)
         EXPECT_EQ(property_get_bool(key, 0), 0) << key;
         EXPECT_EQ(property_get_bool(key, 1), 1) << key;
     }
-    // A missing file or variable is an unset property.
-    setenv("ZOVK_PROPERTIES", (path_ + ".missing").c_str(), 1);
+    setenv("ZOVK_PROPERTIES", (path_ + ".missing").c_str(), 1);  // a missing file is an unset property
     EXPECT_EQ(property_get_bool("t1", 0), 0);
     unsetenv("ZOVK_PROPERTIES");
     EXPECT_EQ(property_get_bool("t1", 0), 0);
 }
 
-TEST_F(PropertiesTest, TheLogDebugSwitchIsReadOncePerProcess) {
-    // Nothing in this process has asked for the settings yet.
+TEST_F(PropertiesTest, TheLogDebugSwitchIsReadOncePerProcessAndGatesDebugLines) {
     Write("vendor.zovk.log.debug=true\n");
-    EXPECT_TRUE(ZoVkSettings::GetInstance()->IsLogDebug());
+    EXPECT_TRUE(vulkan::zovk::IsLogDebug());
     Write("vendor.zovk.log.debug=false\n");
-    EXPECT_TRUE(ZoVkSettings::GetInstance()->IsLogDebug());
+    EXPECT_TRUE(Settings()->IsLogDebug());
+    testing::internal::CaptureStderr();
+    Monitor()->UpdateAppInfo("1 other.package 5");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("s_er_p:other.package"), std::string::npos);
+}
+
+// --- the game service ----------------------------------------------------------------------------
+
+// The game service as far as the layer can tell: it decodes every request (its code, then the
+// arguments behind a correct interface token) and answers the fetch as the test says.
+class FakePavune : public android::BBinder {
+public:
+    android::status_t fetchStatus = OK;
+    int32_t fetchException = 0;
+    std::string document;
+
+    std::vector<Strings> Requests(uint32_t code) {
+        std::lock_guard<std::mutex> guard(lock_);
+        std::vector<Strings> matching;
+        std::copy_if(received_.begin(), received_.end(), std::back_inserter(matching),
+                     [&](const Strings& r) { return r[0] == std::to_string(code); });
+        return matching;
+    }
+
+protected:
+    android::status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t) override {
+        Strings r{std::to_string(code)};
+        if (!data.enforceInterface(String16(vulkan::zovk::pavune::kInterfaceToken))) {
+            r.push_back("bad token");
+        }
+        if (code == 3) {
+            r.push_back(std::to_string(data.readInt32()));
+        }
+        r.push_back(android::String8(data.readString16()).c_str());
+        if (code == 35) {
+            r.push_back(data.readStrongBinder() != nullptr ? "binder" : "no binder");
+        }
+        if (data.dataAvail() != 0) {
+            r.push_back("trailing bytes");
+        }
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            received_.push_back(r);
+        }
+        if (code != 30 || fetchStatus != OK) {
+            return code != 30 ? OK : fetchStatus;
+        }
+        Status::fromExceptionCode(fetchException).writeToParcel(reply);
+        return reply->writeString16(String16(document.c_str()));
+    }
+
+private:
+    std::mutex lock_;
+    std::vector<Strings> received_;
+};
+
+class GameServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);  // as the library sets it when loaded
+        ASSERT_TRUE(Settings()->IdentifyApplication(std::string("com.miHoYo.hkrpg\0--flag", 23)));
+        Settings()->SetProcessorData(vulkan::zovk::app::CreateProcessorData());
+    }
+    sp<FakePavune> StartService() {
+        sp<FakePavune> service = new FakePavune();
+        EXPECT_EQ(android::defaultServiceManager()->addService(String16("veltra.pavune"), service), OK);
+        return service;
+    }
+    BinderDir dir_;
+};
+
+TEST_F(GameServiceTest, FetchResultCodesAndWhatTheServiceIsAsked) {
+    EXPECT_EQ(Settings()->InitZoVKPrefs(), 2u);
+    EXPECT_EQ(Settings()->GetRemoteService(), nullptr);
+
+    sp<FakePavune> service = StartService();
+    const std::tuple<android::status_t, int32_t, uint32_t> failures[] = {
+        {android::UNKNOWN_TRANSACTION, 0, 3u}, {OK, Status::EX_ILLEGAL_STATE, 4u}, {OK, 0, 5u}};  // 5: empty
+    for (const auto& [status, exception, code] : failures) {
+        service->fetchStatus = status;
+        service->fetchException = exception;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Settings()->InitZoVKPrefs(), code);
+        // The build tag line is written whatever the debug switch says (here: off).
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(log.find("vxxk v: 2025052101, n: com.miHoYo.hkrpg") != std::string::npos, code == 5u) << log;
+    }
+    for (const char* unusable : {"{}", "{\"configs\":", "[1,2]", "{\"configs\":{\"xrender_BaseInfo\":\"0\"}}"}) {
+        service->document = unusable;
+        EXPECT_EQ(Settings()->InitZoVKPrefs(), 0u) << unusable;
+        EXPECT_EQ(Settings()->GetHookFlags(), 0u) << unusable;
+    }
+    EXPECT_EQ(service->Requests(30), std::vector<Strings>(7, Strings{"30", kStarRail}));
+    EXPECT_NE(Settings()->GetRemoteService(), nullptr);
+    Settings()->OnRemoteServiceDied();
+    EXPECT_EQ(Settings()->GetRemoteService(), nullptr);
+    Monitor()->NotifyMonitorStarted();  // a death leaves nobody to tell
+    EXPECT_TRUE(service->Requests(29).empty());
+}
+
+TEST_F(GameServiceTest, TheSceneReportIsSentOnceWhateverTheFirstSendGave) {
+    StarRailSceneRecognizer early;
+    EXPECT_EQ(early.sendSceneIdToPavune(1), StarRailSceneRecognizer::kServiceMissing);
+    early.notifyVkMode();  // no service yet, and never again
+    sp<FakePavune> service = StartService();
+    early.notifyVkMode();
+    EXPECT_TRUE(service->Requests(3).empty());
+
+    StarRailSceneRecognizer recognizer;
+    EXPECT_EQ(recognizer.sendSceneIdToPavune(-7), StarRailSceneRecognizer::kSent);
+    recognizer.notifyVkMode();
+    recognizer.notifyVkMode();
+    EXPECT_EQ(service->Requests(3),
+              (std::vector<Strings>{{"3", "1", "{\"sceneId\":-7}"}, {"3", "1", "{\"sceneId\":10005}"}}));
+}
+
+// The stub's answers over its transaction, and what reaches the monitor.
+TEST_F(GameServiceTest, IncomingCallsReachTheMonitorOnlyWhenWellFormed) {
+    Monitor()->Start();
+    const sp<BnGameInfoUpdate> stub = new BnGameInfoUpdate();
+    EXPECT_EQ(IGameInfoUpdate::asInterface(stub).get(), stub.get());
+    struct Case {
+        const char* token;
+        uint32_t code;
+        const char16_t* record;  // null: a null string
+        android::status_t result;
+        int32_t exception;
+        int sceneId;
+    };
+    const char* pavune = vulkan::zovk::pavune::kInterfaceToken;
+    const char* update = "com.veltra.pavune.IGameInfoUpdate";
+    const Case cases[] = {
+        {pavune, 1, u"1 com.miHoYo.hkrpg 12", android::BAD_TYPE, 0, 0},
+        {update, 2, u"1 com.miHoYo.hkrpg 13", android::UNKNOWN_TRANSACTION, 0, 0},
+        {update, 1, nullptr, OK, Status::EX_NULL_POINTER, 0},
+        {update, 1, u"1 com.miHoYo.hkrpg 12", OK, 0, 12},
+    };
+    for (const Case& c : cases) {
+        Parcel data;
+        Parcel reply;
+        data.writeInterfaceToken(String16(c.token));
+        data.writeString16(c.record, c.record != nullptr ? std::char_traits<char16_t>::length(c.record) : 0);
+        EXPECT_EQ(stub->transact(c.code, data, &reply), c.result) << c.token << " " << c.code;
+        if (c.result == OK) {
+            Status status;
+            EXPECT_EQ(status.readFromParcel(reply), OK);
+            EXPECT_EQ(status.exceptionCode(), c.exception);
+        }
+        EXPECT_EQ(Monitor()->GetSceneId(), c.sceneId);
+    }
+}
+
+class DefaultImpl : public BnGameInfoUpdate {
+public:
+    Status sendToZoGL(const String16& info) override {
+        seen = android::String8(info).c_str();
+        return Status::ok();
+    }
+    std::string seen;
+};
+
+TEST(GameInfoUpdateProxy, AnUnknownTransactionFallsBackToTheDefaultImplementation) {
+    const sp<BpGameInfoUpdate> proxy = new BpGameInfoUpdate(new android::BBinder());  // knows no transaction
+    EXPECT_EQ(proxy->sendToZoGL(String16("6 com.miHoYo.hkrpg 2")).transactionError(), android::UNKNOWN_TRANSACTION);
+    EXPECT_FALSE(IGameInfoUpdate::setDefaultImpl(nullptr));
+    const sp<DefaultImpl> fallback = new DefaultImpl();
+    ASSERT_TRUE(IGameInfoUpdate::setDefaultImpl(fallback));
+    EXPECT_TRUE(proxy->sendToZoGL(String16("6 com.miHoYo.hkrpg 2")).isOk());
+    EXPECT_EQ(fallback->seen, "6 com.miHoYo.hkrpg 2");
+}
+
+// --- the monitor's records -----------------------------------------------------------------------
+
+TEST(Monitor, RecordsBeforeStartAreIgnoredAndItsTracesNeedTheDebugSwitch) {
+    Settings()->IdentifyApplication(kStarRail);
+    testing::internal::CaptureStderr();
+    Monitor()->UpdateAppInfo("1 com.miHoYo.hkrpg 12");
+    Monitor()->UpdateAppInfo("6 com.miHoYo.hkrpg 3");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(Monitor()->GetSceneId(), 0);
+    EXPECT_FALSE(Monitor()->IsVrsEnable());
+}
+
+TEST(Monitor, EveryRecordShapeStoresItsFieldOrNothing) {
+    BinderDir dir;  // no service: registration and notification just give up
+    Settings()->IdentifyApplication(kStarRail);
+    Monitor()->Start();
+    using Values = std::array<int, 5>;  // scene, MSAA, quality, VRS level, VRS on
+    const std::pair<const char*, Values> steps[] = {
+        {"1 com.miHoYo.hkrpg 12 trailing fields ignored", {12, 0, 0, 0, 0}},
+        {"1 com.other.game 99", {12, 0, 0, 0, 0}},
+        {"2 com.miHoYo.hkrpg 54 1", {12, 1, 0, 0, 0}},
+        {"2 com.miHoYo.hkrpg 8 3", {12, 1, 3, 0, 0}},
+        {"2 com.miHoYo.hkrpg 9 7", {12, 1, 3, 0, 0}},
+        {"6 com.miHoYo.hkrpg 3", {12, 1, 3, 3, 1}},
+        {"6 com.miHoYo.hkrpg 0", {12, 1, 3, 0, 0}},
+        {"6 com.miHoYo.hkrpg 2", {12, 1, 3, 2, 1}},
+    };
+    for (const auto& [record, expected] : steps) {
+        Monitor()->UpdateAppInfo(record);
+        EXPECT_EQ((Values{Monitor()->GetSceneId(), Monitor()->GetMSAASwitch(), Monitor()->GetImageQuality(),
+                          Monitor()->getVrsLevel(), Monitor()->IsVrsEnable()}),
+                  expected)
+            << record;
+    }
+    // Malformed records change nothing.
+    for (const char* bad : {"1 com.miHoYo.hkrpg", "1 com.miHoYo.hkrpg x", "hello", "", "7 com.miHoYo.hkrpg 1",
+                            "2 com.miHoYo.hkrpg 54", "6 com.miHoYo.hkrpg", "6 com.miHoYo.hkrpg 99999999999"}) {
+        Monitor()->UpdateAppInfo(bad);
+        EXPECT_EQ((Values{Monitor()->GetSceneId(), Monitor()->GetMSAASwitch(), Monitor()->GetImageQuality(),
+                          Monitor()->getVrsLevel(), Monitor()->IsVrsEnable()}),
+                  (Values{12, 1, 3, 2, 1}))
+            << bad;
+    }
 }
 
 }  // namespace

@@ -1,23 +1,27 @@
-// Calls between processes: a service in a child process, found by name and called through
-// its proxy; binders sent both ways; one-way calls; death of the service; a stopped service.
+// Calls between processes: a service in a child process found by name and called through its
+// proxy; binders it is sent and holds; death and a stopped service; who may use the runtime
+// directory and what is left in it; and peers that do not follow the transport (garbage,
+// oversized, truncated or stalled input, strangers), which must cost the service one
+// connection and nothing else.
 #include <errno.h>
 #include <signal.h>
+#include <sys/fsuid.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <binder/IServiceManager.h>
-#include <binder/Parcel.h>
 #include <gtest/gtest.h>
-#include <utils/String8.h>
 
 #include "binder_test_support.h"
+#include "platform/host/binder/transport.h"
 
 namespace zovk_test {
 namespace {
@@ -26,390 +30,406 @@ using android::IBinder;
 using android::Parcel;
 using android::sp;
 using android::String16;
-using android::String8;
-using android::wp;
 using Clock = std::chrono::steady_clock;
+using namespace android::hostbinder;
 
-sp<IBinder> Find(const char* name) {
-    return android::defaultServiceManager()->checkService(String16(name));
-}
-
-sp<IBinder> MakeService() {
-    return new TestService();
-}
-
-android::status_t Echo(const sp<IBinder>& service, const char* text, std::string* echoed = nullptr) {
+android::status_t Echo(const sp<IBinder>& service, const char* text, const char* token = "zovk.test.IService") {
     Parcel data;
     Parcel reply;
-    data.writeInterfaceToken(TestService::kDescriptor);
+    data.writeInterfaceToken(String16(token));
     data.writeString16(String16(text));
     const android::status_t err = service->transact(TestService::ECHO, data, &reply);
-    if (err == android::OK && echoed != nullptr) {
-        reply.readExceptionCode();
-        *echoed = String8(reply.readString16()).c_str();
-    }
+    EXPECT_TRUE(err != android::OK || (reply.readExceptionCode() == 0 && reply.readString16() == String16(text)));
     return err;
 }
 
-int32_t Call(const sp<IBinder>& service, uint32_t code, android::status_t* err = nullptr) {
-    Parcel data;
-    Parcel reply;
-    const android::status_t status = service->transact(code, data, &reply);
-    if (err != nullptr) {
-        *err = status;
-    }
-    return reply.readInt32();
+android::status_t Register(const char* name) {
+    return android::defaultServiceManager()->addService(String16(name), new TestService());
 }
 
-bool HasNodeSocketOf(const BinderDir& dir, pid_t pid) {
-    const std::string prefix = ".node-" + std::to_string(pid) + "-";
-    for (const std::string& name : dir.Entries()) {
-        if (name.rfind(prefix, 0) == 0) {
-            return true;
-        }
+Bytes Header(uint32_t kind, uint32_t length, uint32_t objects = 0, uint32_t magic = kFrameMagic) {
+    FrameHeader header;
+    header.kind = kind;
+    header.length = length;
+    header.objects = objects;
+    Bytes bytes(kFrameHeaderSize);
+    EncodeFrameHeader(header, bytes.data());
+    PutU32(bytes.data(), magic);
+    return bytes;
+}
+
+Bytes Hello(uint64_t node = 0, uint64_t incarnation = 0) {
+    Bytes bytes = Header(kHello, kHelloSize);
+    bytes.resize(kFrameHeaderSize + kHelloSize);
+    PutU64(bytes.data() + kFrameHeaderSize, node);
+    PutU64(bytes.data() + kFrameHeaderSize + 8, incarnation);
+    return bytes;
+}
+
+// A call carrying `data` and one object offset.
+Bytes CallWithObject(uint32_t offset, const Bytes& data) {
+    Bytes frame = Hello() + Header(kCall, uint32_t(data.size() + 4), 1) + data;
+    frame.resize(frame.size() + 4);
+    PutU32(frame.data() + frame.size() - 4, offset);
+    return frame;
+}
+
+int Connect(const std::string& path) {
+    sockaddr_un addr{AF_UNIX, {}};
+    snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", path.c_str());
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
     }
-    return false;
+    return fd;
+}
+
+// Sends the bytes and reports whether the peer then hangs up (what it says before is dropped;
+// a reset counts). Gives up after ten seconds.
+bool HangsUpAfter(int fd, const Bytes& bytes) {
+    if (fd < 0) {
+        return false;
+    }
+    if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) != ssize_t(bytes.size())) {
+        close(fd);
+        return errno == EPIPE || errno == ECONNRESET;  // hung up before reading it all
+    }
+    timeval bound{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound));
+    uint8_t buf[256];
+    ssize_t n = 0;
+    while ((n = recv(fd, buf, sizeof(buf), 0)) > 0) {
+    }
+    close(fd);
+    return n == 0 || errno == ECONNRESET;
+}
+
+mode_t ModeOf(const std::string& path) {
+    struct stat st {};
+    return lstat(path.c_str(), &st) == 0 ? st.st_mode : 0;
 }
 
 class Ipc : public testing::Test {
 protected:
-    // The echo service in a child process, found through the service manager; null if either fails.
-    sp<IBinder> StartEcho() {
-        echo_ = std::make_unique<ChildService>("echo", MakeService);
-        EXPECT_TRUE(echo_->registered());
+    sp<IBinder> StartChild() {
+        child_ = std::make_unique<ChildService>("echo");
+        EXPECT_TRUE(child_->registered());
         return Find("echo");
     }
-
     BinderDir dir_;
-    std::unique_ptr<ChildService> echo_;
+    std::unique_ptr<ChildService> child_;
 };
 
-// --- calls ---------------------------------------------------------------------------------
-
-TEST_F(Ipc, ACallReachesTheServiceAndItsReplyComesBack) {
-    const sp<IBinder> service = StartEcho();
+TEST_F(Ipc, ACallReachesTheServiceAndTheCalleesStatusComesBack) {
+    const sp<IBinder> service = StartChild();
     ASSERT_NE(service, nullptr);
-    EXPECT_NE(service->remoteBinder(), nullptr);
-    EXPECT_EQ(service->localBinder(), nullptr);
-
-    Parcel data;
-    Parcel reply;
-    data.writeInterfaceToken(TestService::kDescriptor);
-    data.writeString16(String16("hello"));
-    ASSERT_EQ(service->transact(TestService::ECHO, data, &reply), android::OK);
-    EXPECT_EQ(reply.dataPosition(), 0u);
-    EXPECT_EQ(reply.readExceptionCode(), 0);
-    EXPECT_EQ(reply.readString16(), String16("hello"));
-    EXPECT_EQ(reply.readInt32(), getpid()) << "the callee sees who called";
-    EXPECT_EQ(reply.readInt32(), int32_t(getuid()));
-
-    EXPECT_EQ(service->getInterfaceDescriptor(), TestService::kDescriptor);
-    EXPECT_EQ(service->pingBinder(), android::OK);
-    EXPECT_TRUE(service->isBinderAlive());
+    EXPECT_EQ(Echo(service, "hello"), android::OK);
     EXPECT_EQ(Find("echo"), service) << "one proxy per remote object";
-    EXPECT_EQ(Call(service, TestService::WHO), echo_->pid());
-}
-
-TEST_F(Ipc, TheCalleesStatusComesBackAsItIs) {
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
+    EXPECT_EQ(TestService::Call(service, TestService::WHO), child_->pid());
     Parcel empty;
     Parcel reply;
     EXPECT_EQ(service->transact(IBinder::FIRST_CALL_TRANSACTION + 100, empty, &reply), android::UNKNOWN_TRANSACTION);
-    EXPECT_EQ(service->transact(TestService::ECHO, empty, &reply), android::BAD_TYPE);
-    Parcel wrongToken;
-    wrongToken.writeInterfaceToken(ITestCallback::descriptor);
-    EXPECT_EQ(service->transact(TestService::ECHO, wrongToken, &reply), android::BAD_TYPE);
-    EXPECT_EQ(service->transact(TestService::ECHO, wrongToken, nullptr), android::BAD_TYPE) << "no reply wanted";
+    EXPECT_EQ(service->transact(TestService::ECHO, empty, nullptr), android::BAD_TYPE) << "no reply wanted";
+    EXPECT_EQ(Echo(service, "x", "zovk.test.IOther"), android::BAD_TYPE);
     EXPECT_EQ(Echo(service, "still here"), android::OK);
 }
 
-TEST_F(Ipc, ConcurrentCallersAreAllServed) {
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
-    std::vector<std::thread> threads;
-    std::atomic<int> good{0};
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 25; ++i) {
-                const std::string text = std::to_string(t) + ":" + std::to_string(i);
-                std::string echoed;
-                if (Echo(service, text.c_str(), &echoed) == android::OK && echoed == text) {
-                    ++good;
-                }
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(good.load(), 100);
-}
-
-// --- the service directory -----------------------------------------------------------------
-
-TEST_F(Ipc, ServicesAreFoundByNameOnly) {
-    setenv("ZOVK_BINDER_TIMEOUT_MS", "300", 1);
+TEST_F(Ipc, ServicesAreFoundByNameTheLatestRegistrationWinsAndLocalOnesAreThemselves) {
+    ChildService first("shared");
+    ASSERT_TRUE(first.registered());
+    const sp<IBinder> old = Find("shared");
+    ChildService second("shared");
+    ASSERT_TRUE(second.registered());
+    EXPECT_EQ(TestService::Call(Find("shared"), TestService::WHO), second.pid());
+    EXPECT_EQ(TestService::Call(old, TestService::WHO), first.pid()) << "a proxy keeps its object";
     EXPECT_EQ(Find("absent"), nullptr);
-    const auto start = Clock::now();
-    EXPECT_EQ(android::defaultServiceManager()->getService(String16("absent")), nullptr);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(10)) << "getService gives up";
-
-    const auto manager = android::defaultServiceManager();
-    EXPECT_EQ(manager->addService(String16("../escape"), MakeService()), android::BAD_VALUE);
-    EXPECT_EQ(manager->addService(String16(".node-1-1"), MakeService()), android::BAD_VALUE);
-    EXPECT_EQ(manager->addService(String16(""), MakeService()), android::BAD_VALUE);
-    EXPECT_EQ(manager->addService(String16("null"), nullptr), android::INVALID_OPERATION);
+    for (const char* bad : {"../escape", ".node-1-1", ""}) {
+        EXPECT_EQ(Register(bad), android::BAD_VALUE) << bad;
+    }
+    EXPECT_EQ(android::defaultServiceManager()->addService(String16("null"), nullptr), android::INVALID_OPERATION);
     EXPECT_EQ(Find("../escape"), nullptr);
-}
-
-TEST_F(Ipc, GetServiceWaitsForAServiceThatIsStarting) {
-    setenv("ZOVK_BINDER_TIMEOUT_MS", "5000", 1);
-    ChildService late("late", MakeService, /*wait=*/false, "", /*delayMs=*/300);
-    const sp<IBinder> service = android::defaultServiceManager()->getService(String16("late"));
-    ASSERT_NE(service, nullptr);
-    EXPECT_EQ(Echo(service, "x"), android::OK);
-
-    sp<ITestCallback> none;
-    setenv("ZOVK_BINDER_TIMEOUT_MS", "100", 1);
-    EXPECT_EQ(android::getService(String16("absent"), &none), android::NAME_NOT_FOUND);
-}
-
-TEST_F(Ipc, AServiceOfThisProcessIsFoundAsTheLocalObject) {
-    const sp<IBinder> local = MakeService();
+    const sp<IBinder> local = new TestService();
     ASSERT_EQ(android::defaultServiceManager()->addService(String16("mine"), local), android::OK);
     EXPECT_EQ(Find("mine"), local);
 }
 
-TEST_F(Ipc, ANameGoesToItsLatestRegistration) {
-    ChildService first("shared", MakeService);
-    ASSERT_TRUE(first.registered());
-    const sp<IBinder> old = Find("shared");
-    ChildService second("shared", MakeService);
-    ASSERT_TRUE(second.registered());
-    const sp<IBinder> latest = Find("shared");
-    ASSERT_NE(latest, nullptr);
-    EXPECT_EQ(Call(latest, TestService::WHO), second.pid());
-    EXPECT_EQ(Call(old, TestService::WHO), first.pid()) << "a proxy keeps its object";
-}
-
-// --- strong binders ------------------------------------------------------------------------
-
-TEST_F(Ipc, ACallbackIsCalledBackAndComesHomeAsItself) {
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
-    const sp<TestCallback> callback = new TestCallback();
-
-    Parcel data;
-    Parcel reply;
-    data.writeStrongBinder(android::IInterface::asBinder(callback));
-    ASSERT_EQ(service->transact(TestService::CALL_BACK, data, &reply), android::OK);
-    EXPECT_EQ(reply.readInt32(), 1);
-    const sp<IBinder> back = reply.readStrongBinder();
-    EXPECT_EQ(back.get(), static_cast<IBinder*>(callback.get()));
-    EXPECT_EQ(ITestCallback::asInterface(back).get(), static_cast<ITestCallback*>(callback.get()));
-
-    EXPECT_EQ(callback->notes(), std::vector<std::string>{"from " + std::to_string(echo_->pid())});
-    EXPECT_EQ(callback->callers(), std::vector<pid_t>{echo_->pid()});
-    EXPECT_TRUE(HasNodeSocketOf(dir_, getpid())) << "the callback got a socket of its own";
-}
-
+// As the game service keeps the layer's callback after the layer dropped its own reference.
 TEST_F(Ipc, ARemoteReferenceKeepsTheObjectAliveAndItsSocketGoesWithIt) {
-    const sp<IBinder> service = StartEcho();
+    const sp<IBinder> service = StartChild();
     ASSERT_NE(service, nullptr);
-    sp<TestCallback> callback = new TestCallback();
-    const wp<TestCallback> weak = callback;
-    {
-        Parcel data;
-        Parcel reply;
-        data.writeStrongBinder(android::IInterface::asBinder(callback));
-        ASSERT_EQ(service->transact(TestService::HOLD, data, &reply), android::OK);
-    }
-    callback.clear();  // only the service holds it now
-    ASSERT_NE(weak.promote(), nullptr);
-    EXPECT_EQ(Call(service, TestService::CALL_HELD), 1);
-    EXPECT_TRUE(HasNodeSocketOf(dir_, getpid()));
-
-    Call(service, TestService::FORGET);
-    EXPECT_TRUE(Eventually([&] { return weak.promote() == nullptr; }));
-    EXPECT_TRUE(Eventually([&] { return !HasNodeSocketOf(dir_, getpid()); }));
-}
-
-TEST_F(Ipc, AnObjectReturnedInAReplyOutlivesTheCalleesReference) {
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
+    sp<TestService> callback = new TestService();
+    const android::wp<TestService> weak = callback;
     Parcel data;
     Parcel reply;
-    ASSERT_EQ(service->transact(TestService::MAKE_OBJECT, data, &reply), android::OK);
-    // The callee dropped its own reference as soon as the reply was written.
-    const sp<IBinder> object = reply.readStrongBinder();
-    ASSERT_NE(object, nullptr);
-    ASSERT_NE(object->remoteBinder(), nullptr);
-    Echo(service, "another call on the same connection");
-    EXPECT_EQ(object->pingBinder(), android::OK);
-    EXPECT_EQ(object->getInterfaceDescriptor(), ITestCallback::descriptor);
-    EXPECT_EQ(ITestCallback::asInterface(object)->note(String16("x")), 1);
-}
-
-TEST_F(Ipc, AOneWayCallCarryingABinderKeepsItAlive) {
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
-    sp<TestCallback> callback = new TestCallback();
-    const wp<TestCallback> weak = callback;
-    {
-        Parcel data;
-        data.writeInt32(5);
-        data.writeStrongBinder(android::IInterface::asBinder(callback));
-        ASSERT_EQ(service->transact(TestService::SET_VALUE, data, nullptr, IBinder::FLAG_ONEWAY), android::OK);
-    }
+    data.writeStrongBinder(callback);
+    ASSERT_EQ(service->transact(TestService::HOLD, data, &reply), android::OK);
+    data.freeData();
     callback.clear();
-    EXPECT_EQ(Call(service, TestService::GET_VALUE), 5);
-    EXPECT_EQ(Call(service, TestService::CALL_HELD), 1);
-    EXPECT_NE(weak.promote(), nullptr);
+    ASSERT_NE(weak.promote(), nullptr);
+    EXPECT_EQ(TestService::Call(service, TestService::CALL_HELD), 1);
+    EXPECT_EQ(weak.promote()->notes(), std::vector<std::string>{"held"});
+    EXPECT_TRUE(dir_.HasNodeOf(getpid()));
+    TestService::Call(service, TestService::FORGET);
+    EXPECT_TRUE(Eventually([&] { return weak.promote() == nullptr; }));
+    EXPECT_TRUE(Eventually([&] { return !dir_.HasNodeOf(getpid()); }));
 }
-
-// --- one-way calls -------------------------------------------------------------------------
-
-TEST_F(Ipc, OneWayCallsDoNotWaitForTheCallee) {
-    setenv("ZOVK_BINDER_TIMEOUT_MS", "500", 1);
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
-    ASSERT_EQ(Echo(service, "open a connection"), android::OK);
-
-    echo_->Signal(SIGSTOP);  // a two-way call now would time out
-    Parcel data;
-    data.writeInt32(42);
-    EXPECT_EQ(service->transact(TestService::SET_VALUE, data, nullptr, IBinder::FLAG_ONEWAY), android::OK);
-    echo_->Signal(SIGCONT);
-    EXPECT_EQ(Call(service, TestService::GET_VALUE), 42) << "the one-way call arrived, in order";
-}
-
-// --- death ---------------------------------------------------------------------------------
 
 class Recipient : public IBinder::DeathRecipient {
 public:
-    void binderDied(const wp<IBinder>& who) override {
-        std::lock_guard<std::mutex> guard(lock_);
+    void binderDied(const android::wp<IBinder>& who) override {
         who_ = who;
-        thread_ = std::this_thread::get_id();
-        ++deaths_;
-        died_.notify_all();
+        died_ = true;
     }
-    bool WaitForDeath() {
-        std::unique_lock<std::mutex> lock(lock_);
-        return died_.wait_for(lock, std::chrono::seconds(10), [this] { return deaths_ > 0; });
-    }
-    int deaths() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return deaths_;
-    }
-    wp<IBinder> who() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return who_;
-    }
-    std::thread::id thread() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return thread_;
-    }
-
-private:
-    mutable std::mutex lock_;
-    std::condition_variable died_;
-    wp<IBinder> who_;
-    std::thread::id thread_;
-    int deaths_ = 0;
+    android::wp<IBinder> who_;
+    std::atomic<bool> died_{false};
 };
 
-TEST_F(Ipc, DeathOfTheServiceReachesItsRecipientsOnce) {
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
-    const sp<Recipient> linked = new Recipient();
-    const sp<Recipient> unlinked = new Recipient();
-    int cookie = 0;
-    ASSERT_EQ(service->linkToDeath(linked, &cookie), android::OK);
-    ASSERT_EQ(service->linkToDeath(unlinked), android::OK);
-    EXPECT_EQ(service->unlinkToDeath(unlinked, &cookie), android::NAME_NOT_FOUND) << "cookies must match";
-    wp<IBinder::DeathRecipient> out;
-    EXPECT_EQ(service->unlinkToDeath(unlinked, nullptr, 0, &out), android::OK);
-    EXPECT_EQ(out.promote(), unlinked);
-    EXPECT_EQ(service->linkToDeath(nullptr), android::BAD_VALUE);
-
-    echo_->KillAndReap();
-    ASSERT_TRUE(linked->WaitForDeath());
-    EXPECT_EQ(linked->who().promote(), service);
-    EXPECT_NE(linked->thread(), std::this_thread::get_id()) << "delivered on a binder thread";
-
-    EXPECT_FALSE(service->isBinderAlive());
-    EXPECT_EQ(Echo(service, "anyone?"), android::DEAD_OBJECT);
-    EXPECT_EQ(service->pingBinder(), android::DEAD_OBJECT);
-    EXPECT_EQ(service->linkToDeath(linked), android::DEAD_OBJECT);
-    EXPECT_EQ(service->unlinkToDeath(linked, &cookie), android::DEAD_OBJECT);
-    EXPECT_EQ(linked->deaths(), 1);
-    EXPECT_EQ(unlinked->deaths(), 0);
+TEST_F(Ipc, DeathReachesALinkedRecipientAndCallsFailAfterIt) {
+    ChildService children[] = {ChildService("linked"), ChildService("plain")};
+    for (ChildService& child : children) {
+        const bool linked = &child == &children[0];
+        const sp<IBinder> service = Find(linked ? "linked" : "plain");
+        ASSERT_NE(service, nullptr);
+        const sp<Recipient> recipient = new Recipient();
+        if (linked) {
+            ASSERT_EQ(service->linkToDeath(recipient), android::OK);
+            ASSERT_EQ(service->linkToDeath(sp<Recipient>(new Recipient())), android::OK);  // lapses at once
+            EXPECT_EQ(service->linkToDeath(nullptr), android::BAD_VALUE);
+        }
+        child.KillAndReap();
+        if (linked) {
+            EXPECT_TRUE(Eventually([&] { return recipient->died_.load(); }));
+            EXPECT_EQ(recipient->who_.promote(), service);
+        }
+        EXPECT_EQ(Echo(service, "anyone?"), android::DEAD_OBJECT);
+        EXPECT_FALSE(service->isBinderAlive());
+        EXPECT_EQ(service->linkToDeath(recipient), android::DEAD_OBJECT);
+        EXPECT_EQ(Find(linked ? "linked" : "plain"), nullptr) << "its socket is left, but nobody answers there";
+    }
 }
-
-TEST_F(Ipc, ARecipientOnlyTheBinderHoldsLapsesQuietly) {
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
-    ASSERT_EQ(service->linkToDeath(sp<Recipient>(new Recipient())), android::OK);  // dropped at once
-    const sp<Recipient> kept = new Recipient();
-    ASSERT_EQ(service->linkToDeath(kept), android::OK);
-    echo_->KillAndReap();
-    EXPECT_TRUE(kept->WaitForDeath());
-}
-
-TEST_F(Ipc, CallsToADeadServiceFailWithoutAnyRecipient) {
-    const sp<IBinder> service = StartEcho();
-    ASSERT_NE(service, nullptr);
-    ASSERT_EQ(Echo(service, "alive"), android::OK);
-    echo_->KillAndReap();
-    EXPECT_EQ(Echo(service, "dead"), android::DEAD_OBJECT);
-    EXPECT_FALSE(service->isBinderAlive());
-    EXPECT_EQ(Echo(service, "still dead"), android::DEAD_OBJECT);
-    EXPECT_EQ(Find("echo"), nullptr) << "its socket is left, but nobody answers there";
-}
-
-// --- a service that does not answer ---------------------------------------------------------
 
 TEST_F(Ipc, AStoppedServiceTimesOutInsteadOfHanging) {
     setenv("ZOVK_BINDER_TIMEOUT_MS", "300", 1);
-    const sp<IBinder> service = StartEcho();
+    const sp<IBinder> service = StartChild();
     ASSERT_NE(service, nullptr);
     ASSERT_EQ(Echo(service, "open a connection"), android::OK);
-
-    echo_->Signal(SIGSTOP);
+    child_->Signal(SIGSTOP);
     auto start = Clock::now();
     EXPECT_EQ(Echo(service, "on the open connection"), android::TIMED_OUT);
     EXPECT_EQ(Echo(service, "on a new connection"), android::TIMED_OUT);
     EXPECT_EQ(Find("echo"), nullptr);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
-
     // With its listen queue full, even connecting would block.
     std::vector<int> fillers;
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
+    sockaddr_un addr{AF_UNIX, {}};
     snprintf(addr.sun_path, sizeof(addr.sun_path), "%s/echo", dir_.path().c_str());
-    for (int i = 0; i < 1000; ++i) {
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    for (int fd = 0; fd >= 0 && fillers.size() < 1000;) {
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        fillers.push_back(fd);
         if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) != 0) {
             EXPECT_EQ(errno, EAGAIN);
-            close(fd);
             break;
         }
-        fillers.push_back(fd);
     }
-    start = Clock::now();
     EXPECT_EQ(Find("echo"), nullptr);
     EXPECT_LT(Clock::now() - start, std::chrono::seconds(10));
     for (const int fd : fillers) {
         close(fd);
     }
-
     // Awake again: a loaded machine may take longer than the short bound to answer.
     setenv("ZOVK_BINDER_TIMEOUT_MS", "10000", 1);
-    echo_->Signal(SIGCONT);
+    child_->Signal(SIGCONT);
     EXPECT_TRUE(service->isBinderAlive()) << "a slow service is not a dead one";
     EXPECT_EQ(Echo(service, "awake"), android::OK);
+}
+
+// --- the runtime directory --------------------------------------------------------------------
+
+TEST_F(Ipc, TheDirectoryAndItsSocketsArePrivateWhateverTheUmask) {
+    umask(0);
+    ASSERT_EQ(Register("svc"), android::OK);
+    Parcel parcel;  // publishing an object makes its own socket
+    ASSERT_EQ(parcel.writeStrongBinder(new TestService()), android::OK);
+    umask(022);
+    EXPECT_EQ(ModeOf(dir_.path()), mode_t(S_IFDIR | 0700));
+    const auto names = dir_.Entries();
+    EXPECT_EQ(names.size(), 3u) << "the service's socket, the object's, and the service's name";
+    for (const std::string& name : names) {
+        EXPECT_EQ(ModeOf(dir_.path() + "/" + name), mode_t(S_IFSOCK | 0600)) << name;
+    }
+    unsetenv("ZOVK_BINDER_DIR");  // the default: under the XDG runtime directory
+    setenv("XDG_RUNTIME_DIR", dir_.root().c_str(), 1);
+    ASSERT_EQ(Register("xdg"), android::OK);
+    EXPECT_EQ(ModeOf(dir_.root() + "/zovk-binder"), mode_t(S_IFDIR | 0700));
+    EXPECT_EQ(ModeOf(dir_.root() + "/zovk-binder/xdg"), mode_t(S_IFSOCK | 0600));
+}
+
+TEST_F(Ipc, DirectoriesThatOthersCouldReachAreRefused) {
+    const std::string target = dir_.root() + "/real";
+    const std::string path = dir_.path();
+    ASSERT_EQ(mkdir(target.c_str(), 0700), 0);
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"readable by others", [&] { mkdir(path.c_str(), 0755); }},
+        {"writable by the group", [&] { mkdir(path.c_str(), 0770); }},
+        {"a symbolic link", [&] { (void)!symlink(target.c_str(), path.c_str()); }},
+        {"a file", [&] { close(open(path.c_str(), O_CREAT | O_WRONLY, 0600)); }},
+        {"another user's", [&] {
+             mkdir(path.c_str(), 0700);
+             if (chown(path.c_str(), 65534, 65534) != 0) {  // not root: make it loose instead
+                 chmod(path.c_str(), 0777);
+             }
+         }},
+    };
+    for (const auto& [what, make] : cases) {
+        std::filesystem::remove_all(path);
+        make();
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Register("svc"), android::PERMISSION_DENIED) << what;
+        EXPECT_EQ(Find("svc"), nullptr) << what;
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("refused"), std::string::npos) << what;
+        EXPECT_FALSE(std::filesystem::exists(target + "/svc")) << what;
+        EXPECT_TRUE(std::filesystem::is_symlink(path) || dir_.Entries().empty()) << what;
+    }
+}
+
+TEST_F(Ipc, SocketsLeaveWithTheirProcessOrAreSweptByTheNext) {
+    const pid_t exiting = fork();
+    if (exiting == 0) {
+        Parcel parcel;
+        exit(Register("svc") == android::OK && parcel.writeStrongBinder(new TestService()) == android::OK &&
+                     dir_.Entries().size() == 3
+                 ? 0
+                 : 1);  // a normal exit, with its teardown
+    }
+    int status = -1;
+    waitpid(exiting, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(dir_.Entries().empty());
+
+    const sp<IBinder> stale = StartChild();
+    const pid_t killed = child_->pid();
+    child_->KillAndReap();
+    ASSERT_TRUE(dir_.HasNodeOf(killed));
+    EXPECT_EQ(Find("echo"), nullptr) << "stale, not answering";
+    ASSERT_EQ(Register("other"), android::OK);
+    EXPECT_FALSE(dir_.HasNodeOf(killed));
+    ASSERT_EQ(Register("echo"), android::OK) << "the stale name is taken over";
+    EXPECT_NE(Find("echo"), nullptr);
+}
+
+// --- peers that do not follow the transport ---------------------------------------------------
+
+// Well-formed frames are exercised by every call; these are the ones the transport refuses.
+TEST(FrameHeader, NamesWhatItRefuses) {
+    FrameHeader decoded;
+    const std::pair<Bytes, const char*> cases[] = {
+        {Header(kHello, kHelloSize), nullptr},
+        {Header(kWelcome, kHelloSize), nullptr},
+        {Header(kCall, 0), nullptr},
+        {Header(kReply, kMaxFramePayload), nullptr},
+        {Header(kCall, 32, 1), nullptr},  // one binder and its offset
+        {Header(kCall, 0, 0, 0x12345678), "bad frame magic"},
+        {Header(0, 0), "unknown frame kind"},
+        {Header(5, 0), "unknown frame kind"},
+        {Header(kHello, kHelloSize + 4), "bad greeting"},
+        {Header(kWelcome, kHelloSize, 1), "bad greeting"},
+        {Header(kCall, kMaxFramePayload + 1), "frame too large"},
+        {Header(kReply, 0xffffffff), "frame too large"},
+        {Header(kCall, 31, 1), "too many objects"},
+        {Header(kCall, 100, 0xffffffff), "too many objects"},
+    };
+    for (const auto& [frame, why] : cases) {
+        const char* got = DecodeFrameHeader(frame.data(), &decoded);
+        EXPECT_STREQ(got, why) << "kind " << GetU32(frame.data() + 4) << " length " << GetU32(frame.data() + 16);
+    }
+}
+
+class HostilePeers : public testing::Test {
+protected:
+    void SetUp() override {
+        setenv("ZOVK_BINDER_TIMEOUT_MS", "300", 1);  // the child's reads give up this fast
+        log_ = dir_.root() + "/service.log";
+        svc_ = dir_.path() + "/svc";
+        child_ = std::make_unique<ChildService>("svc", log_);
+        ASSERT_TRUE(child_->registered());
+    }
+
+    std::string Log() const {
+        std::ifstream file(log_);
+        std::stringstream text;
+        text << file.rdbuf();
+        return text.str();
+    }
+
+    void ExpectServing() const {
+        const android::sp<android::IBinder> service = Find("svc");
+        ASSERT_NE(service, nullptr);
+        EXPECT_EQ(TestService::Call(service, TestService::WHO), child_->pid());
+    }
+
+    BinderDir dir_;
+    std::string log_;
+    std::string svc_;
+    std::unique_ptr<ChildService> child_;
+};
+
+TEST_F(HostilePeers, BadInputCostsOneConnectionAndALogLine) {
+    const std::string http = "GET / HTTP/1.0\r\nHost: binder\r\n\r\n";
+    Bytes unknownType(28, 0);
+    unknownType[0] = 0x42;
+    const Bytes hello = Hello();
+    const std::pair<Bytes, const char*> cases[] = {
+        {Bytes(http.begin(), http.end()), "bad frame magic"},
+        {Hello() + Bytes(64, 0xff), "bad frame magic"},
+        {Hello() + Header(kCall, 0xfffffff0), "frame too large"},
+        {Hello() + Header(kCall, 64, 1000), "too many objects"},
+        {CallWithObject(2, Bytes(28, 0)), "bad object offset"},  // misaligned
+        {CallWithObject(8, Bytes(32, 0)), "bad object offset"},  // runs past the data
+        {CallWithObject(0, unknownType), "bad object in a call"},
+        {Header(kCall, 0), "did not greet"},
+        // Another node, or another incarnation of this one: as if this object had died.
+        {Hello(12345, 0), nullptr},
+        {Hello(0, 12345), nullptr},
+        // Half a header, then silence: the service waits its timeout, no longer.
+        {Bytes(hello.begin(), hello.begin() + 10), "stalled"},
+    };
+    for (const auto& [bytes, line] : cases) {
+        EXPECT_TRUE(HangsUpAfter(Connect(svc_), bytes)) << (line != nullptr ? line : "stranger's node");
+        if (line != nullptr) {
+            EXPECT_TRUE(Eventually([&] { return Log().find(line) != std::string::npos; })) << line << ":\n" << Log();
+        }
+    }
+    const int truncated = Connect(svc_);
+    ASSERT_GE(truncated, 0);
+    send(truncated, hello.data(), 10, MSG_NOSIGNAL);
+    close(truncated);
+    EXPECT_TRUE(Eventually([&] { return Log().find("truncated frame header") != std::string::npos; })) << Log();
+    EXPECT_NE(Log().find("libZoVK"), std::string::npos);
+    ExpectServing();
+}
+
+TEST(Strangers, ConnectionsFromAnotherUserAreRefused) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "acting as another user needs root";
+    }
+    BinderDir dir;
+    ASSERT_EQ(android::defaultServiceManager()->addService(android::String16("svc"), new TestService()), android::OK);
+    testing::internal::CaptureStderr();
+    const pid_t child = fork();
+    if (child == 0) {
+        // A peer shows its effective ids; the file-system uid stays root so that the private
+        // directory and socket can still be reached.
+        if (setegid(65534) != 0 || seteuid(65534) != 0) {
+            _exit(2);
+        }
+        setfsuid(0);
+        _exit(HangsUpAfter(Connect(dir.path() + "/svc"), Hello()) ? 0 : 4);  // without a welcome
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_NE(log.find("runs as uid 65534"), std::string::npos) << log;
 }
 
 }  // namespace
