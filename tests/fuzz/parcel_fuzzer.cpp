@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,70 +28,59 @@ using android::Parcel;
 using android::sp;
 using android::String16;
 
-void ReadEverything(const Parcel& parcel, size_t pos) {
+void ReadEverywhere(const Parcel& parcel) {
     const String16 descriptor("com.veltra.pavune.IPavuneInterface");
     int32_t i32 = 0;
     uint32_t u32 = 0;
     int64_t i64 = 0;
-    uint64_t u64 = 0;
     bool flag = false;
     String16 text;
     size_t len = 0;
     sp<android::IBinder> binder;
     uint8_t buffer[64];
-    const auto at = [&](auto read) {
-        parcel.setDataPosition(pos);
-        read();
+    const std::function<void()> reads[] = {
+        [&] { parcel.readInt32(&i32); },
+        [&] { parcel.readUint32(&u32); },
+        [&] { parcel.readInt64(&i64); },
+        [&] { (void)parcel.readUint64(); },
+        [&] { parcel.readBool(&flag); },
+        [&] { parcel.readString16(&text); },
+        [&] {
+            // Whatever comes back must be readable to its stated length.
+            if (const char16_t* str = parcel.readString16Inplace(&len)) {
+                String16 copy(str, len);
+            }
+        },
+        [&] { parcel.readStrongBinder(&binder); },
+        [&] {
+            if (parcel.readNullableStrongBinder(&binder) == android::OK && binder != nullptr) {
+                binder->isBinderAlive();
+            }
+        },
+        [&] { parcel.readExceptionCode(); },
+        [&] {
+            android::binder::Status status;
+            status.readFromParcel(parcel);
+            status.toString8();
+        },
+        [&] { parcel.enforceInterface(descriptor); },
+        [&] { parcel.read(buffer, std::min(parcel.dataAvail(), sizeof(buffer))); },
+        [&] { parcel.readInplace(7); },
     };
-    at([&] { parcel.readInt32(&i32); });
-    at([&] { i32 = parcel.readInt32(); });
-    at([&] { parcel.readUint32(&u32); });
-    at([&] { parcel.readInt64(&i64); });
-    at([&] { u64 = parcel.readUint64(); });
-    at([&] { parcel.readBool(&flag); });
-    at([&] { parcel.readString16(&text); });
-    at([&] { text = parcel.readString16(); });
-    at([&] {
-        // Whatever comes back must be readable to its stated length.
-        if (const char16_t* str = parcel.readString16Inplace(&len)) {
-            String16 copy(str, len);
-        }
-    });
-    at([&] { parcel.readStrongBinder(&binder); });
-    at([&] { binder = parcel.readStrongBinder(); });
-    at([&] {
-        if (parcel.readNullableStrongBinder(&binder) == android::OK && binder != nullptr) {
-            binder->isBinderAlive();
-        }
-    });
-    at([&] { parcel.readExceptionCode(); });
-    at([&] {
-        android::binder::Status status;
-        status.readFromParcel(parcel);
-        status.toString8();
-    });
-    at([&] { parcel.enforceInterface(descriptor); });
-    at([&] { parcel.read(buffer, std::min(parcel.dataAvail(), sizeof(buffer))); });
-    at([&] { parcel.readInplace(7); });
-}
-
-void ReadEverywhere(const Parcel& parcel) {
     const size_t end = std::min<size_t>(parcel.dataSize() + 4, 512);
     for (size_t pos = 0; pos <= end; ++pos) {
-        ReadEverything(parcel, pos);
+        for (const auto& read : reads) {
+            parcel.setDataPosition(pos);
+            read();
+        }
     }
     // And a stream of mixed reads, each from where the last stopped.
     parcel.setDataPosition(0);
-    while (parcel.dataAvail() > 0) {
-        const size_t before = parcel.dataPosition();
-        sp<android::IBinder> binder;
-        String16 text;
+    for (size_t before = 1; parcel.dataAvail() > 0 && parcel.dataPosition() != before;) {
+        before = parcel.dataPosition();
         parcel.readString16(&text);
         parcel.readNullableStrongBinder(&binder);
         parcel.readInt32();
-        if (parcel.dataPosition() == before) {
-            break;
-        }
     }
 }
 
@@ -105,33 +95,22 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size == 0) {
-        return 0;
-    }
-    const bool frame = (data[0] & 1) != 0;
-    ++data;
-    --size;
+    using namespace android::hostbinder;
     Parcel parcel;
-    if (!frame) {
-        parcel.setData(data, size);
+    if (size > 0 && (data[0] & 1) == 0) {
+        parcel.setData(data + 1, size - 1);
         ReadEverywhere(parcel);
         return 0;
     }
-    using namespace android::hostbinder;
-    if (size < kFrameHeaderSize) {
-        return 0;
-    }
     FrameHeader header;
-    if (DecodeFrameHeader(data, &header) != nullptr || (header.kind != kCall && header.kind != kReply)) {
-        return 0;
-    }
-    const size_t available = size - kFrameHeaderSize;
-    if (available < header.length) {
+    if (size < 1 + kFrameHeaderSize || DecodeFrameHeader(data + 1, &header) != nullptr ||
+        (header.kind != kCall && header.kind != kReply) || size - 1 - kFrameHeaderSize < header.length) {
         return 0;  // a truncated frame never gets past the transport
     }
-    const std::vector<uint8_t> payload(data + kFrameHeaderSize, data + kFrameHeaderSize + header.length);
+    const uint8_t* payload = data + 1 + kFrameHeaderSize;
     const char* why = nullptr;
-    if (ParcelAccess::adopt(&parcel, payload, header, &why) == android::OK) {
+    if (ParcelAccess::adopt(&parcel, std::vector<uint8_t>(payload, payload + header.length), header, &why) ==
+        android::OK) {
         ReadEverywhere(parcel);
     }
     return 0;
