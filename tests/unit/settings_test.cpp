@@ -138,23 +138,15 @@ TEST(Switches, DefaultsWithoutConfigurationDataAreConservative) {
     EXPECT_TRUE(Settings()->CheckRenderThread());
 }
 
-class PropertiesTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        char name[] = "/tmp/zovk_properties_XXXXXX";
-        close(mkstemp(name));
-        path_ = name;
-        setenv("ZOVK_PROPERTIES", path_.c_str(), 1);
-    }
-    void TearDown() override { std::remove(path_.c_str()); }
-    void Write(const std::string& text) { std::ofstream(path_) << text; }
-    std::string path_;
-};
-
-TEST_F(PropertiesTest, BooleansAsLibcutilsSpellsThemAnythingElseKeepsTheDefault) {
-    Write("t1=1\nt2=y\nt3=yes\nt4=on\n  t5  =  true  \nf1=0\nf2=n\nf3=no\nf4=off\nf5=false\n"
-          "# c=1\nmaybe=maybe\nupper=TRUE\nempty=\nlast=0\nlast=1\nno equals sign\n");
-    for (const char* key : {"t1", "t2", "t3", "t4", "t5", "last"}) {  // the last assignment wins
+// The host stand-in for system properties, and the one switch the layer reads from them.
+TEST(Properties, BooleansAsLibcutilsSpellsThemTheLastWinsAndTheLogSwitchIsReadOnce) {
+    char path[] = "/tmp/zovk_properties_XXXXXX";
+    close(mkstemp(path));
+    setenv("ZOVK_PROPERTIES", path, 1);
+    std::ofstream(path) << "t1=1\nt2=y\nt3=yes\nt4=on\n  t5  =  true  \nf1=0\nf2=n\nf3=no\nf4=off\nf5=false\n"
+                           "# c=1\nmaybe=maybe\nupper=TRUE\nempty=\nlast=0\nlast=1\nno equals sign\n"
+                           "vendor.zovk.log.debug=true\n";
+    for (const char* key : {"t1", "t2", "t3", "t4", "t5", "last"}) {
         EXPECT_EQ(property_get_bool(key, 0), 1) << key;
     }
     for (const char* key : {"f1", "f2", "f3", "f4", "f5"}) {
@@ -164,20 +156,16 @@ TEST_F(PropertiesTest, BooleansAsLibcutilsSpellsThemAnythingElseKeepsTheDefault)
         EXPECT_EQ(property_get_bool(key, 0), 0) << key;
         EXPECT_EQ(property_get_bool(key, 1), 1) << key;
     }
-    setenv("ZOVK_PROPERTIES", (path_ + ".missing").c_str(), 1);  // a missing file is an unset property
-    EXPECT_EQ(property_get_bool("t1", 0), 0);
+    EXPECT_TRUE(vulkan::zovk::IsLogDebug());
+    std::ofstream(path) << "vendor.zovk.log.debug=false\n";
+    EXPECT_TRUE(Settings()->IsLogDebug()) << "read once per process";
+    testing::internal::CaptureStderr();
+    Monitor()->UpdateAppInfo("1 other.package 5");  // an info line: written only with the switch on
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("s_er_p:other.package"), std::string::npos);
+    std::remove(path);
+    EXPECT_EQ(property_get_bool("t1", 0), 0) << "a missing file is an unset property";
     unsetenv("ZOVK_PROPERTIES");
     EXPECT_EQ(property_get_bool("t1", 0), 0);
-}
-
-TEST_F(PropertiesTest, TheLogDebugSwitchIsReadOncePerProcessAndGatesDebugLines) {
-    Write("vendor.zovk.log.debug=true\n");
-    EXPECT_TRUE(vulkan::zovk::IsLogDebug());
-    Write("vendor.zovk.log.debug=false\n");
-    EXPECT_TRUE(Settings()->IsLogDebug());
-    testing::internal::CaptureStderr();
-    Monitor()->UpdateAppInfo("1 other.package 5");
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("s_er_p:other.package"), std::string::npos);
 }
 
 // --- the game service ----------------------------------------------------------------------------

@@ -137,10 +137,9 @@ TEST_F(Ipc, ACallReachesTheServiceAndTheCalleesStatusComesBack) {
 
 TEST_F(Ipc, ServicesAreFoundByNameTheLatestRegistrationWinsAndLocalOnesAreThemselves) {
     ChildService first("shared");
-    ASSERT_TRUE(first.registered());
     const sp<IBinder> old = Find("shared");
     ChildService second("shared");
-    ASSERT_TRUE(second.registered());
+    ASSERT_TRUE(first.registered() && second.registered());
     EXPECT_EQ(TestService::Call(Find("shared"), TestService::WHO), second.pid());
     EXPECT_EQ(TestService::Call(old, TestService::WHO), first.pid()) << "a proxy keeps its object";
     EXPECT_EQ(Find("absent"), nullptr);
