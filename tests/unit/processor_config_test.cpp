@@ -50,7 +50,7 @@ TEST(ProcessorConfig, TheMaskAndTheThreadSwitchesOfEveryShape) {
         {R"({"xrender_BaseInfo":"3"})", {1, 2}, true, true, "old"},
         {R"({"xrender_BaseInfo":"3","vrs_Params":"1920*1080"})", {1}, true, true, "old"},  // module 2 refuses
         {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"1;0;RenderThread"})", {1}, true, false, "RenderThread"},
-        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"0;1;Unity.*"})", {1}, false, true, "Unity.*"},
+        {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":";0;;1;Unity.*;"})", {1}, false, true, "Unity.*"},
         {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"00;99999999999999999999999;R"})", {1}, false, true, "R"},
         {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"1;1"})", {1}, false, true, "old"},
         {R"({"xrender_BaseInfo":"1","xrender_CheckMainInfo":"x;1;RenderThread"})", {1}, false, true, "old"},

@@ -59,15 +59,7 @@ android::ZoVkAppInfoMonitor* Monitor() {
 
 // --- readers -----------------------------------------------------------------------------------
 
-TEST(Split, ReturnsTheMaximalRunsBetweenDelimiters) {
-    EXPECT_EQ(ZoVkSettings::Split(",a,,b,", ","), (Strings{"a", "b"}));
-    EXPECT_EQ(ZoVkSettings::Split("a b;c", " ;"), (Strings{"a", "b", "c"}));
-    EXPECT_EQ(ZoVkSettings::Split("1920x1080", "x"), (Strings{"1920", "1080"}));
-    EXPECT_EQ(ZoVkSettings::Split("abc", ""), (Strings{"abc"}));
-    EXPECT_EQ(ZoVkSettings::Split("", ","), Strings{});
-    EXPECT_EQ(ZoVkSettings::Split(",;,", ",;"), Strings{});
-}
-
+// Split's runs between delimiters are read through the configuration tables that use them.
 TEST(ParseDecimal, DigitsOnlyUpToTheBoundAndOneLineForText) {
     struct Case {
         const char* text;
