@@ -18,6 +18,10 @@
 
 #include "layer/zovk_records.h"
 
+namespace vulkan::zovk::app {
+void NoteHookFailure();  // zovk_processor_base.cpp
+}
+
 namespace vulkan::zovk::app::module {
 
 namespace detail {
@@ -76,7 +80,7 @@ struct ZoVkPreFunctor<Slot, R(VKAPI_PTR*)(Args...)> {
     using At = ZoVkNext<Slot>;
     // The node itself and the device record come last, as two words: with the call's own
     // arguments first, they stay in the registers they arrived in.
-    using Func = R (*)(Args..., const ZoVkPreFunctor* self, const ZoVkDeviceInfo* record);
+    using Func = R (*)(Args..., const ZoVkPreFunctor* self, const ZoVkDeviceInfo* record) noexcept;
     // A module's handler: the call's parameters, then the rest of the chain to hand it to.
     using HandlerType = ZoVkPassed<R>(Args..., At next);
     template <typename Module>
@@ -88,13 +92,22 @@ struct ZoVkPreFunctor<Slot, R(VKAPI_PTR*)(Args...)> {
     ZoVkPreFunctor* next = nullptr;
 
     // Calls the next layer; what a chain with no module node runs.
-    static R Tail(Args... args, const ZoVkPreFunctor* self, const ZoVkDeviceInfo* record) {
+    static R Tail(Args... args, const ZoVkPreFunctor* self, const ZoVkDeviceInfo* record) noexcept {
         return At::RunFrom(self, *record, args...);
     }
     // A module's node: hands the call to the module's handler, which hands it on through `at`.
+    // No exception leaves a node: a handler that throws (handlers hand the call on last) is
+    // skipped, the call goes on unchanged, and the failure is logged once. The next layer
+    // never throws (ZoVkNext calls it noexcept), so a handler that cannot throw otherwise pays
+    // nothing for this.
     template <typename Module, Handler<Module> H>
-    static R Hooked(Args... args, const ZoVkPreFunctor* self, const ZoVkDeviceInfo* record) {
-        return (static_cast<Module*>(self->owner)->*H)(args..., At(self, record)).Result();
+    static R Hooked(Args... args, const ZoVkPreFunctor* self, const ZoVkDeviceInfo* record) noexcept {
+        try {
+            return (static_cast<Module*>(self->owner)->*H)(args..., At(self, record)).Result();
+        } catch (...) {
+            NoteHookFailure();
+            return At::RunFrom(self->next, *record, args...);
+        }
     }
 };
 
@@ -132,21 +145,25 @@ public:
 
     // Runs the chain from `node` on. A node handing on to the tail calls the next layer
     // itself, with the arguments where they already are; a further node is the rare case.
-    static R RunFrom(const Node* node, const ZoVkDeviceInfo& record, Args... args) {
+    static R RunFrom(const Node* node, const ZoVkDeviceInfo& record, Args... args) noexcept {
         if (__builtin_expect(node == &sPreTail<Slot>, 1)) {
-            const auto next = record.functions.*Slot;
+            // The layers and drivers below are C: nothing is thrown from them. Saying so lets
+            // this call be a jump, and keeps it outside every module's exception barrier.
+            using NextLayerCall = R(VKAPI_PTR*)(Args...) noexcept;
+            const auto next = reinterpret_cast<NextLayerCall>(record.functions.*Slot);
             return next != nullptr ? next(args...) : detail::DefaultResult<R>();
         }
         return RunNode(node, record, args...);
     }
     // Runs the chain from its head: a hooked call almost always has a module node there, so
     // the head is called without looking for the tail first.
-    static R RunHead(const Node* head, const ZoVkDeviceInfo& record, Args... args) {
+    static R RunHead(const Node* head, const ZoVkDeviceInfo& record, Args... args) noexcept {
         return head->func(args..., head, &record);
     }
 
 private:
-    __attribute__((noinline, cold)) static R RunNode(const Node* node, const ZoVkDeviceInfo& record, Args... args) {
+    __attribute__((noinline, cold)) static R RunNode(const Node* node, const ZoVkDeviceInfo& record,
+                                                     Args... args) noexcept {
         return node->func(args..., node, &record);
     }
 
@@ -164,7 +181,8 @@ struct ZoVkPostFunctor;
 template <auto Slot, typename R, typename... Args>
 struct ZoVkPostFunctor<Slot, R(VKAPI_PTR*)(Args...)> {
     static constexpr bool kHasResult = std::is_same_v<R, VkResult>;
-    using Func = std::conditional_t<kHasResult, void (*)(void*, Args..., VkResult), void (*)(void*, Args...)>;
+    using Func = std::conditional_t<kHasResult, void (*)(void*, Args..., VkResult) noexcept,
+                                    void (*)(void*, Args...) noexcept>;
     // A module's handler: the call's parameters, then the next layer's result if the call has one.
     using HandlerType = std::conditional_t<kHasResult, void(Args..., VkResult), void(Args...)>;
 
@@ -173,15 +191,24 @@ struct ZoVkPostFunctor<Slot, R(VKAPI_PTR*)(Args...)> {
     int32_t priority = 0;
     ZoVkPostFunctor* next = nullptr;
 
-    static void Dummy(void*, Args...) {}
-    static void Dummy(void*, Args..., VkResult) {}
+    static void Dummy(void*, Args...) noexcept {}
+    static void Dummy(void*, Args..., VkResult) noexcept {}
+    // A node that throws is skipped, as a pre node is; the next layer has already run.
     template <typename Module, void (Module::*H)(Args..., VkResult)>
-    static void Hooked(void* owner, Args... args, VkResult result) {
-        (static_cast<Module*>(owner)->*H)(args..., result);
+    static void Hooked(void* owner, Args... args, VkResult result) noexcept {
+        try {
+            (static_cast<Module*>(owner)->*H)(args..., result);
+        } catch (...) {
+            NoteHookFailure();
+        }
     }
     template <typename Module, void (Module::*H)(Args...)>
-    static void Hooked(void* owner, Args... args) {
-        (static_cast<Module*>(owner)->*H)(args...);
+    static void Hooked(void* owner, Args... args) noexcept {
+        try {
+            (static_cast<Module*>(owner)->*H)(args...);
+        } catch (...) {
+            NoteHookFailure();
+        }
     }
 };
 
@@ -244,7 +271,7 @@ struct ZoVkPostChain {
     void Insert(Node* node) { InsertFunctor(head, &sPostDummy<Slot>, node); }
     void Remove(Node* node) { RemoveFunctor(head, &sPostDummy<Slot>, node); }
     template <typename... Args>
-    void Run(Args... args) const {
+    void Run(Args... args) const noexcept {
         for (const Node* node = head; node != &sPostDummy<Slot>; node = node->next) {
             node->func(node->owner, args...);
         }
@@ -275,7 +302,7 @@ class ZoVkHookedCall;
 template <auto Slot, ZoVkChainShape Shape, typename R, typename... Args>
 class ZoVkHookedCall<Slot, Shape, R(VKAPI_PTR*)(Args...)> {
 public:
-    R operator()(const ZoVkDeviceInfo& record, Args... args) const {
+    R operator()(const ZoVkDeviceInfo& record, Args... args) const noexcept {
         if constexpr (Shape == ZoVkChainShape::Pre) {
             return pre_.Run(record, args...);
         } else {

@@ -1,13 +1,22 @@
 #include "app/zovk_processor_base.h"
 
 #include <algorithm>
+#include <atomic>
 
 #include "app/zovk_factory.h"
 #include "app/zovk_module_base.h"
 #include "app/zovk_processor_data_base.h"
+#include "settings/zovk_log.h"
 #include "settings/zovk_settings.h"
 
 namespace vulkan::zovk::app {
+
+void NoteHookFailure() {
+    static std::atomic<bool> logged{false};
+    if (!logged.exchange(true, std::memory_order_relaxed)) {
+        ZOVK_LOGE("a module failed inside a hooked call; the call went on without it (logged once)");
+    }
+}
 
 ZoVkProcessorBase::ZoVkProcessorBase() {
     instanceHooks_.max_load_factor(1.0f);

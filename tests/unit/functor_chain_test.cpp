@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,7 @@ public:
     void OnDeviceDestroy(VkDevice) override { gLog.push_back(tag_ + ":deviceDestroy"); }
 
     bool end = false;
+    bool fail = false;  // throw, as an allocation failure would
 
 private:
     void Log(const std::string& what) { gLog.push_back(tag_ + ":" + what); }
@@ -59,6 +61,7 @@ ZoVkPassed<void> ChainModule::PreVkCmdDrawIndexed(VkCommandBuffer cb, uint32_t i
                                                   uint32_t firstIndex, int32_t vertexOffset, uint32_t firstInstance,
                                                   ZoVkNext<&T::vkCmdDrawIndexed> next) {
     Log("draw");
+    if (fail) throw std::bad_alloc();
     return next(cb, indexCount, instanceCount, firstIndex, vertexOffset, firstInstance);
 }
 ZoVkPassed<VkResult> ChainModule::PreVkBeginCommandBuffer(VkCommandBuffer cb, const VkCommandBufferBeginInfo* info,
@@ -69,6 +72,7 @@ ZoVkPassed<VkResult> ChainModule::PreVkBeginCommandBuffer(VkCommandBuffer cb, co
 void ChainModule::PostVkCreateRenderPass(VkDevice, const VkRenderPassCreateInfo*, const VkAllocationCallbacks*,
                                          VkRenderPass* pass, VkResult result) {
     Log("createdPass:" + std::to_string(result) + ":" + zovk_test::Hex(*pass));
+    if (fail) throw std::bad_alloc();
 }
 void ChainModule::PostVkCmdEndRenderPass(VkCommandBuffer) { Log("endedPass"); }
 ZoVkPassed<VkResult> ChainModule::PreVkCreateGraphicsPipelines(VkDevice device, VkPipelineCache cache, uint32_t count,
@@ -201,6 +205,22 @@ TEST_F(FunctorChainTest, PostChainsRunAfterTheNextLayerWithItsResultWhichTheAppl
               VK_SUCCESS);
     EXPECT_EQ(gLog, (std::vector<std::string>{"a:pipelines", "b:pipelines", "a:pipelinesCreated:0:made",
                                               "b:pipelinesCreated:0:made"}));
+}
+
+TEST_F(FunctorChainTest, AModuleThatThrowsIsSkippedAndTheCallGoesOnUnchanged) {
+    AddModule(1, "failing", 0)->fail = true;
+    AddModule(2, "after", 5);
+    CreateDevice(fake_.device);
+    EXPECT_EQ(Draw(fake_.CommandBuffer()), (std::vector<std::string>{"failing:draw", "after:draw", kNextDraw}));
+    VkRenderPassCreateInfo info{};
+    info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
+    VkRenderPass pass = VK_NULL_HANDLE;
+    gLog.clear();
+    EXPECT_EQ(Resolve<PFN_vkCreateRenderPass>("vkCreateRenderPass", Device())(Device(), &info, nullptr, &pass),
+              VK_SUCCESS);
+    ASSERT_EQ(gLog.size(), 2u);
+    EXPECT_EQ(gLog[1], "after:createdPass:0:" + zovk_test::Hex(pass));
+    EXPECT_EQ(fake_.Calls("vkCreateRenderPass"), 1);
 }
 
 TEST_F(FunctorChainTest, CallsReachTheNextLayerOfTheirOwnDevice) {
