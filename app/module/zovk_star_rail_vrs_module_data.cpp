@@ -1,6 +1,7 @@
 #include "app/module/zovk_star_rail_vrs_module_data.h"
 
-#include <stdexcept>
+#include <cstdint>
+#include <limits>
 
 #include "settings/zovk_log.h"
 #include "settings/zovk_settings.h"
@@ -9,18 +10,16 @@ namespace vulkan::zovk::app::module {
 
 namespace {
 
-// Plain decimal digits that fit an int32. Signs are refused by IsIntChar, so negative
-// counts can never be configured.
+// Plain decimal digits that fit an int32: signs are refused, so negative counts can never
+// be configured.
 bool ParseInt(const std::string& text, int32_t* value) {
-    if (!ZoVkSettings::IsIntChar(text)) {
+    uint64_t parsed = 0;
+    if (ZoVkSettings::ParseDecimal(text, std::numeric_limits<int32_t>::max(), &parsed) !=
+        ZoVkSettings::Decimal::kOk) {
         return false;
     }
-    try {
-        *value = static_cast<int32_t>(std::stoi(text, nullptr, 10));
-        return true;
-    } catch (const std::out_of_range&) {
-        return false;
-    }
+    *value = static_cast<int32_t>(parsed);
+    return true;
 }
 
 // An absent member is an empty string; anything but a string cannot be parsed.
