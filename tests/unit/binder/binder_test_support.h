@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -32,6 +33,15 @@ inline Bytes operator+(Bytes a, const Bytes& b) {
     return a;
 }
 
+// `size` bytes of `value`, little-endian.
+inline Bytes Le(uint64_t value, int size) {
+    Bytes bytes;
+    for (int i = 0; i < size; ++i) {
+        bytes.push_back(uint8_t(value >> (8 * i)));
+    }
+    return bytes;
+}
+
 // A fresh directory for the test's sockets, named by ZOVK_BINDER_DIR while it lives; the
 // binder directory itself is a child, so that its creation can be seen.
 class BinderDir {
@@ -45,11 +55,10 @@ public:
     ~BinderDir() {
         unsetenv("ZOVK_BINDER_DIR");
         // Binder threads may still be removing the sockets of objects that died with the test.
-        for (int attempt = 0; attempt < 100 && std::filesystem::exists(root_); ++attempt) {
-            std::error_code error;
-            if (std::filesystem::remove_all(root_, error) == static_cast<std::uintmax_t>(-1)) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
+        std::error_code error;
+        for (int attempt = 0; attempt < 100 && std::filesystem::remove_all(root_, error) == std::uintmax_t(-1);
+             ++attempt) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
     const std::string& root() const { return root_; }
@@ -63,12 +72,9 @@ public:
         return names;
     }
     bool HasNodeOf(pid_t pid) const {
-        for (const std::string& name : Entries()) {
-            if (name.rfind(".node-" + std::to_string(pid) + "-", 0) == 0) {
-                return true;
-            }
-        }
-        return false;
+        const std::string prefix = ".node-" + std::to_string(pid) + "-";
+        const auto names = Entries();
+        return std::any_of(names.begin(), names.end(), [&](const std::string& n) { return n.rfind(prefix, 0) == 0; });
     }
 
 private:
@@ -108,8 +114,7 @@ public:
     }
     // Calls `code` with an optional string; the reply's first int32.
     static int32_t Call(const android::sp<android::IBinder>& binder, uint32_t code, const char* text = nullptr) {
-        android::Parcel data;
-        android::Parcel reply;
+        android::Parcel data, reply;
         if (text != nullptr) {
             data.writeString16(android::String16(text));
         }

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "binder_test_support.h"
+#include "platform/host/binder/transport.h"
 
 namespace zovk_test {
 namespace {
@@ -23,6 +24,7 @@ using android::sp;
 using android::String16;
 using android::String8;
 using android::binder::Status;
+using android::hostbinder::GetU64;
 
 Bytes BytesOf(const Parcel& parcel) {
     return Bytes(parcel.data(), parcel.data() + parcel.dataSize());
@@ -38,14 +40,6 @@ Bytes Units(const char* ascii) {
     Bytes bytes;
     for (; *ascii != '\0'; ++ascii) {
         bytes.insert(bytes.end(), {uint8_t(*ascii), 0});
-    }
-    return bytes;
-}
-
-Bytes Le(uint64_t value, int size) {
-    Bytes bytes;
-    for (int i = 0; i < size; ++i) {
-        bytes.push_back(uint8_t(value >> (8 * i)));
     }
     return bytes;
 }
@@ -251,10 +245,7 @@ TEST_F(LocalBinders, ALocalObjectIsWrittenWithItsNodeAndReadBackAsItselfAndForge
     ASSERT_EQ(parcel.writeStrongBinder(object), android::OK);
     const Bytes written = BytesOf(parcel);
     ASSERT_EQ(written.size(), 28u);
-    uint64_t node = 0;
-    uint64_t incarnation = 0;
-    memcpy(&node, written.data() + 8, 8);
-    memcpy(&incarnation, written.data() + 16, 8);
+    const uint64_t node = GetU64(written.data() + 8), incarnation = GetU64(written.data() + 16);
     EXPECT_EQ(written, Flat(kTypeBinder, 0x113, node, incarnation, 0x0c));
     EXPECT_EQ(node >> 32, uint64_t(getpid()));
     EXPECT_NE(uint32_t(node), 0u);
@@ -306,8 +297,7 @@ TEST_F(LocalBinders, AnObjectOfAProcessThatIsGoneReadsAsADeadProxy) {
     ASSERT_NE(binder->remoteBinder(), nullptr);
     EXPECT_EQ(binder->localBinder(), nullptr);
     EXPECT_FALSE(binder->isBinderAlive());
-    Parcel data;
-    Parcel reply;
+    Parcel data, reply;
     EXPECT_EQ(binder->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply), android::DEAD_OBJECT);
     EXPECT_EQ(binder->pingBinder(), android::DEAD_OBJECT);
     EXPECT_EQ(binder->getInterfaceDescriptor().size(), 0u);
