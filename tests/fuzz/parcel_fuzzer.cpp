@@ -31,19 +31,15 @@ using android::String16;
 void ReadEverywhere(const Parcel& parcel) {
     const String16 descriptor("com.veltra.pavune.IPavuneInterface");
     int32_t i32 = 0;
-    uint32_t u32 = 0;
     int64_t i64 = 0;
-    bool flag = false;
     String16 text;
     size_t len = 0;
     sp<android::IBinder> binder;
     uint8_t buffer[64];
     const std::function<void()> reads[] = {
+        // The other fixed-size reads and the non-nullable binder and exception-code reads wrap these.
         [&] { parcel.readInt32(&i32); },
-        [&] { parcel.readUint32(&u32); },
         [&] { parcel.readInt64(&i64); },
-        [&] { (void)parcel.readUint64(); },
-        [&] { parcel.readBool(&flag); },
         [&] { parcel.readString16(&text); },
         [&] {
             // Whatever comes back must be readable to its stated length.
@@ -51,13 +47,11 @@ void ReadEverywhere(const Parcel& parcel) {
                 String16 copy(str, len);
             }
         },
-        [&] { parcel.readStrongBinder(&binder); },
         [&] {
             if (parcel.readNullableStrongBinder(&binder) == android::OK && binder != nullptr) {
                 binder->isBinderAlive();
             }
         },
-        [&] { parcel.readExceptionCode(); },
         [&] {
             android::binder::Status status;
             status.readFromParcel(parcel);

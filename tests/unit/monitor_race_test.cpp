@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,9 +85,8 @@ TEST(MonitorRace, ConcurrentPushesWhileReadingYieldOnlySentValues) {
     for (int p = 0; p < kPushers; ++p) {
         std::vector<std::string> records;
         for (int round = 0; round < 250; ++round) {
-            for (const std::string& record : Records(100 * p + round % 100, (p + round) % 6)) {
-                records.push_back(record);
-            }
+            const std::vector<std::string> sent = Records(100 * p + round % 100, (p + round) % 6);
+            records.insert(records.end(), sent.begin(), sent.end());
             records.push_back(nothing[(p + round) % 7]);
         }
         pushers.push_back(Sender(records));
@@ -99,26 +99,25 @@ TEST(MonitorRace, ConcurrentPushesWhileReadingYieldOnlySentValues) {
     ASSERT_TRUE(vulkan::zovk::ZoVkSettings::GetInstance()->IdentifyApplication(kPackage));
     android::ZoVkAppInfoMonitor* monitor = android::ZoVkAppInfoMonitor::GetInstance();
     monitor->Start();
-    ASSERT_TRUE(monitor->IsStarted());
     ASSERT_EQ(android::OK, android::defaultServiceManager()->addService(
                                android::String16("zovk.test.game_info_update"),
                                new com::veltra::pavune::BnGameInfoUpdate()));
     for (const auto& pusher : pushers) {
         Go(pusher.second);
     }
+    // Scene, MSAA, quality, level, and the VRS switch, updated apart from the level: any value was sent.
+    using Values = std::array<int, 5>;
+    const auto read = [monitor] {
+        return Values{monitor->GetSceneId(), monitor->GetMSAASwitch(), monitor->GetImageQuality(),
+                      monitor->getVrsLevel(), monitor->IsVrsEnable()};
+    };
     std::string bad;  // the first values read that were never sent for this package under their field
-    int finished = 0;
-    int succeeded = 0;
+    int finished = 0, succeeded = 0;
     while (finished < kPushers) {
-        const int scene = monitor->GetSceneId();
-        const int msaa = monitor->GetMSAASwitch();
-        const int quality = monitor->GetImageQuality();
-        const int level = monitor->getVrsLevel();
-        (void)monitor->IsVrsEnable();  // updated apart from the level: any value was sent
-        if (bad.empty() && !(InRange(scene, kScene) && InRange(msaa, kMsaa) && InRange(quality, kQuality) &&
-                             level >= 0 && level < 6)) {
-            bad = std::to_string(scene) + " " + std::to_string(msaa) + " " + std::to_string(quality) + " " +
-                  std::to_string(level);
+        const Values v = read();
+        if (bad.empty() && !(InRange(v[0], kScene) && InRange(v[1], kMsaa) && InRange(v[2], kQuality) && v[3] >= 0 &&
+                             v[3] < 6)) {
+            bad = testing::PrintToString(v);
         }
         int status = 0;
         if (waitpid(-1, &status, WNOHANG) > 0) {
@@ -127,7 +126,7 @@ TEST(MonitorRace, ConcurrentPushesWhileReadingYieldOnlySentValues) {
         }
         std::this_thread::yield();
     }
-    EXPECT_EQ(bad, "") << "scene, MSAA, quality, level";
+    EXPECT_EQ(bad, "");
     EXPECT_EQ(succeeded, kPushers) << "every pusher's calls succeed";
 
     // Each call returns after the monitor stored its record: once the settler is gone, the values
@@ -136,11 +135,7 @@ TEST(MonitorRace, ConcurrentPushesWhileReadingYieldOnlySentValues) {
     int status = 0;
     ASSERT_EQ(waitpid(settler.first, &status, 0), settler.first);
     ASSERT_TRUE(Succeeded(status));
-    EXPECT_EQ(kScene + kSettled, monitor->GetSceneId());
-    EXPECT_EQ(kMsaa + kSettled, monitor->GetMSAASwitch());
-    EXPECT_EQ(kQuality + kSettled, monitor->GetImageQuality());
-    EXPECT_EQ(4, monitor->getVrsLevel());
-    EXPECT_TRUE(monitor->IsVrsEnable());
+    EXPECT_EQ(read(), (Values{kScene + kSettled, kMsaa + kSettled, kQuality + kSettled, 4, 1}));
 }
 
 }  // namespace

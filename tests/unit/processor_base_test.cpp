@@ -25,8 +25,11 @@ Log gModuleLog;
 // Writes each call it gets as "<name>:<call>".
 class LoggingModule : public ZoVkModuleBase {
 public:
-    LoggingModule(ZoVkProcessorBase* processor, std::string name, unsigned int id, bool validAfterBegin = true)
-        : ZoVkModuleBase(processor), name_(std::move(name)), id_(id), validAfterBegin_(validAfterBegin) {}
+    LoggingModule(ZoVkProcessorBase* processor, std::string name, unsigned int id, bool validAtCreation = true,
+                  bool validAfterBegin = true)
+        : ZoVkModuleBase(processor), name_(std::move(name)), id_(id), validAfterBegin_(validAfterBegin) {
+        valid = validAtCreation;  // false: e.g. its configuration is absent
+    }
     ~LoggingModule() override { Add("deleted"); }
 
     unsigned int GetModuleId() const override { return id_; }
@@ -48,39 +51,24 @@ private:
     bool validAfterBegin_;
 };
 
-Log Released(const std::string& name) {
-    return {name + ":UnregisterInstanceFunctors", name + ":UnregisterDeviceFunctors", name + ":OnEnd",
-            name + ":deleted"};
-}
-
-TEST(ProcessorBase, RegisteringTheSameModuleTwiceKeepsOne) {
+TEST(ProcessorBase, AModuleRegisteredTwiceIsKeptOnceAndOnEndReleasesEachOnceInReverseOrder) {
     TestProcessor processor;
-    auto* module = new LoggingModule(&processor, "A", 1);
-    processor.RegisterModule(module);
-    processor.RegisterModule(module);
-    processor.RegisterModule(nullptr);
-    ASSERT_EQ(processor.GetVkModules().size(), 1u);
-    EXPECT_EQ(processor.GetVkModule(1), module);
-    EXPECT_EQ(processor.GetVkModule(2), nullptr);
-
-    processor.OnEnd();
-    EXPECT_EQ(gModuleLog, Released("A"));  // released exactly once
-    EXPECT_TRUE(processor.GetVkModules().empty());
-}
-
-TEST(ProcessorBase, OnEndReleasesModulesInReverseOrder) {
-    TestProcessor processor;
-    processor.RegisterModule(new LoggingModule(&processor, "A", 1));
-    processor.RegisterModule(new LoggingModule(&processor, "B", 2));
-    processor.RegisterModule(new LoggingModule(&processor, "C", 4));
-    processor.OnEnd();
-
-    Log expected = Released("C");
-    for (const char* name : {"B", "A"}) {
-        const Log released = Released(name);
-        expected.insert(expected.end(), released.begin(), released.end());
+    auto* first = new LoggingModule(&processor, "A", 1);
+    for (LoggingModule* module : {first, first, static_cast<LoggingModule*>(nullptr),
+                                  new LoggingModule(&processor, "B", 2), new LoggingModule(&processor, "C", 4)}) {
+        processor.RegisterModule(module);
     }
-    EXPECT_EQ(gModuleLog, expected);
+    ASSERT_EQ(processor.GetVkModules().size(), 3u);
+    EXPECT_EQ(processor.GetVkModule(1), first);
+    EXPECT_EQ(processor.GetVkModule(8), nullptr);
+    processor.OnEnd();
+    Log released;
+    for (const char* name : {"C", "B", "A"}) {
+        for (const char* call : {"UnregisterInstanceFunctors", "UnregisterDeviceFunctors", "OnEnd", "deleted"}) {
+            released.push_back(std::string(name) + ":" + call);
+        }
+    }
+    EXPECT_EQ(gModuleLog, released);
     EXPECT_TRUE(processor.GetVkModules().empty());
 }
 
@@ -89,12 +77,8 @@ TEST(ProcessorBase, OnBeginKeepsOnlyTheModulesThatStayValid) {
     data->moduleIds = {1, 2, 4, 8};
     ZoVkSettings::GetInstance()->SetProcessorData(data);
     using vulkan::zovk::app::gCreateModuleMap;
-    gCreateModuleMap[1] = [](ZoVkProcessorBase* p) {
-        auto* module = new LoggingModule(p, "bad", 1);
-        module->valid = false;  // e.g. its configuration is absent
-        return module;
-    };
-    gCreateModuleMap[2] = [](ZoVkProcessorBase* p) { return new LoggingModule(p, "fails", 2, false); };
+    gCreateModuleMap[1] = [](ZoVkProcessorBase* p) { return new LoggingModule(p, "bad", 1, false); };
+    gCreateModuleMap[2] = [](ZoVkProcessorBase* p) { return new LoggingModule(p, "fails", 2, true, false); };
     gCreateModuleMap[8] = [](ZoVkProcessorBase* p) { return new LoggingModule(p, "good", 8); };
     // Id 4 has no creator.
 
@@ -109,8 +93,6 @@ TEST(ProcessorBase, OnBeginKeepsOnlyTheModulesThatStayValid) {
     gModuleLog.clear();
     processor.InitVkDeviceHooks();
     EXPECT_EQ(gModuleLog, (Log{"good:RegisterDeviceHooks", "good:RegisterDeviceFunctors"}));
-    EXPECT_EQ(processor.GetDeviceHookFunction(TestProcessor::kDeviceHookName),
-              reinterpret_cast<vulkan::zovk::app::ZoVkHookFunction>(DrawHook));
     data->EraseModuleId(8);
     gModuleLog.clear();
     processor.InitVkDeviceHooks();
@@ -120,8 +102,7 @@ TEST(ProcessorBase, OnBeginKeepsOnlyTheModulesThatStayValid) {
 
 TEST(ProcessorBase, RecordSettersNotifyOncePerNewRecord) {
     TestProcessor processor;
-    vulkan::zovk::ZoVkDeviceInfo first;
-    vulkan::zovk::ZoVkDeviceInfo second;
+    vulkan::zovk::ZoVkDeviceInfo first, second;
     processor.SetDeviceInfo(&first);
     processor.SetDeviceInfo(&first);
     processor.SetDeviceInfo(nullptr);
@@ -130,7 +111,6 @@ TEST(ProcessorBase, RecordSettersNotifyOncePerNewRecord) {
     processor.SetDeviceInfo(&second);
     EXPECT_EQ(TestProcessorStats::gotDeviceInfo, 2);
     EXPECT_EQ(processor.GetDeviceInfo(), &second);
-
     vulkan::zovk::ZoVkInstanceInfo instance;
     processor.SetInstanceInfo(nullptr);
     processor.SetInstanceInfo(&instance);
