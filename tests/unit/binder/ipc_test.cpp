@@ -4,19 +4,14 @@
 // oversized, truncated or stalled input, strangers), which must cost the service one
 // connection and nothing else.
 #include <errno.h>
-#include <signal.h>
 #include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -26,12 +21,9 @@
 namespace zovk_test {
 namespace {
 
-using android::IBinder;
-using android::Parcel;
-using android::sp;
-using android::String16;
-using Clock = std::chrono::steady_clock;
+using namespace android;
 using namespace android::hostbinder;
+using Clock = std::chrono::steady_clock;
 
 android::status_t Echo(const sp<IBinder>& service, const char* text, const char* token = "zovk.test.IService") {
     Parcel data;

@@ -2,10 +2,6 @@
 // malformed data, and strong binders written and read inside one process.
 #include <stdint.h>
 #include <string.h>
-#include <unistd.h>
-
-#include <functional>
-#include <vector>
 
 #include <binder/Parcel.h>
 #include <binder/Status.h>
@@ -17,12 +13,7 @@
 namespace zovk_test {
 namespace {
 
-using android::BBinder;
-using android::IBinder;
-using android::Parcel;
-using android::sp;
-using android::String16;
-using android::String8;
+using namespace android;
 using android::binder::Status;
 using android::hostbinder::GetU64;
 
@@ -152,7 +143,7 @@ TEST(ParcelReads, ShortOrMalformedDataFailsWithoutMovingThePosition) {
 
 // --- binder::Status ---------------------------------------------------------------------------
 
-TEST(StatusReply, ReadsBackWhatItWritesAndConsumesItExactly) {
+TEST(StatusReply, ReadsBackWhatItWritesAndConsumesItExactlyAndOverwritesAReply) {
     const Status statuses[] = {
         Status::ok(),
         Status::fromExceptionCode(Status::EX_SECURITY, "denied"),
@@ -182,9 +173,8 @@ TEST(StatusReply, ReadsBackWhatItWritesAndConsumesItExactly) {
     EXPECT_EQ(status.readFromParcel(fat), android::OK);
     EXPECT_TRUE(status.isOk());
     EXPECT_EQ(fat.readInt32(), 5);
-}
 
-TEST(StatusReply, WritingATransactionFailureReturnsItAndOverwritingReplacesTheReply) {
+    // A transaction failure is returned, not written; writing over a reply replaces it.
     Parcel reply;
     EXPECT_EQ(Status::fromStatusT(android::DEAD_OBJECT).writeToParcel(&reply), android::DEAD_OBJECT);
     EXPECT_EQ(Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED).writeToParcel(&reply),
