@@ -178,14 +178,11 @@ TEST_F(VrsBuilderTest, PassesGainTheRateAttachmentInEverySubpass) {
     auto v2Attachment = Struct<VkAttachmentDescription2>(VK_STRUCTURE_TYPE_ATTACHMENT_DESCRIPTION_2);
     v2Attachment.pNext = &stencil;
     v2Attachment.format = VK_FORMAT_D32_SFLOAT;
-    const VkAttachmentReference2 v2Depth{VK_STRUCTURE_TYPE_ATTACHMENT_REFERENCE_2, nullptr, 0, kDepthLayout,
-                                         VK_IMAGE_ASPECT_DEPTH_BIT | VK_IMAGE_ASPECT_STENCIL_BIT};
     const auto depthResolve =
         Struct<VkSubpassDescriptionDepthStencilResolve>(VK_STRUCTURE_TYPE_SUBPASS_DESCRIPTION_DEPTH_STENCIL_RESOLVE);
     auto v2Subpass = Struct<VkSubpassDescription2>(VK_STRUCTURE_TYPE_SUBPASS_DESCRIPTION_2);
     v2Subpass.pNext = &depthResolve;
     v2Subpass.viewMask = 3;
-    v2Subpass.pDepthStencilAttachment = &v2Depth;
     auto v2Dependency = Struct<VkSubpassDependency2>(VK_STRUCTURE_TYPE_SUBPASS_DEPENDENCY_2);
     v2Dependency.srcSubpass = VK_SUBPASS_EXTERNAL;
     v2Dependency.viewOffset = 1;
@@ -210,7 +207,7 @@ TEST_F(VrsBuilderTest, PassesGainTheRateAttachmentInEverySubpass) {
          {0, 1, 1, 2, 4, 8, VK_DEPENDENCY_BY_REGION_BIT, 0}, "16x8", "failed to create rp2"},
         {"version 2", [&] { return builder_.createShadingRateRenderpass2(v2, {16, 16}); },
          {Tie(v2Attachment, &stencil)},
-         {"input | color | resolve | depth 0:depth:6 | view 3"},
+         {"input | color | resolve | depth | view 3"},
          {VK_SUBPASS_EXTERNAL, 0, 0, 0, 0, 0, 0, 1}, "16x16", "failed to create rp22"},
     };
     const VkAttachmentDescription2 rate{
@@ -292,16 +289,15 @@ TEST_F(VrsBuilderTest, FramebufferAppendsTheRateViewMadeOnce) {
 }
 
 TEST_F(VrsBuilderTest, PipelineGetsTheRateAsDynamicStateOnceAndTheSubstitutePass) {
-    const VkDynamicState rate = VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR;
-    const VkDynamicState viewport[2] = {VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_SCISSOR};
-    const VkPipelineDynamicStateCreateInfo withViewport{
-        VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO, nullptr, 0, 2, viewport};
-    const VkPipelineDynamicStateCreateInfo withRate{
-        VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO, nullptr, 0, 1, &rate};
+    const VkDynamicState states[3] = {VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_SCISSOR,
+                                      VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR};
+    const VkPipelineDynamicStateCreateInfo given[2] = {
+        {VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO, nullptr, 0, 2, states},  // viewport and scissor
+        {VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO, nullptr, 0, 1, states + 2}};  // the rate already
     const struct {
         const VkPipelineDynamicStateCreateInfo* given;
         std::vector<VkDynamicState> sent;  // a state listed twice is invalid
-    } cases[] = {{&withViewport, {viewport[0], viewport[1], rate}}, {&withRate, {rate}}, {nullptr, {rate}}};
+    } cases[] = {{&given[0], {states[0], states[1], states[2]}}, {&given[1], {states[2]}}, {nullptr, {states[2]}}};
     std::vector<VkDynamicState> sent;
     fake_.onPipeline = [&](const VkGraphicsPipelineCreateInfo& i) {
         sent.assign(i.pDynamicState->pDynamicStates,
@@ -326,8 +322,8 @@ TEST_F(VrsBuilderTest, PipelineGetsTheRateAsDynamicStateOnceAndTheSubstitutePass
 
 // Memory is the lowest allowed type with the properties (the fake's types: 0 device-local,
 // 1 host-visible and coherent, 2 both, 3 host-visible); for images device-local whatever is
-// asked. What is made is bound to it. A failed or refused create gives a null handle; a
-// failed allocation hands back the object, unbound.
+// asked. What is made is bound to it. A failed or refused create gives a null handle; so
+// does a failed allocation, after destroying the object.
 TEST_F(VrsBuilderTest, ImagesAndBuffersGetTheirMemoryBoundOrFailLogged) {
     const std::string image = "vkCreateImage 8x8 made=", buffer = "vkCreateBuffer size=8 made=";
     const std::string allocate = "vkAllocateMemory type=";
@@ -344,13 +340,16 @@ TEST_F(VrsBuilderTest, ImagesAndBuffersGetTheirMemoryBoundOrFailLogged) {
         {true, 8, 0b1110, "", {image + "1000", allocate + "2 made=1001", bindImage}, nullptr},
         {false, 8, 0x3f, "", {buffer + "1000", allocate + "1 made=1001", bindBuffer}, nullptr},
         {false, 8, 0b1100, "", {buffer + "1000", allocate + "2 made=1001", bindBuffer}, nullptr},
-        {true, 8, 0b1010, "", {image + "1000", allocate + "0 made=1001", bindImage}, "failed to find suitable memory"},
+        {false, 8, 0b1000, "", {buffer + "1000", allocate + "0 made=1001", bindBuffer}, "failed to find suitable"},
+        {true, 8, 0b1010, "", {image + "1000", allocate + "0 made=1001", bindImage}, "failed to find suitable"},
         {true, 8, 0x3f, "vkCreateImage", {image + "0"}, "failed to create image!"},
         {true, 0, 0x3f, "", {}, "failed to create image!"},
-        {true, 8, 0x3f, "vkAllocateMemory", {image + "1000", allocate + "0 made=0"}, "failed to allocate image"},
+        {true, 8, 0x3f, "vkAllocateMemory", {image + "1000", allocate + "0 made=0", "vkDestroyImage 1000"},
+         "failed to allocate image"},
         {false, 8, 0x3f, "vkCreateBuffer", {buffer + "0"}, "CreateBuffer failed"},
         {false, 0, 0x3f, "", {}, "CreateBuffer failed"},
-        {false, 8, 0x3f, "vkAllocateMemory", {buffer + "1000", allocate + "1 made=0"}, "failed to allocate buffer"},
+        {false, 8, 0x3f, "vkAllocateMemory", {buffer + "1000", allocate + "1 made=0", "vkDestroyBuffer 1000"},
+         "failed to allocate buffer"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE((c.image ? "image " : "buffer ") + std::to_string(c.size) + " " + c.fail);
@@ -365,15 +364,16 @@ TEST_F(VrsBuilderTest, ImagesAndBuffersGetTheirMemoryBoundOrFailLogged) {
                            : reinterpret_cast<uintptr_t>(builder_.createBuffer(c.size, 0, kHost, memory));
         });
         EXPECT_EQ(fake_.Log(), c.calls);
-        EXPECT_EQ(made, c.calls.empty() || c.calls[0].find("made=0") != std::string::npos ? 0 : 0x1000u);
+        EXPECT_EQ(made, c.calls.empty() || c.calls.back().find("vkBind") != 0 ? 0 : 0x1000u);
         EXPECT_TRUE(c.logged == nullptr ? log.empty() : log.find(c.logged) != std::string::npos) << log;
     }
 }
 
 // Two uploads and two Releases: the helper's own pool on the first graphics family, made once
 // and destroyed once; the application's pool when that cannot be made, never destroyed;
-// nothing at all without either; no submission without a graphics family. The loader is told
-// of each command buffer and queue before it is used.
+// nothing at all without either; no submission without a graphics family; a submit queue, when
+// set, instead of the first graphics queue (fetched once until Release). The loader is told of
+// each command buffer and queue before it is used.
 TEST_F(VrsBuilderTest, OneShotWorkUsesTheOwnPoolMadeOnceUntilRelease) {
     const VkQueueFamilyProperties compute{VK_QUEUE_COMPUTE_BIT, 1, 0, {1, 1, 1}};
     const VkQueueFamilyProperties graphics{VK_QUEUE_GRAPHICS_BIT, 1, 0, {1, 1, 1}};
@@ -385,18 +385,22 @@ TEST_F(VrsBuilderTest, OneShotWorkUsesTheOwnPoolMadeOnceUntilRelease) {
         const char* created;  // the own pool's create, if tried
         const char* pool;     // recorded on, if any
         const char* family;   // submitted to, if any
+        bool submitQueue;     // set to a queue of the application's
     } cases[] = {
-        {"own pool", {compute, graphics}, false, 0xA99, "family=1 made=1000", "1000", "1"},
-        {"application's pool", {graphics}, true, 0xA99, "family=0 made=0", "a99", "0"},
-        {"no pool", {graphics}, true, 0, "family=0 made=0", nullptr, nullptr},
-        {"no graphics family", {compute}, false, 0xA99, nullptr, "a99", nullptr},
+        {"own pool", {compute, graphics}, false, 0xA99, "family=1 made=1000", "1000", "1", false},
+        {"application's pool", {graphics}, true, 0xA99, "family=0 made=0", "a99", "0", false},
+        {"no pool", {graphics}, true, 0, "family=0 made=0", nullptr, nullptr, false},
+        {"no graphics family", {compute}, false, 0xA99, nullptr, "a99", nullptr, false},
+        {"submit queue", {graphics}, false, 0, "family=0 made=1000", "1000", "0", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Reset(c.poolFails ? "vkCreateCommandPool" : "");
         fake_.queueFamilies = c.families;
         builder_.SetCommandPool(Handle<VkCommandPool>(c.appPool));
-        size_t next = fake_.made.size();  // the command buffers and queues, in the order obtained
+        zovk_test::FakeObject appQueue{&fake_.deviceDispatch};
+        builder_.SetSubmitQueue(c.submitQueue ? reinterpret_cast<VkQueue>(&appQueue) : VK_NULL_HANDLE);
+        size_t next = fake_.made.size();  // the command buffers, in the order allocated
         const std::string log = Logged([&] {
             builder_.updateImageDataFromBuffer(Handle<VkImage>(1), 4, 4, Handle<VkBuffer>(2));
             builder_.updateImageDataFromBuffer(Handle<VkImage>(1), 4, 4, Handle<VkBuffer>(2));
@@ -405,25 +409,26 @@ TEST_F(VrsBuilderTest, OneShotWorkUsesTheOwnPoolMadeOnceUntilRelease) {
         builder_.Release();
 
         const auto told = [&] { return "setDeviceLoaderData " + Hex(fake_.made.at(next++).get()); };
+        const std::string queue = "setDeviceLoaderData " + Hex(fake_.Queue());
         const std::string pool = c.pool == nullptr ? "" : std::string("pool=") + c.pool;
         Log calls;
         if (c.created != nullptr) calls.push_back("vkCreateCommandPool " + std::string(c.created));
         for (int i = 0; i < 2 && c.pool != nullptr; ++i) {
             calls.insert(calls.end(), {"vkAllocateCommandBuffers " + pool, told(), "vkBeginCommandBuffer",
                                        "vkCmdCopyBufferToImage buffer=2 image=1 layout=7", "vkEndCommandBuffer"});
-            if (c.family != nullptr) {
-                calls.insert(calls.end(), {"vkGetDeviceQueue family=" + std::string(c.family), told(),
-                                           "vkQueueSubmit", "vkQueueWaitIdle"});
+            if (c.family != nullptr && !c.submitQueue && i == 0) {
+                calls.insert(calls.end(), {"vkGetDeviceQueue family=" + std::string(c.family), queue});
             }
+            if (c.family != nullptr) calls.insert(calls.end(), {"vkQueueSubmit", "vkQueueWaitIdle"});
             calls.push_back("vkFreeCommandBuffers " + pool);
         }
         if (c.created != nullptr && !c.poolFails) calls.push_back("vkDestroyCommandPool 1000");
         EXPECT_EQ(fake_.Log(), calls);
+        for (const zovk_test::Event& e : fake_.events) {
+            EXPECT_TRUE(e.name != "vkQueueSubmit" || e.handle == (c.submitQueue ? &appQueue : &fake_.queue));
+        }
         EXPECT_EQ(log.find("failed to allocate command buffers") != std::string::npos, c.pool == nullptr) << log;
     }
-    EXPECT_EQ(builder_.findGraphicQueueFamilies(), UINT32_MAX);
-    fake_.queueFamilies.clear();
-    EXPECT_EQ(builder_.findGraphicQueueFamilies(), UINT32_MAX);
 }
 
 // Layouts outside the table are logged; the barrier is still recorded and submitted.
@@ -484,13 +489,9 @@ TEST_F(VrsBuilderTest, DestroyingAShadingRateImageFreesEachPartOnce) {
     info.memory = Handle<VkDeviceMemory>(0x33);
     builder_.destroyShadingRateImage(info);
     builder_.destroyShadingRateImage(info);
-    EXPECT_EQ(fake_.Log(), (Log{"vkDestroyImageView 32", "vkDestroyImage 31", "vkFreeMemory 33"}));
-
-    Reset();
-    ShadingRateImageInfo imageOnly;
-    imageOnly.image = Handle<VkImage>(0x31);
-    builder_.destroyShadingRateImage(imageOnly);
-    EXPECT_EQ(fake_.Log(), Log{"vkDestroyImage 31"});
+    info.image = Handle<VkImage>(0x34);  // an image alone
+    builder_.destroyShadingRateImage(info);
+    EXPECT_EQ(fake_.Log(), (Log{"vkDestroyImageView 32", "vkDestroyImage 31", "vkFreeMemory 33", "vkDestroyImage 34"}));
 }
 
 }  // namespace
