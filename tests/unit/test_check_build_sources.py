@@ -1,150 +1,92 @@
 #!/usr/bin/env python3
-"""Tests of tools/check_build_sources.py on small hand-made trees."""
+"""Tests of tools/check_build_sources.py: per rule, small trees that keep it and trees that break it."""
 
 import contextlib
 import io
 import os
 import sys
 import tempfile
-import textwrap
 import unittest
 
-REPO_ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-sys.path.insert(0, os.path.join(REPO_ROOT, "tools"))
-
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
 import check_build_sources as check  # noqa: E402
 
-WARNINGS = ["-Wall", "-Wshadow"]
+CMAKE = ("set(ZOVK_WARNINGS -Wall -Wshadow)\nset(ZOVK_LAYER_SOURCES  # the library\n  %s\n)\n"
+         "set(ZOVK_HOST_PLATFORM_SOURCES platform/host/p.cpp)\n")
+SOURCES = "app/module/b.cpp layer/generated/g.cpp layer/a.cpp"
+GLOBS = ["layer/**/*.cpp", "app/**/*.cpp"]
 
 
-def cmake_text(sources):
-    return textwrap.dedent("""\
-        set(ZOVK_WARNINGS %s)
-        # The layer's own sources.
-        set(ZOVK_LAYER_SOURCES  # the library (both builds)
-          %s
-        )
-        set(ZOVK_HOST_PLATFORM_SOURCES
-          platform/host/properties.cpp
-        )
-        """) % (" ".join(WARNINGS), "\n  ".join(sources))
-
-
-def blueprint_text(patterns, cflags=WARNINGS):
-    """libzovk in bpfmt's layout, beside a second module, a nested srcs list and comments
-    that are not the library's."""
+def blueprint(globs=GLOBS, cflags=("-Wshadow", "-Wall")):
+    """libzovk in bpfmt's layout beside another module, a nested srcs list and comments that are not its own."""
     listed = lambda items: "".join('\n        "%s",' % item for item in items)
-    return textwrap.dedent("""\
-        // libzovk, "framework" build: srcs: ["other.cpp"]
-        cc_library_headers {
-            name: "libzovk_headers",
-            srcs: ["tools/*.cpp"],
-        }
-
-        cc_library_shared {
-            name: "libzovk",
-            system_ext_specific: true,
-            srcs: [%s // trailing "comment"
-            ],
-            arch: {
-                arm64: {
-                    srcs: ["arm64/*.cpp"],
-                },
-            },
-            /* cflags: ["-Wextra"], */
-            cflags: [%s
-                "-fvisibility=hidden",
-            ],
-        }
-        """) % (listed(patterns), listed(cflags))
+    return ('// libzovk: srcs: ["other.cpp"]\ncc_library_headers {\n    name: "libzovk_headers",\n'
+            '    srcs: ["tools/*.cpp"],\n}\n\ncc_library_shared {\n    name: "libzovk",\n'
+            '    srcs: [%s // trailing "comment"\n    ],\n    arch: {\n        arm64: {\n'
+            '            srcs: ["arm64/*.cpp"],\n        },\n    },\n    /* cflags: ["-Wextra"], */\n'
+            '    cflags: [%s\n        "-fvisibility=hidden",\n    ],\n}\n') % (listed(globs), listed(cflags))
 
 
-class TreeTest(unittest.TestCase):
-    def setUp(self):
-        self._dir = tempfile.TemporaryDirectory()
-        self.root = self._dir.name
-        self.addCleanup(self._dir.cleanup)
-
-    def write(self, path, text=""):
-        full = os.path.join(self.root, path)
-        os.makedirs(os.path.dirname(full), exist_ok=True)
-        with open(full, "w") as f:
-            f.write(text)
-
-    def builds(self, host, patterns, cflags=WARNINGS):
-        self.write("CMakeLists.txt", cmake_text(host))
-        self.write("Android.bp", blueprint_text(patterns, cflags))
+# Keeps every rule: files that no glob names (a header, another module's, the host platform's), platform
+# macros only in platform/, a build tree and a comment.
+TREE = {"CMakeLists.txt": CMAKE % SOURCES, "Android.bp": blueprint(), "layer/a.cpp": "", "layer/generated/g.cpp": "",
+        "layer/a.h": "#ifndef ZOVK_A_H\n#if 0  // not for __ANDROID__ yet\n#endif\n", "app/module/b.cpp": "",
+        "tools/t.cpp": "", "arm64/x.cpp": "", "platform/host/p.cpp": "#ifdef __ANDROID__\n#endif\n",
+        "build-arm64/CMakeFiles/id.c": "#if defined(__linux__)\n#endif\n"}
 
 
-class SourcesTest(TreeTest):
-    SOURCES = ["layer/a.cpp", "layer/generated/g.cpp", "app/module/b.cpp"]
-    GLOBS = ["layer/**/*.cpp", "app/**/*.cpp"]
+class RulesTest(unittest.TestCase):
+    def cases(self, rows):
+        """Each row: a name, the files that replace TREE's (None removes one), the problems expected."""
+        for name, files, want in rows:
+            with self.subTest(name), tempfile.TemporaryDirectory() as root:
+                for path, text in {**TREE, **files}.items():
+                    if text is not None:
+                        os.makedirs(os.path.dirname(os.path.join(root, path)), exist_ok=True)
+                        with open(os.path.join(root, path), "w") as f:
+                            f.write(text)
+                self.assertEqual(check.check(root), want)
+                with contextlib.redirect_stdout(io.StringIO()), contextlib.redirect_stderr(io.StringIO()) as err:
+                    self.assertEqual(check.main(["--root", root]), 1 if want else 0)
+                self.assertEqual(err.getvalue(), "".join(line + "\n" for line in want))
 
-    def setUp(self):
-        super().setUp()
-        for source in self.SOURCES + ["layer/a.h", "tools/t.cpp", "arm64/x.cpp", "platform/host/p.cpp"]:
-            self.write(source)
-
-    def test_globs_matching_cmakes_list_pass(self):
-        self.builds(list(reversed(self.SOURCES)), self.GLOBS)
-        self.assertEqual(check.check(self.root), [])
-        with contextlib.redirect_stdout(io.StringIO()):
-            self.assertEqual(check.main(["--root", self.root]), 0)
-
-    def test_file_on_one_side_only_fails(self):
-        self.write("app/module/new.cpp")
-        self.builds(self.SOURCES + ["settings/gone.cpp"], self.GLOBS + ["settings/*.cpp"])
-        self.assertEqual(check.check(self.root), [
-            "Android.bp: srcs pattern settings/*.cpp matches no file",
-            "app/module/new.cpp: matched by Android.bp's app/**/*.cpp but not in CMakeLists.txt "
-            "ZOVK_LAYER_SOURCES",
-            "settings/gone.cpp: in CMakeLists.txt ZOVK_LAYER_SOURCES but matched by no srcs pattern "
-            "of Android.bp",
+    def test_the_globs_and_cmakes_list_name_the_same_library_sources(self):
+        self.cases([
+            ("the same files, in other orders", {}, []),
+            ("a file on one side only, a glob that matches nothing",
+             {"app/module/new.cpp": "", "CMakeLists.txt": CMAKE % (SOURCES + " settings/gone.cpp"),
+              "Android.bp": blueprint(GLOBS + ["settings/*.cpp"])},
+             ["Android.bp: srcs pattern settings/*.cpp matches no file",
+              "app/module/new.cpp: matched by Android.bp's app/**/*.cpp but not in CMakeLists.txt ZOVK_LAYER_SOURCES",
+              "settings/gone.cpp: in CMakeLists.txt ZOVK_LAYER_SOURCES but matched by no srcs pattern of Android.bp"]),
+            ("a platform stand-in in both", {"CMakeLists.txt": CMAKE % (SOURCES + " platform/host/p.cpp"),
+                                             "Android.bp": blueprint(GLOBS + ["platform/host/p.cpp"])},
+             ["platform/host/p.cpp: a platform stand-in taken as a library source"]),
+            ("no Android.bp", {"Android.bp": None}, ["Android.bp: missing"]),
+            ("no libzovk", {"Android.bp": blueprint().replace('"libzovk"', '"libother"')},
+             ["Android.bp: no module named libzovk (in bpfmt's layout)"]),
+            ("srcs not one list", {"Android.bp": blueprint().replace("srcs: [\n", "srcs: common + [\n")},
+             ["Android.bp: srcs of libzovk must be one plain list of paths and globs"]),
         ])
-        with contextlib.redirect_stderr(io.StringIO()) as err:
-            self.assertEqual(check.main(["--root", self.root]), 1)
-        self.assertIn("app/module/new.cpp", err.getvalue())
 
-    def test_platform_stand_in_and_warning_drift_fail(self):
-        both = self.SOURCES + ["platform/host/p.cpp"]
-        self.builds(both, self.GLOBS + ["platform/host/p.cpp"], cflags=["-Wall"])
-        problems = check.check(self.root)
-        self.assertEqual(len(problems), 2, problems)
-        self.assertIn("platform/host/p.cpp: a platform stand-in", problems[0])
-        self.assertIn("warning flags -Wall differ", problems[1])
+    def test_the_warning_flags_are_the_host_builds(self):
+        self.cases([
+            ("the same in another order, beside other flags and a commented-out one", {}, []),
+            ("one missing", {"Android.bp": blueprint(cflags=("-Wall",))},
+             ["Android.bp: warning flags -Wall differ from CMakeLists.txt ZOVK_WARNINGS -Wall -Wshadow"]),
+        ])
 
-    def test_unreadable_builds_are_reported(self):
-        self.write("CMakeLists.txt", cmake_text(self.SOURCES))
-        self.assertEqual(check.check(self.root), ["Android.bp: missing"])
-        self.write("Android.bp", 'cc_library_shared {\n    name: "libother",\n    srcs: ["a.cpp"],\n}\n')
-        self.assertIn("no module named libzovk", check.check(self.root)[0])
-        self.write("Android.bp",
-                   'cc_library_shared {\n    name: "libzovk",\n    srcs: common + ["a.cpp"],\n}\n')
-        self.assertIn("one plain list", check.check(self.root)[0])
-
-
-class ConditionsTest(TreeTest):
-    def test_platform_conditions_outside_platform_fail(self):
-        self.builds([], [])
-        self.write("layer/x.cpp", textwrap.dedent("""\
-            #ifndef ZOVK_X_H
-            #if 0  // not for __ANDROID__ yet
-            #endif
-            #ifdef __ANDROID__
-            #endif
-            #if FEATURE && \\
-                defined(__linux__)
-            #elif defined __aarch64__ /* arm */
-            #endif
-            """))
-        self.write("tests/y.h", "#  if __ANDROID_API__ >= 35\n#endif\n")
-        self.write("platform/host/z.cpp", "#ifdef __ANDROID__\n#endif\n")
-        self.write("build-arm64/CMakeFiles/id.c", "#if defined(__linux__)\n#endif\n")
-        self.assertEqual(check.check(self.root), [
-            "layer/x.cpp:4: condition on the platform macro __ANDROID__ outside platform/",
-            "layer/x.cpp:6: condition on the platform macro __linux__ outside platform/",
-            "layer/x.cpp:8: condition on the platform macro __aarch64__ outside platform/",
-            "tests/y.h:1: condition on the platform macro __ANDROID_API__ outside platform/",
+    def test_no_condition_on_a_platform_macro_outside_platform(self):
+        self.cases([
+            ("in platform/, a build tree, a comment", {}, []),
+            ("in the library and the tests",
+             {"app/module/b.cpp": "#ifdef __ANDROID__\n#endif\n#if FEATURE && \\\n    defined(__linux__)\n"
+                                  "#elif defined __aarch64__ /* arm */\n#endif\n",
+              "tests/y.h": "#  if __ANDROID_API__ >= 35\n#endif\n"},
+             ["app/module/b.cpp:1: condition on the platform macro __ANDROID__ outside platform/",
+              "app/module/b.cpp:3: condition on the platform macro __linux__ outside platform/",
+              "app/module/b.cpp:5: condition on the platform macro __aarch64__ outside platform/",
+              "tests/y.h:1: condition on the platform macro __ANDROID_API__ outside platform/"]),
         ])
 
 
