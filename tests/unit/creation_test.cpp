@@ -3,6 +3,7 @@
 // and the processor's calls around creation and destruction.
 #include <pthread.h>
 
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -62,31 +63,6 @@ TEST_F(Creation, WithoutALoaderLinkNothingIsCreated) {
     EXPECT_EQ(InstanceRecord(), nullptr);
 }
 
-// A process without a configured module passes through unchanged (the integration runs show
-// it); so does one whose next layer lacks an instance extension the layer needs.
-TEST_F(Creation, ANeededInstanceExtensionNotOfferedLeavesTheInstanceUnhookedAndUnchanged) {
-    ServeWithTestProcessor();
-    fake.instanceExtensions = {"VK_KHR_surface"};
-    InstanceCreate create(VK_API_VERSION_1_0, {"VK_KHR_surface"});
-    VkInstance instance = VK_NULL_HANDLE;
-    ASSERT_EQ(ZoVkCreateInstance(&create.info, nullptr, &instance), VK_SUCCESS);
-    EXPECT_FALSE(ExtensionsReady());
-    EXPECT_EQ(fake.seenInstanceCreateInfo, &create.info);
-    EXPECT_EQ(fake.seenLayerInfo, &create.below) << "the link was advanced first";
-    EXPECT_EQ(fake.seenApiVersion, VK_API_VERSION_1_0);
-    EXPECT_EQ(fake.seenInstanceExtensions, Names{"VK_KHR_surface"});
-    ASSERT_NE(InstanceRecord(), nullptr);
-    EXPECT_FALSE(InstanceRecord()->hooked);
-    EXPECT_FALSE(InstanceRecord()->processor);
-    EXPECT_EQ(TestProcessorStats::created, 0);
-    DeviceCreate deviceCreate;
-    VkDevice device = VK_NULL_HANDLE;
-    ASSERT_EQ(ZoVkCreateDevice(fake.PhysicalDevice(), &deviceCreate.info, nullptr, &device), VK_SUCCESS);
-    EXPECT_EQ(fake.seenDeviceCreateInfo, &deviceCreate.info);
-    EXPECT_EQ(fake.seenLayerInfo, &deviceCreate.below);
-    EXPECT_FALSE(DeviceRecord()->processor);
-}
-
 TEST_F(Creation, AFailedNextLayerCreateRecordsNothing) {
     fake.createInstanceResult = VK_ERROR_INCOMPATIBLE_DRIVER;
     EXPECT_EQ(CreateInstance(), VK_ERROR_INCOMPATIBLE_DRIVER);
@@ -127,10 +103,8 @@ TEST_F(Creation, AServedInstanceRunsAtLeastAtVersion12WithItsNeededExtensionsAdd
     ZoVkInstanceInfo* record = InstanceRecord();
     ASSERT_NE(record, nullptr);
     EXPECT_TRUE(record->hooked);
-    EXPECT_EQ(record->apiVersion, 0x00402000u);
     ASSERT_TRUE(record->processor);
     EXPECT_EQ(record->processor->GetInstanceInfo(), record);
-    EXPECT_EQ(TestProcessorStats::gotInstanceInfo, 1);
     EXPECT_TRUE(ExtensionsReady());
     EXPECT_EQ(fake.CallLog(), (Names{"vkEnumerateInstanceExtensionProperties", "vkEnumerateInstanceExtensionProperties",
                                      "PreCreateInstance", "vkCreateInstance", "PostCreateInstance"}));
@@ -142,7 +116,6 @@ TEST_F(Creation, AServedInstanceRunsAtLeastAtVersion12WithItsNeededExtensionsAdd
     ASSERT_EQ(CreateInstance(InstanceCreate(VK_API_VERSION_1_3, {"VK_KHR_surface", "VK_KHR_get_physical_device_properties2"})),
               VK_SUCCESS);
     EXPECT_EQ(fake.seenApiVersion, VK_API_VERSION_1_3) << "a higher request is kept";
-    EXPECT_EQ(record->apiVersion, VK_API_VERSION_1_3);
     EXPECT_EQ(fake.seenInstanceExtensions, (Names{"VK_KHR_surface", "VK_KHR_get_physical_device_properties2"}));
 }
 
@@ -156,7 +129,6 @@ TEST_F(Creation, AServedDeviceSharesTheInstancesProcessorWithItsNeededExtensions
     ASSERT_NE(record, nullptr);
     EXPECT_EQ(record->processor, InstanceRecord()->processor);
     EXPECT_EQ(record->processor->GetDeviceInfo(), record);
-    EXPECT_EQ(TestProcessorStats::gotDeviceInfo, 1);
     EXPECT_EQ(reinterpret_cast<PFN_vkVoidFunction>(record->functions.vkQueuePresentKHR),
               fake.Function("vkQueuePresentKHR"));
     EXPECT_TRUE(ExtensionsReady());
@@ -166,43 +138,48 @@ TEST_F(Creation, AServedDeviceSharesTheInstancesProcessorWithItsNeededExtensions
     EXPECT_EQ(fake.seenDeviceExtensions, Names{"VK_KHR_swapchain"});
 }
 
-TEST_F(Creation, AMissingQueuePresentSwitchesInterceptionOff) {
-    ServeWithTestProcessor();
-    fake.nullNames = {"vkQueuePresentKHR"};
-    ASSERT_EQ(CreateInstance(), VK_SUCCESS);
-    ASSERT_TRUE(ExtensionsReady());
-    ASSERT_EQ(CreateDevice(), VK_SUCCESS);
-    EXPECT_FALSE(ExtensionsReady());
-    ZoVkSettings::GetInstance()->SetHookFlags(vulkan::zovk::kHookConfigAccepted);
-    EXPECT_EQ(ZoVkGetDeviceProcAddr(fake.Device(), "vkCmdDraw"), fake.Function("vkCmdDraw"));
-}
+// A next layer that lacks what the layer needs: an instance extension (the instance passes
+// through unchanged, as in a process without a configured module), an instance function (the
+// instance is recorded served, but its fill failed), a device extension, or vkQueuePresentKHR,
+// found missing only once the device exists. Either way interception is off for the device; it
+// gets the application's own structures wherever the lack is known before it is created.
+struct Lack {
+    std::vector<std::string> instanceExtensions;
+    std::set<std::string> nullNames;
+    std::vector<std::string> deviceExtensions;
+};
+class Lacking : public Creation, public ::testing::WithParamInterface<Lack> {};
+const Names kBothInstanceExtensions = {"VK_KHR_get_physical_device_properties2", "VK_KHR_surface"};
 
-TEST_F(Creation, ANeededDeviceExtensionNotOfferedLeavesTheDeviceUnhooked) {
+TEST_P(Lacking, TheDeviceIsNotIntercepted) {
     ServeWithTestProcessor();
-    ASSERT_EQ(CreateInstance(), VK_SUCCESS);
-    fake.deviceExtensions = {};
+    fake.instanceExtensions = GetParam().instanceExtensions;
+    fake.nullNames = GetParam().nullNames;
+    InstanceCreate instanceCreate;
+    VkInstance instance = VK_NULL_HANDLE;
+    ASSERT_EQ(ZoVkCreateInstance(&instanceCreate.info, nullptr, &instance), VK_SUCCESS);
+    const bool served = fake.instanceExtensions == kBothInstanceExtensions;
+    EXPECT_EQ(fake.seenInstanceCreateInfo == &instanceCreate.info, !served);
+    EXPECT_EQ(TestProcessorStats::created, served ? 1 : 0);
+    fake.deviceExtensions = GetParam().deviceExtensions;
     DeviceCreate deviceCreate({"VK_KHR_maintenance1"});
     VkDevice device = VK_NULL_HANDLE;
     ASSERT_EQ(ZoVkCreateDevice(fake.PhysicalDevice(), &deviceCreate.info, nullptr, &device), VK_SUCCESS);
     EXPECT_FALSE(ExtensionsReady());
-    EXPECT_EQ(fake.seenDeviceCreateInfo, &deviceCreate.info);
-    EXPECT_EQ(fake.seenDeviceExtensions, Names{"VK_KHR_maintenance1"});
-    EXPECT_FALSE(DeviceRecord()->processor);
-    EXPECT_EQ(TestProcessorStats::gotDeviceInfo, 0);
+    const bool late = fake.nullNames.count("vkQueuePresentKHR") != 0;
+    EXPECT_EQ(fake.seenDeviceCreateInfo == &deviceCreate.info, !late);
+    EXPECT_EQ(DeviceRecord()->processor != nullptr, late);
+    ZoVkSettings::GetInstance()->SetHookFlags(vulkan::zovk::kHookConfigAccepted);
+    EXPECT_EQ(ZoVkGetDeviceProcAddr(fake.Device(), "vkCmdDraw"), fake.Function("vkCmdDraw"));
 }
 
-TEST_F(Creation, AnInstanceFunctionTheNextLayerLacksKeepsLaterDevicesUnhooked) {
-    ServeWithTestProcessor();
-    fake.nullNames = {"vkGetPhysicalDeviceFeatures2", "vkGetPhysicalDeviceFeatures2KHR"};
-    ASSERT_EQ(CreateInstance(), VK_SUCCESS);
-    EXPECT_TRUE(InstanceRecord()->hooked);  // recorded served, but the fill failed
-    EXPECT_FALSE(ExtensionsReady());
-    DeviceCreate deviceCreate;
-    VkDevice device = VK_NULL_HANDLE;
-    ASSERT_EQ(ZoVkCreateDevice(fake.PhysicalDevice(), &deviceCreate.info, nullptr, &device), VK_SUCCESS);
-    EXPECT_EQ(fake.seenDeviceCreateInfo, &deviceCreate.info);
-    EXPECT_FALSE(DeviceRecord()->processor);
-}
+INSTANTIATE_TEST_SUITE_P(
+    NextLayers, Lacking,
+    ::testing::Values(Lack{{"VK_KHR_surface"}, {}, {"VK_KHR_swapchain"}},
+                      Lack{kBothInstanceExtensions, {"vkGetPhysicalDeviceFeatures2", "vkGetPhysicalDeviceFeatures2KHR"},
+                           {"VK_KHR_swapchain"}},
+                      Lack{kBothInstanceExtensions, {}, {}},
+                      Lack{kBothInstanceExtensions, {"vkQueuePresentKHR"}, {"VK_KHR_swapchain"}}));
 
 TEST_F(Creation, DestroyRunsTheProcessorsHooksAroundTheNextLayer) {
     ServeWithTestProcessor();
