@@ -28,7 +28,8 @@ struct ShadingRateImageInfo {
 // and the caller's structures are never written, except ShadingRateImageInfo::imageView.
 class ZoVkFixedVRSRenderpass : public ResourceCreate {
 public:
-    explicit ZoVkFixedVRSRenderpass(ZoVkProcessorBase* processor) : ResourceCreate(processor) {}
+    explicit ZoVkFixedVRSRenderpass(ZoVkProcessorBase* processor, VkDevice device = VK_NULL_HANDLE)
+        : ResourceCreate(processor, device) {}
 
     // Version-1 description in, version-2 pass out. Null on failure.
     VkRenderPass createShadingRateRenderpass(VkRenderPassCreateInfo createInfo, MyVkExtent2D texelSize);

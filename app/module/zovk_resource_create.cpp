@@ -3,15 +3,18 @@
 #include <vector>
 
 #include "app/zovk_processor_base.h"
+#include "layer/zovk_context_manager.h"
 #include "layer/zovk_records.h"
 #include "settings/zovk_log.h"
 
 namespace vulkan::zovk::app::module {
 
-ResourceCreate::ResourceCreate(ZoVkProcessorBase* processor) : processor_(processor) {}
+ResourceCreate::ResourceCreate(ZoVkProcessorBase* processor, VkDevice device)
+    : processor_(processor), device_(device) {}
 
 ZoVkDeviceInfo* ResourceCreate::DeviceInfo() const {
-    return processor_->GetDeviceInfo();
+    return device_ != VK_NULL_HANDLE ? ZoVkContextManager::GetInstance()->GetDeviceInfo(GetDispatchKey(device_))
+                                     : processor_->GetDeviceInfo();
 }
 
 const VkPhysicalDeviceMemoryProperties& ResourceCreate::MemoryProperties() {
@@ -72,7 +75,8 @@ VkImage ResourceCreate::createImage(uint32_t width, uint32_t height, VkFormat fo
     // the caller asked for.
     if (!allocateMemory(requirements, VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT, memory)) {
         ZOVK_LOGE("failed to allocate image memory!");
-        return image;
+        record->functions.vkDestroyImage(device, image, nullptr);
+        return VK_NULL_HANDLE;
     }
     record->functions.vkBindImageMemory(device, image, memory, 0);
     return image;
@@ -116,7 +120,8 @@ VkBuffer ResourceCreate::createBuffer(VkDeviceSize size, VkBufferUsageFlags usag
     record->functions.vkGetBufferMemoryRequirements(device, buffer, &requirements);
     if (!allocateMemory(requirements, properties, memory)) {
         ZOVK_LOGE("failed to allocate buffer memory!");
-        return buffer;
+        record->functions.vkDestroyBuffer(device, buffer, nullptr);
+        return VK_NULL_HANDLE;
     }
     record->functions.vkBindBufferMemory(device, buffer, memory, 0);
     return buffer;
@@ -129,7 +134,11 @@ bool ResourceCreate::allocateMemory(const VkMemoryRequirements& requirements, Vk
     allocate.sType = VK_STRUCTURE_TYPE_MEMORY_ALLOCATE_INFO;
     allocate.allocationSize = requirements.size;
     allocate.memoryTypeIndex = findMemoryType(requirements.memoryTypeBits, properties);
-    return record->functions.vkAllocateMemory(record->device, &allocate, nullptr, &memory) == VK_SUCCESS;
+    if (record->functions.vkAllocateMemory(record->device, &allocate, nullptr, &memory) != VK_SUCCESS) {
+        memory = VK_NULL_HANDLE;
+        return false;
+    }
+    return true;
 }
 
 uint32_t ResourceCreate::findGraphicQueueFamilies() {
@@ -227,17 +236,8 @@ void ResourceCreate::endSingleTimeCommands(VkCommandBuffer commandBuffer) {
     const VkDevice device = record->device;
     record->functions.vkEndCommandBuffer(commandBuffer);
 
-    const uint32_t family = GraphicsFamily();
-    VkQueue queue = VK_NULL_HANDLE;
-    if (family != UINT32_MAX) {
-        record->functions.vkGetDeviceQueue(device, family, 0, &queue);
-    }
-    bool usable = queue != VK_NULL_HANDLE;
-    if (usable && record->setDeviceLoaderData != nullptr) {
-        // Harmless when the application fetched the same queue: the loader's data is the same.
-        usable = record->setDeviceLoaderData(device, queue) == VK_SUCCESS;
-    }
-    if (usable) {
+    const VkQueue queue = submitQueue_ != VK_NULL_HANDLE ? submitQueue_ : GraphicsQueue();
+    if (queue != VK_NULL_HANDLE) {
         VkSubmitInfo submit{};
         submit.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO;
         submit.commandBufferCount = 1;
@@ -248,6 +248,24 @@ void ResourceCreate::endSingleTimeCommands(VkCommandBuffer commandBuffer) {
     // Freed even when nothing could be submitted, so the pool does not grow with every
     // upload on a device without a graphics queue.
     record->functions.vkFreeCommandBuffers(device, recordingPool_, 1, &commandBuffer);
+}
+
+VkQueue ResourceCreate::GraphicsQueue() {
+    if (graphicsQueueCached_) {
+        return graphicsQueue_;
+    }
+    graphicsQueueCached_ = true;
+    const ZoVkDeviceInfo* record = DeviceInfo();
+    const uint32_t family = GraphicsFamily();
+    if (family != UINT32_MAX) {
+        record->functions.vkGetDeviceQueue(record->device, family, 0, &graphicsQueue_);
+    }
+    // Harmless when the application fetched the same queue: the loader's data is the same.
+    if (graphicsQueue_ != VK_NULL_HANDLE && record->setDeviceLoaderData != nullptr &&
+        record->setDeviceLoaderData(record->device, graphicsQueue_) != VK_SUCCESS) {
+        graphicsQueue_ = VK_NULL_HANDLE;
+    }
+    return graphicsQueue_;
 }
 
 void ResourceCreate::transitionImageLayout(VkImage image, VkFormat /*format*/, VkImageLayout oldLayout,
@@ -295,6 +313,9 @@ void ResourceCreate::Release() {
     }
     ownPool_ = VK_NULL_HANDLE;
     ownPoolTried_ = false;
+    submitQueue_ = VK_NULL_HANDLE;
+    graphicsQueue_ = VK_NULL_HANDLE;
+    graphicsQueueCached_ = false;
     recordingPool_ = VK_NULL_HANDLE;
     commandPool_ = VK_NULL_HANDLE;
     memoryProperties_ = {};

@@ -19,12 +19,15 @@ namespace vulkan::zovk::app::module {
 // Every call goes straight to the next layer through the processor's records, so the
 // layer's own work never passes through its modules.
 //
-// Images, views, buffers and memory are handed to the caller, who destroys them. The
-// helper owns only its transient command pool, which Release() destroys: call it before
-// the device goes. One-shot operations wait for the queue to go idle; they are for set-up.
+// Images, views, buffers and memory are handed to the caller, who destroys them; a create
+// whose memory cannot be had destroys what it made and fails. The helper owns only its
+// transient command pool, which Release() destroys: call it before the device goes.
+// One-shot operations wait for their queue to go idle: the submit queue when one is set
+// (a queue the application holds at that moment), otherwise the first graphics queue.
 class ResourceCreate {
 public:
-    explicit ResourceCreate(ZoVkProcessorBase* processor);
+    // Works on `device`, or on the processor's device record when it is null.
+    explicit ResourceCreate(ZoVkProcessorBase* processor, VkDevice device = VK_NULL_HANDLE);
     // Calls nothing: the device may already be gone. Release() is the teardown.
     ~ResourceCreate() = default;
     ResourceCreate(const ResourceCreate&) = delete;
@@ -47,6 +50,11 @@ public:
     // The application's most recently created pool: used for one-shot work only when the
     // helper's own pool cannot be made.
     void SetCommandPool(VkCommandPool pool) { commandPool_ = pool; }
+    // Where one-shot work is submitted until it is set back to null. It must be of the
+    // first graphics family, which the helper's pool is made for.
+    void SetSubmitQueue(VkQueue queue) { submitQueue_ = queue; }
+    // The first graphics family's first queue, null when there is none.
+    VkQueue GraphicsQueue();
     // Destroys the helper's own pool and forgets everything tied to the device. For the
     // device's pre-destroy path, before the next layer destroys the device.
     void Release();
@@ -65,7 +73,11 @@ private:
     VkCommandPool OneShotPool();
 
     ZoVkProcessorBase* processor_;
+    VkDevice device_;
     VkCommandPool commandPool_ = VK_NULL_HANDLE;
+    VkQueue submitQueue_ = VK_NULL_HANDLE;
+    VkQueue graphicsQueue_ = VK_NULL_HANDLE;
+    bool graphicsQueueCached_ = false;
     VkPhysicalDeviceMemoryProperties memoryProperties_{};
     bool memoryPropertiesCached_ = false;
     uint32_t graphicsFamily_ = UINT32_MAX;

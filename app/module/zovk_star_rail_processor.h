@@ -24,7 +24,9 @@ class ZoVkProcessorDataBase;
     X(DestroyFramebuffer, Pre)              \
     X(CmdExecuteCommands, Pre)              \
     X(BeginCommandBuffer, Pre)              \
-    X(EndCommandBuffer, Pre)
+    X(EndCommandBuffer, Pre)                \
+    X(ResetCommandBuffer, Pre)              \
+    X(FreeCommandBuffers, Pre)
 
 // The processor of Star Rail: owns the chains of the device calls its modules hook and runs
 // each call's chains. Everything that changes rendering is in the modules.

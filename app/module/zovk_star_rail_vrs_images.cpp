@@ -28,11 +28,12 @@ int32_t ZoVkStarRailVRSModule::ResolutionIndex(uint32_t width, uint32_t height) 
     return index == ZoVkStarRailVRSModuleData::kNoResolution ? -1 : static_cast<int32_t>(index);
 }
 
-void ZoVkStarRailVRSModule::UploadTemplate(ShadingRateImageInfo& image, const TemplateBuffer& buffer) {
+void ZoVkStarRailVRSModule::UploadTemplate(DeviceState& state, ShadingRateImageInfo& image,
+                                           const TemplateBuffer& buffer) {
     if (image.image == VK_NULL_HANDLE) {
         return;
     }
-    ZoVkFixedVRSRenderpass& builder = *renderpassBuilder;
+    ZoVkFixedVRSRenderpass& builder = state.renderpassBuilder;
     const bool fresh = image.layout != VK_IMAGE_LAYOUT_FRAGMENT_SHADING_RATE_ATTACHMENT_OPTIMAL_KHR;
     if (fresh) {
         builder.transitionImageLayout(image.image, VK_FORMAT_R8_UINT, VK_IMAGE_LAYOUT_UNDEFINED,
@@ -46,41 +47,47 @@ void ZoVkStarRailVRSModule::UploadTemplate(ShadingRateImageInfo& image, const Te
     }
 }
 
-void ZoVkStarRailVRSModule::DestroyTemplateBuffers(std::vector<TemplateBuffer>& buffers) {
-    const ZoVkDeviceInfo* record = processor_->GetDeviceInfo();
+void ZoVkStarRailVRSModule::DestroyTemplateBuffers(DeviceState& state, std::vector<TemplateBuffer>& buffers) {
+    const ZoVkDeviceInfo* record = ZoVkContextManager::GetInstance()->GetDeviceInfo(GetDispatchKey(state.device));
     for (const TemplateBuffer& t : buffers) {
+        if (record == nullptr) break;
         if (t.buffer != VK_NULL_HANDLE) record->functions.vkDestroyBuffer(record->device, t.buffer, nullptr);
         if (t.memory != VK_NULL_HANDLE) record->functions.vkFreeMemory(record->device, t.memory, nullptr);
     }
     buffers.clear();
 }
 
-bool ZoVkStarRailVRSModule::initShadingRateImages() {
+bool ZoVkStarRailVRSModule::initShadingRateImages(DeviceState& state) {
     const size_t count = moduleData->resolutions.size();
-    for (std::vector<ShadingRateImageInfo>* images : {&mainPass.images, &lightPass.images}) {
-        for (size_t i = count; i < images->size(); ++i) {
-            renderpassBuilder->destroyShadingRateImage((*images)[i]);
+    for (PassState* pass : {&state.mainPass, &state.lightPass}) {
+        for (size_t i = count; i < pass->images.size(); ++i) {
+            state.renderpassBuilder.destroyShadingRateImage(pass->images[i]);
         }
-        images->resize(count);
+        pass->images.resize(count);
     }
-    for (size_t i = count; i < templateBuffers.size(); ++i) {
-        DestroyTemplateBuffers(templateBuffers[i]);
+    for (size_t i = count; i < state.templateBuffers.size(); ++i) {
+        DestroyTemplateBuffers(state, state.templateBuffers[i]);
     }
-    templateBuffers.resize(count);
+    state.templateBuffers.resize(count);
+    bool made = false;
     for (size_t i = 0; i < count; ++i) {
-        const MyVkExtent2D size = shadingRateImageSize(moduleData->resolutions[i], texelSize);
+        const MyVkExtent2D size = shadingRateImageSize(moduleData->resolutions[i], state.texelSize);
         if (size.width == 0 || size.height == 0) {
-            ZOVK_LOGE("Star Rail VRS: resolution %ux%u is smaller than one %ux%u texel: no shading-rate images",
-                      moduleData->resolutions[i].width, moduleData->resolutions[i].height, texelSize.width,
-                      texelSize.height);
-            return false;
+            // Only this resolution goes without: the others still get their images.
+            if (state.tooSmallLogged) continue;
+            state.tooSmallLogged = true;
+            ZOVK_LOGW("Star Rail VRS: resolution %ux%u is smaller than one %ux%u texel: no shading-rate images for it",
+                      moduleData->resolutions[i].width, moduleData->resolutions[i].height, state.texelSize.width,
+                      state.texelSize.height);
+            continue;
         }
-        for (ShadingRateImageInfo* image : {&mainPass.images[i], &lightPass.images[i]}) {
-            const char* pass = image == &mainPass.images[i] ? "main" : "light";
+        bool imagesMade = true;
+        for (ShadingRateImageInfo* image : {&state.mainPass.images[i], &state.lightPass.images[i]}) {
+            const char* pass = image == &state.mainPass.images[i] ? "main" : "light";
             image->width = size.width;
             image->height = size.height;
             if (image->image == VK_NULL_HANDLE) {
-                image->image = renderpassBuilder->createImage(
+                image->image = state.renderpassBuilder.createImage(
                     size.width, size.height, VK_FORMAT_R8_UINT, VK_IMAGE_TILING_OPTIMAL,
                     VK_IMAGE_USAGE_TRANSFER_DST_BIT | VK_IMAGE_USAGE_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR,
                     VK_MEMORY_PROPERTY_DEVICE_LOCAL_BIT, image->memory);
@@ -89,29 +96,30 @@ bool ZoVkStarRailVRSModule::initShadingRateImages() {
                           HandleNumber(image->image), size.width, size.height, size.width * size.height,
                           moduleData->resolutions[i].width, moduleData->resolutions[i].height);
             }
+            imagesMade = imagesMade && image->image != VK_NULL_HANDLE;
         }
-        if (!initShadingRateImageTemplates(static_cast<int32_t>(i), size.width, size.height)) {
+        if (!imagesMade || !initShadingRateImageTemplates(state, static_cast<int32_t>(i), size.width, size.height)) {
             return false;
         }
-        if (templateBuffers[i].size() < 3) {
-            ZOVK_LOGW("Star Rail VRS: %zu template buffers for resolution %zu, 3 needed", templateBuffers[i].size(),
-                      i);
+        if (state.templateBuffers[i].size() < 3) {
+            ZOVK_LOGW("Star Rail VRS: %zu template buffers for resolution %zu, 3 needed",
+                      state.templateBuffers[i].size(), i);
             return false;
         }
-        UploadTemplate(mainPass.images[i], templateBuffers[i][0]);
-        UploadTemplate(lightPass.images[i], templateBuffers[i][2]);
+        made = true;
     }
-    return true;
+    return made;
 }
 
-bool ZoVkStarRailVRSModule::initShadingRateImageTemplates(int32_t resolutionIndex, uint32_t width, uint32_t height) {
-    if (resolutionIndex < 0 || static_cast<size_t>(resolutionIndex) >= templateBuffers.size()) {
+bool ZoVkStarRailVRSModule::initShadingRateImageTemplates(DeviceState& state, int32_t resolutionIndex,
+                                                         uint32_t width, uint32_t height) {
+    if (resolutionIndex < 0 || static_cast<size_t>(resolutionIndex) >= state.templateBuffers.size()) {
         return false;
     }
-    const ZoVkDeviceInfo* record = processor_->GetDeviceInfo();
-    std::vector<TemplateBuffer>& buffers = templateBuffers[resolutionIndex];
+    const ZoVkDeviceInfo* record = ZoVkContextManager::GetInstance()->GetDeviceInfo(GetDispatchKey(state.device));
+    std::vector<TemplateBuffer>& buffers = state.templateBuffers[resolutionIndex];
     // A retry makes the buffers again; the earlier ones go first.
-    DestroyTemplateBuffers(buffers);
+    DestroyTemplateBuffers(state, buffers);
     int32_t levels = std::max(moduleData->templateLevelCount, 0);
     if (levels > kMaxTemplateLevels) {
         ZOVK_LOGW("Star Rail VRS: %d template levels configured, %d made", levels, kMaxTemplateLevels);
@@ -121,10 +129,9 @@ bool ZoVkStarRailVRSModule::initShadingRateImageTemplates(int32_t resolutionInde
     const VkDeviceSize bytes = VkDeviceSize{width} * height;
     for (size_t k = 0; k < buffers.size(); ++k) {
         TemplateBuffer& t = buffers[k];
-        t.buffer = renderpassBuilder->createBuffer(bytes, VK_BUFFER_USAGE_TRANSFER_SRC_BIT,
-                                                   VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT |
-                                                       VK_MEMORY_PROPERTY_HOST_COHERENT_BIT,
-                                                   t.memory);
+        t.buffer = state.renderpassBuilder.createBuffer(
+            bytes, VK_BUFFER_USAGE_TRANSFER_SRC_BIT,
+            VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT, t.memory);
         if (t.buffer == VK_NULL_HANDLE) {
             ZOVK_LOGE("Star Rail VRS: template buffer %zu of %ux%u texels not made", k, width, height);
             return false;
@@ -141,58 +148,94 @@ bool ZoVkStarRailVRSModule::initShadingRateImageTemplates(int32_t resolutionInde
     return true;
 }
 
+void ZoVkStarRailVRSModule::UploadFirstTemplates(DeviceState& state) {
+    for (size_t i = 0; i < state.templateBuffers.size(); ++i) {
+        if (state.templateBuffers[i].size() >= 3) {
+            UploadTemplate(state, state.mainPass.images[i], state.templateBuffers[i][0]);
+            UploadTemplate(state, state.lightPass.images[i], state.templateBuffers[i][2]);
+        }
+    }
+    SetFlags(state, kImagesReady);
+}
+
+void ZoVkStarRailVRSModule::UploadLevel(DeviceState& state, int level) {
+    const int32_t index = state.curMainResIndex_;
+    if (level > 2 || index < 0 || static_cast<size_t>(index) >= state.mainPass.images.size() ||
+        static_cast<size_t>(level + 1) >= state.templateBuffers[index].size()) {
+        return;
+    }
+    ZOVK_VRS_TRACE(debugLog, "PreVkQueuePresentKHR, updateImageDataFromBuffer, curMainResIndex_: %d, templevel_: %d",
+                   index, state.templevel_);
+    // Both images have the same size; the main image's is used for both copies.
+    ShadingRateImageInfo& main = state.mainPass.images[index];
+    ShadingRateImageInfo& light = state.lightPass.images[index];
+    const std::vector<TemplateBuffer>& buffers = state.templateBuffers[index];
+    const auto start = std::chrono::steady_clock::now();
+    state.renderpassBuilder.updateImageDataFromBuffer(main.image, main.width, main.height, buffers[level - 1].buffer);
+    state.renderpassBuilder.updateImageDataFromBuffer(light.image, main.width, main.height, buffers[level + 1].buffer);
+    // Each upload waits for the queue: what that costs this present.
+    ZOVK_VRS_TRACE(debugLog, "Star Rail VRS: level %d uploaded in %lld us", level,
+                   static_cast<long long>(
+                       std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start)
+                           .count()));
+}
+
 ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkQueuePresentKHR(
     VkQueue queue, const VkPresentInfoKHR* pPresentInfo,
     ZoVkNext<&VkDeviceFunctionTable::vkQueuePresentKHR> next) {
-    ++frameCounter;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (DeviceState* state = State(next.Record().device, false)) {
+            Present(*state, queue);
+        }
+    }
+    return next(queue, pPresentInfo);
+}
+
+void ZoVkStarRailVRSModule::Present(DeviceState& state, VkQueue queue) {
+    ++state.frameCounter;
+    // The game holds this queue while it presents: the one moment the layer may submit to it.
+    // Its pool is of the first graphics family, so only that family's first queue will do.
+    const bool canSubmit = queue == state.renderpassBuilder.GraphicsQueue();
+    if (!canSubmit && !state.queueLogged && state.imagesMade) {
+        ZOVK_LOGW("Star Rail VRS: presents on a queue other than the first graphics queue: no uploads");
+        state.queueLogged = true;
+    }
+    state.renderpassBuilder.SetSubmitQueue(queue);
+    if (canSubmit && state.imagesMade && (state.vrsFlags & kImagesReady) == 0) {
+        UploadFirstTemplates(state);
+    }
     const android::ZoVkAppInfoMonitor* monitor = android::ZoVkAppInfoMonitor::GetInstance();
     const int sceneId = monitor->GetSceneId();
     if (sceneId == kSceneGateId || sceneId > kSceneGateAbove) {
-        SetFlags(kSceneOn);
+        SetFlags(state, kSceneOn);
     } else {
-        ClearFlags(kSceneOn);
+        ClearFlags(state, kSceneOn);
     }
     const int level = monitor->getVrsLevel();
     const uint32_t ready = kTexelSizeKnown | kImagesReady;
     if (level < 1) {
-        ClearFlags(kLevelOn);
-    } else if ((Flags() & ready) != ready || (level == templevel_ && appliedResIndex == curMainResIndex_)) {
-        SetFlags(kLevelOn);
+        ClearFlags(state, kLevelOn);
+    } else if ((state.vrsFlags & ready) != ready ||
+               (level == state.templevel_ && state.appliedResIndex == state.curMainResIndex_)) {
+        SetFlags(state, kLevelOn);
     } else {
-        templevel_ = level;
-        appliedResIndex = curMainResIndex_;
-        if (level <= 2 && curMainResIndex_ >= 0 && static_cast<size_t>(curMainResIndex_) < mainPass.images.size() &&
-            static_cast<size_t>(level + 1) < templateBuffers[curMainResIndex_].size()) {
-            ZOVK_VRS_TRACE(debugLog, "PreVkQueuePresentKHR, updateImageDataFromBuffer, curMainResIndex_: %d, templevel_: %d",
-                           curMainResIndex_, templevel_);
-            // Both images have the same size; the main image's is used for both copies.
-            ShadingRateImageInfo& main = mainPass.images[curMainResIndex_];
-            ShadingRateImageInfo& light = lightPass.images[curMainResIndex_];
-            const std::vector<TemplateBuffer>& buffers = templateBuffers[curMainResIndex_];
-            const auto start = std::chrono::steady_clock::now();
-            renderpassBuilder->updateImageDataFromBuffer(main.image, main.width, main.height,
-                                                         buffers[level - 1].buffer);
-            renderpassBuilder->updateImageDataFromBuffer(light.image, main.width, main.height,
-                                                         buffers[level + 1].buffer);
-            // Each upload waits for the queue: what that costs this present.
-            ZOVK_VRS_TRACE(debugLog, "Star Rail VRS: level %d uploaded in %lld us", level,
-                           static_cast<long long>(std::chrono::duration_cast<std::chrono::microseconds>(
-                                                      std::chrono::steady_clock::now() - start)
-                                                      .count()));
-        }
-        SetFlags(kLevelOn);
+        state.templevel_ = level;
+        state.appliedResIndex = state.curMainResIndex_;
+        UploadLevel(state, level);
+        SetFlags(state, kLevelOn);
     }
+    state.renderpassBuilder.SetSubmitQueue(VK_NULL_HANDLE);
     // What the frame that ends here recorded, for the run report.
     ZOVK_VRS_TRACE(debugLog, "Star Rail VRS present %llu: sceneId %d, level %d, vrsFlags 0x%x",
-                   static_cast<unsigned long long>(frameCounter), sceneId, level, Flags());
-    if (frameCounter % kReportEvery == 0) {
-        const uint32_t flags = Flags();
+                   static_cast<unsigned long long>(state.frameCounter), sceneId, level, state.vrsFlags);
+    if (state.frameCounter % kReportEvery == 0) {
+        const uint32_t flags = state.vrsFlags;
         const uint32_t rates = kMainRateSet | kLightRateSet | kFullRateDrawSwitched;
-        ZOVK_LOG(DEBUG, ZOVK_LOG_TAG, "VVflag, p1: %d, s: %d, l: %d",
-                 (flags & rates) == rates ? 1 : 0, static_cast<int>(flags), level);
+        ZOVK_LOG(DEBUG, ZOVK_LOG_TAG, "VVflag, p1: %d, s: %d, l: %d", (flags & rates) == rates ? 1 : 0,
+                 static_cast<int>(flags), level);
     }
-    ClearFlags(kFrameBits);
-    return next(queue, pPresentInfo);
+    ClearFlags(state, kFrameBits);
 }
 
 }  // namespace vulkan::zovk::app::module

@@ -1,5 +1,5 @@
-// The Star Rail VRS module's life: construction from the configuration, hook and functor
-// registration, and the release of everything it made before its device goes.
+// The Star Rail VRS module's life: construction from the configuration, the state of each
+// device, and the release of everything it made there before the device goes.
 #include "app/module/zovk_star_rail_vrs_module.h"
 
 #include <cutils/properties.h>
@@ -13,9 +13,9 @@ namespace vulkan::zovk::app::module {
 
 namespace {
 
-using P = ZoVkStarRailProcessor;
+using M = ZoVkStarRailVRSModule;
 
-void Prepare(ZoVkStarRailVRSModule::PassState& pass) {
+void Prepare(M::PassState& pass) {
     pass.passMap.max_load_factor(1.0f);
     pass.framebufferPassMap.max_load_factor(1.0f);
     pass.framebufferMap.max_load_factor(1.0f);
@@ -24,8 +24,7 @@ void Prepare(ZoVkStarRailVRSModule::PassState& pass) {
     pass.secondaryCommandBuffers.max_load_factor(1.0f);
 }
 
-// Destroys every substitute the maps hold (unless `destroy` is null: the device is out of
-// reach) and empties them.
+// Destroys every substitute the maps hold and empties them.
 template <typename Destroy, typename... Maps>
 void DestroySubstitutes(Destroy destroy, VkDevice device, Maps&... maps) {
     auto release = [&](auto& map) {
@@ -39,13 +38,14 @@ void DestroySubstitutes(Destroy destroy, VkDevice device, Maps&... maps) {
 
 }  // namespace
 
-ZoVkStarRailVRSModule::ZoVkStarRailVRSModule(ZoVkProcessorBase* processor)
-    : ZoVkModuleBase(processor),
-      renderpassBuilder(std::make_unique<ZoVkFixedVRSRenderpass>(processor)),
-      processor_(static_cast<P*>(processor)) {
+ZoVkStarRailVRSModule::DeviceState::DeviceState(ZoVkProcessorBase* processor, VkDevice handle)
+    : device(handle), renderpassBuilder(processor, handle) {
     Prepare(mainPass);
     Prepare(lightPass);
+}
 
+ZoVkStarRailVRSModule::ZoVkStarRailVRSModule(ZoVkProcessorBase* processor)
+    : ZoVkModuleBase(processor), processor_(static_cast<ZoVkStarRailProcessor*>(processor)) {
     ZoVkProcessorDataBase* data = ZoVkSettings::GetInstance()->GetProcessorData();
     // The factory builds this id's configuration as ZoVkStarRailVRSModuleData, nothing else.
     moduleData = static_cast<ZoVkStarRailVRSModuleData*>(
@@ -60,59 +60,117 @@ ZoVkStarRailVRSModule::ZoVkStarRailVRSModule(ZoVkProcessorBase* processor)
     debugLog = property_get_bool("vendor.zogl.hkrpg.vrs.debug", false) != 0;
 }
 
-ZoVkStarRailVRSModule::~ZoVkStarRailVRSModule() {
-    // Normally empty by now: the device's pre-destroy step released everything.
-    ReleaseDeviceObjects();
+ZoVkStarRailVRSModule::DeviceState* ZoVkStarRailVRSModule::State(VkDevice device, bool make) {
+    // A game draws on one device: the last one found answers without a hash lookup.
+    if (device == lastState_.first && device != VK_NULL_HANDLE) {
+        return lastState_.second;
+    }
+    auto it = devices_.find(device);
+    if (it == devices_.end()) {
+        if (!make || device == VK_NULL_HANDLE) {
+            return nullptr;
+        }
+        it = devices_.emplace(device, std::make_unique<DeviceState>(processor_, device)).first;
+    }
+    lastState_ = {device, it->second.get()};
+    return it->second.get();
+}
+
+void ZoVkStarRailVRSModule::SetFlags(DeviceState& state, uint32_t bits) {
+    state.vrsFlags |= bits;
+    ClearFlags(state, 0);
+}
+
+void ZoVkStarRailVRSModule::ClearFlags(DeviceState& state, uint32_t bits) {
+    state.vrsFlags &= ~bits;
+    if (Active(state) != state.countedActive) {
+        state.countedActive = Active(state);
+        if (state.countedActive) {
+            activeDevices_.fetch_add(1, std::memory_order_relaxed);
+        } else {
+            activeDevices_.fetch_sub(1, std::memory_order_relaxed);
+        }
+    }
+}
+
+void ZoVkStarRailVRSModule::Track(std::unordered_set<VkCommandBuffer>& set, VkCommandBuffer commandBuffer) {
+    if (set.insert(commandBuffer).second) {
+        trackedCommandBuffers_.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+bool ZoVkStarRailVRSModule::Untrack(std::unordered_set<VkCommandBuffer>& set, VkCommandBuffer commandBuffer) {
+    if (set.erase(commandBuffer) == 0) {
+        return false;
+    }
+    trackedCommandBuffers_.fetch_sub(1, std::memory_order_relaxed);
+    return true;
+}
+
+void ZoVkStarRailVRSModule::SetLightSecondaryRecording(DeviceState& state, bool recording) {
+    if (state.lightSecondaryRecording != recording) {
+        state.lightSecondaryRecording = recording;
+        if (recording) {
+            lightRecordings_.fetch_add(1, std::memory_order_relaxed);
+        } else {
+            lightRecordings_.fetch_sub(1, std::memory_order_relaxed);
+        }
+    }
+    if (!recording) {
+        state.lightDrawCounter = 0;
+    }
+}
+
+void ZoVkStarRailVRSModule::ForgetCommandBuffer(DeviceState& state, VkCommandBuffer commandBuffer) {
+    for (PassState* pass : {&state.mainPass, &state.lightPass}) {
+        Untrack(pass->passCommandBuffers, commandBuffer);
+        if (Untrack(pass->secondaryCommandBuffers, commandBuffer) && pass == &state.lightPass) {
+            // The light secondary being recorded will never reach its end.
+            SetLightSecondaryRecording(state, false);
+        }
+    }
 }
 
 void ZoVkStarRailVRSModule::OnDeviceDestroy(VkDevice device) {
-    if (device_ == VK_NULL_HANDLE || device != device_) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = devices_.find(device);
+    if (it == devices_.end()) {
         return;
     }
-    ReleaseDeviceObjects();
+    ReleaseDeviceObjects(*it->second);
+    devices_.erase(it);
+    lastState_ = {};
 }
 
-void ZoVkStarRailVRSModule::ReleaseDeviceObjects() {
-    // Nothing is made before the module knows its device (see ReadTexelSize).
-    const ZoVkDeviceInfo* record = nullptr;
-    if (device_ != VK_NULL_HANDLE) {
-        record = processor_->GetDeviceInfo();
-        if (record == nullptr || record->device != device_) {
-            // The processor moved on to another device; this one's functions are out of reach.
-            ZOVK_LOGE("Star Rail VRS: objects of an earlier device cannot be released");
-            record = nullptr;
-        }
+void ZoVkStarRailVRSModule::ReleaseDeviceObjects(DeviceState& state) {
+    const ZoVkDeviceInfo* record = ZoVkContextManager::GetInstance()->GetDeviceInfo(GetDispatchKey(state.device));
+    if (record == nullptr) {
+        ZOVK_LOGE("Star Rail VRS: the objects of a device without a record cannot be released");
+        return;
     }
-    const VkDevice device = record != nullptr ? record->device : VK_NULL_HANDLE;
-    const VkDeviceFunctionTable* f = record != nullptr ? &record->functions : nullptr;
-    for (PassState* pass : {&mainPass, &lightPass}) {
-        DestroySubstitutes(f != nullptr ? f->vkDestroyPipeline : nullptr, device, pass->pipelineMap);
-        DestroySubstitutes(f != nullptr ? f->vkDestroyFramebuffer : nullptr, device, pass->framebufferMap);
-        DestroySubstitutes(f != nullptr ? f->vkDestroyRenderPass : nullptr, device, pass->passMap,
-                           pass->framebufferPassMap);
+    const VkDeviceFunctionTable& f = record->functions;
+    for (PassState* pass : {&state.mainPass, &state.lightPass}) {
+        DestroySubstitutes(f.vkDestroyPipeline, state.device, pass->pipelineMap);
+        DestroySubstitutes(f.vkDestroyFramebuffer, state.device, pass->framebufferMap);
+        DestroySubstitutes(f.vkDestroyRenderPass, state.device, pass->passMap, pass->framebufferPassMap);
         for (ShadingRateImageInfo& image : pass->images) {
-            if (record != nullptr) renderpassBuilder->destroyShadingRateImage(image);
+            state.renderpassBuilder.destroyShadingRateImage(image);
         }
-        pass->images.clear();
-        pass->passCommandBuffers.clear();
-        pass->secondaryCommandBuffers.clear();
-    }
-    if (record != nullptr) {
-        for (std::vector<TemplateBuffer>& buffers : templateBuffers) {
-            DestroyTemplateBuffers(buffers);
+        for (VkCommandBuffer commandBuffer : std::vector<VkCommandBuffer>(pass->passCommandBuffers.begin(),
+                                                                          pass->passCommandBuffers.end())) {
+            ForgetCommandBuffer(state, commandBuffer);
         }
-        renderpassBuilder->Release();
+        for (VkCommandBuffer commandBuffer : std::vector<VkCommandBuffer>(pass->secondaryCommandBuffers.begin(),
+                                                                          pass->secondaryCommandBuffers.end())) {
+            ForgetCommandBuffer(state, commandBuffer);
+        }
     }
-    lightPassSubstitute = VK_NULL_HANDLE;
-    templateBuffers.clear();
-    lightSecondaryRecording = false;
-    coarseRateActive = false;
-    lightDrawCounter = 0;
-    curMainResIndex_ = -1;
-    // A later device starts again from its own texel size and images.
-    texelSize = MyVkExtent2D();
-    vrsFlags.store(0, std::memory_order_relaxed);
-    device_ = VK_NULL_HANDLE;
+    for (std::vector<TemplateBuffer>& buffers : state.templateBuffers) {
+        DestroyTemplateBuffers(state, buffers);
+    }
+    state.renderpassBuilder.Release();
+    SetLightSecondaryRecording(state, false);
+    ClearFlags(state, ~0u);
 }
 
 }  // namespace vulkan::zovk::app::module

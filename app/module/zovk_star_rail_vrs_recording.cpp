@@ -34,12 +34,12 @@ bool FindSubstitutes(const ZoVkStarRailVRSModule::PassState& pass, VkRenderPass 
 
 }  // namespace
 
-void ZoVkStarRailVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
-                                    VkFragmentShadingRateCombinerOpKHR attachmentOp) {
+void ZoVkStarRailVRSModule::SetRate(DeviceState& state, const VkDeviceFunctionTable& next,
+                                    VkCommandBuffer commandBuffer, VkFragmentShadingRateCombinerOpKHR attachmentOp) {
     if (next.vkCmdSetFragmentShadingRateKHR == nullptr) {
-        if (!missingRateCommandLogged_) {
+        if (!state.missingRateCommandLogged) {
             ZOVK_LOGE("Star Rail VRS: the device has no vkCmdSetFragmentShadingRateKHR");
-            missingRateCommandLogged_ = true;
+            state.missingRateCommandLogged = true;
         }
         return;
     }
@@ -48,84 +48,113 @@ void ZoVkStarRailVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCommand
     next.vkCmdSetFragmentShadingRateKHR(commandBuffer, &fullRate, ops);
 }
 
+// The calls below run for every pass, secondary and draw of the game. Each first reads the
+// counters without the lock: with no device active and no command buffer tracked there is
+// nothing to do, and one thread's game pays two loads.
+
 ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuffer commandBuffer,
                                                                     const VkCommandBufferBeginInfo* pBeginInfo,
                                                                     ZoVkNext<&T::vkBeginCommandBuffer> next) {
-    if (pBeginInfo == nullptr || !Active() || pBeginInfo->pInheritanceInfo == nullptr) {
+    if (activeDevices_.load(std::memory_order_relaxed) == 0 &&
+        trackedCommandBuffers_.load(std::memory_order_relaxed) == 0) {
         return next(commandBuffer, pBeginInfo);
     }
-    const VkCommandBufferInheritanceInfo& inheritance = *pBeginInfo->pInheritanceInfo;
-    VkRenderPass pass = VK_NULL_HANDLE;
-    VkFramebuffer framebuffer = VK_NULL_HANDLE;
-    if (FindSubstitutes(mainPass, inheritance.renderPass, inheritance.framebuffer, pass, framebuffer)) {
-        mainPass.secondaryCommandBuffers.insert(commandBuffer);
-        ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN MAIN secondary cmb: %llu", HandleNumber(commandBuffer));
-    } else if (FindSubstitutes(lightPass, inheritance.renderPass, inheritance.framebuffer, pass, framebuffer)) {
-        lightPass.secondaryCommandBuffers.insert(commandBuffer);
-        lightSecondaryRecording = true;
-        ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN Light secondary cmb: %llu",
-                       HandleNumber(commandBuffer));
-    } else {
-        return next(commandBuffer, pBeginInfo);
+    VkCommandBufferInheritanceInfo redirected{};
+    VkCommandBufferBeginInfo begin{};
+    const VkCommandBufferBeginInfo* info = pBeginInfo;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        DeviceState* state = State(next.Record().device, false);
+        if (state != nullptr) {
+            // Beginning resets the command buffer: what it was recorded for before is over.
+            ForgetCommandBuffer(*state, commandBuffer);
+        }
+        if (state != nullptr && pBeginInfo != nullptr && Active(*state) && pBeginInfo->pInheritanceInfo != nullptr) {
+            const VkCommandBufferInheritanceInfo& inheritance = *pBeginInfo->pInheritanceInfo;
+            VkRenderPass pass = VK_NULL_HANDLE;
+            VkFramebuffer framebuffer = VK_NULL_HANDLE;
+            bool found = false;
+            if (FindSubstitutes(state->mainPass, inheritance.renderPass, inheritance.framebuffer, pass, framebuffer)) {
+                Track(state->mainPass.secondaryCommandBuffers, commandBuffer);
+                found = true;
+                ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN MAIN secondary cmb: %llu",
+                               HandleNumber(commandBuffer));
+            } else if (FindSubstitutes(state->lightPass, inheritance.renderPass, inheritance.framebuffer, pass,
+                                       framebuffer)) {
+                Track(state->lightPass.secondaryCommandBuffers, commandBuffer);
+                SetLightSecondaryRecording(*state, true);
+                found = true;
+                ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN Light secondary cmb: %llu",
+                               HandleNumber(commandBuffer));
+            }
+            if (found && pass != VK_NULL_HANDLE && framebuffer != VK_NULL_HANDLE) {
+                redirected = inheritance;
+                redirected.renderPass = pass;
+                redirected.framebuffer = framebuffer;
+                begin = *pBeginInfo;
+                begin.pInheritanceInfo = &redirected;
+                info = &begin;
+                SetFlags(*state, kSecondaryRedirected);
+            }
+        }
     }
-    if (pass == VK_NULL_HANDLE || framebuffer == VK_NULL_HANDLE) {
-        return next(commandBuffer, pBeginInfo);
-    }
-    VkCommandBufferInheritanceInfo redirected = inheritance;
-    redirected.renderPass = pass;
-    redirected.framebuffer = framebuffer;
-    VkCommandBufferBeginInfo begin = *pBeginInfo;
-    begin.pInheritanceInfo = &redirected;
-    SetFlags(kSecondaryRedirected);
-    return next(commandBuffer, &begin);
+    return next(commandBuffer, info);
 }
 
 ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer,
                                                                 const VkRenderPassBeginInfo* pRenderPassBegin,
                                                                 VkSubpassContents contents,
                                                                 ZoVkNext<&T::vkCmdBeginRenderPass> next) {
-    const int32_t index = pRenderPassBegin != nullptr && Active()
-                              ? ResolutionIndex(pRenderPassBegin->renderArea.extent.width,
-                                                pRenderPassBegin->renderArea.extent.height)
-                              : -1;
-    if (index < 0) {
+    if (activeDevices_.load(std::memory_order_relaxed) == 0 || pRenderPassBegin == nullptr) {
         return next(commandBuffer, pRenderPassBegin, contents);
     }
     const VkRenderPassBeginInfo& info = *pRenderPassBegin;
-    VkRenderPass pass = VK_NULL_HANDLE;
-    VkFramebuffer framebuffer = VK_NULL_HANDLE;
-    const char* line = nullptr;
-    if (FindSubstitutes(mainPass, info.renderPass, info.framebuffer, pass, framebuffer)) {
-        curMainResIndex_ = index;
-        mainPass.passCommandBuffers.insert(commandBuffer);
-        line = "PreVkCmdBeginRenderPass, BEGIN MAINPASS, rendrpass %llu ----> %llu, framebuffer "
-               "%llu---->%llu, wh: %dx%d";
-    } else if (FindSubstitutes(lightPass, info.renderPass, info.framebuffer, pass, framebuffer)) {
-        lightPass.passCommandBuffers.insert(commandBuffer);
-        line = "PreVkCmdBeginRenderPass,  BEGIN LIGHT PASS, renderpass %llu ----> %llu, framebuffer "
-               "%llu---->%llu, wh: %dx%d";
-    } else {
-        return next(commandBuffer, pRenderPassBegin, contents);
-    }
-    if (pass == VK_NULL_HANDLE || framebuffer == VK_NULL_HANDLE) {
-        return next(commandBuffer, pRenderPassBegin, contents);
-    }
-    // The rate attachment is loaded, so the game's clear values still cover every cleared one.
     VkRenderPassBeginInfo begin = info;
-    begin.renderPass = pass;
-    begin.framebuffer = framebuffer;
-    SetFlags(kPassSubstituted);
-    ZOVK_VRS_TRACE(debugLog, line, HandleNumber(info.renderPass), HandleNumber(pass), HandleNumber(info.framebuffer),
-                   HandleNumber(framebuffer), info.renderArea.extent.width, info.renderArea.extent.height);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        DeviceState* state = State(next.Record().device, false);
+        const int32_t index = state != nullptr && Active(*state)
+                                  ? ResolutionIndex(info.renderArea.extent.width, info.renderArea.extent.height)
+                                  : -1;
+        VkRenderPass pass = VK_NULL_HANDLE;
+        VkFramebuffer framebuffer = VK_NULL_HANDLE;
+        const char* line = nullptr;
+        if (index < 0) {
+            // Not a configured render area: handed on as it came.
+        } else if (FindSubstitutes(state->mainPass, info.renderPass, info.framebuffer, pass, framebuffer)) {
+            state->curMainResIndex_ = index;
+            Track(state->mainPass.passCommandBuffers, commandBuffer);
+            line = "PreVkCmdBeginRenderPass, BEGIN MAINPASS, rendrpass %llu ----> %llu, framebuffer "
+                   "%llu---->%llu, wh: %dx%d";
+        } else if (FindSubstitutes(state->lightPass, info.renderPass, info.framebuffer, pass, framebuffer)) {
+            Track(state->lightPass.passCommandBuffers, commandBuffer);
+            line = "PreVkCmdBeginRenderPass,  BEGIN LIGHT PASS, renderpass %llu ----> %llu, framebuffer "
+                   "%llu---->%llu, wh: %dx%d";
+        }
+        if (line != nullptr && pass != VK_NULL_HANDLE && framebuffer != VK_NULL_HANDLE) {
+            // The rate attachment is loaded, so the game's clear values still cover every cleared one.
+            begin.renderPass = pass;
+            begin.framebuffer = framebuffer;
+            SetFlags(*state, kPassSubstituted);
+            ZOVK_VRS_TRACE(debugLog, line, HandleNumber(info.renderPass), HandleNumber(pass),
+                           HandleNumber(info.framebuffer), HandleNumber(framebuffer), info.renderArea.extent.width,
+                           info.renderArea.extent.height);
+        }
+    }
     return next(commandBuffer, &begin, contents);
 }
 
 void ZoVkStarRailVRSModule::PostVkCmdEndRenderPass(VkCommandBuffer commandBuffer) {
-    if (Active()) {
-        if (mainPass.passCommandBuffers.erase(commandBuffer) != 0) {
+    if (trackedCommandBuffers_.load(std::memory_order_relaxed) == 0) {
+        return;
+    }
+    // Whether or not the device is still active: a pass begun while it was ends now.
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& [device, state] : devices_) {
+        if (Untrack(state->mainPass.passCommandBuffers, commandBuffer)) {
             ZOVK_VRS_TRACE(debugLog, "PostVkCmdEndRenderPass, END MAIN PASS, cmb: %llu", HandleNumber(commandBuffer));
         }
-        if (lightPass.passCommandBuffers.erase(commandBuffer) != 0) {
+        if (Untrack(state->lightPass.passCommandBuffers, commandBuffer)) {
             ZOVK_VRS_TRACE(debugLog, "PostVkCmdEndRenderPass, END LIGHT PASS, cmb: %llu", HandleNumber(commandBuffer));
         }
     }
@@ -134,18 +163,23 @@ void ZoVkStarRailVRSModule::PostVkCmdEndRenderPass(VkCommandBuffer commandBuffer
 ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdBindPipeline(VkCommandBuffer commandBuffer,
                                                              VkPipelineBindPoint pipelineBindPoint, VkPipeline pipeline,
                                                              ZoVkNext<&T::vkCmdBindPipeline> next) {
-    if (Active()) {
-        bool found = false;
-        VkPipeline substitute = VK_NULL_HANDLE;
-        // Only secondaries that continue a substituted pass run inside one.
-        if (mainPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
-            substitute = Lookup(mainPass.pipelineMap, pipeline, found);
-        }
-        if (substitute == VK_NULL_HANDLE && lightPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
-            substitute = Lookup(lightPass.pipelineMap, pipeline, found);
-        }
-        if (substitute != VK_NULL_HANDLE) {
-            pipeline = substitute;
+    if (activeDevices_.load(std::memory_order_relaxed) != 0 &&
+        trackedCommandBuffers_.load(std::memory_order_relaxed) != 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        DeviceState* state = State(next.Record().device, false);
+        if (state != nullptr && Active(*state)) {
+            bool found = false;
+            VkPipeline substitute = VK_NULL_HANDLE;
+            // Only secondaries that continue a substituted pass run inside one.
+            if (state->mainPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
+                substitute = Lookup(state->mainPass.pipelineMap, pipeline, found);
+            }
+            if (substitute == VK_NULL_HANDLE && state->lightPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
+                substitute = Lookup(state->lightPass.pipelineMap, pipeline, found);
+            }
+            if (substitute != VK_NULL_HANDLE) {
+                pipeline = substitute;
+            }
         }
     }
     return next(commandBuffer, pipelineBindPoint, pipeline);
@@ -156,21 +190,24 @@ ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdExecuteCommands(VkCommandBuffer 
                                                                 const VkCommandBuffer* pCommandBuffers,
                                                                 ZoVkNext<&T::vkCmdExecuteCommands> next) {
     constexpr uint32_t kNeeded = kActive | kPassSubstituted | kSecondaryRedirected;
-    if ((Flags() & kNeeded) == kNeeded && commandBufferCount != 0 && pCommandBuffers != nullptr) {
+    if (activeDevices_.load(std::memory_order_relaxed) != 0 && commandBufferCount != 0 && pCommandBuffers != nullptr) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        DeviceState* state = State(next.Record().device, false);
         // The rate goes into each secondary after the game finished recording it, just before
         // the primary runs it.
-        const bool main = mainPass.passCommandBuffers.count(commandBuffer) != 0;
-        if (main || lightPass.passCommandBuffers.count(commandBuffer) != 0) {
-            PassState& pass = main ? mainPass : lightPass;
+        const bool main = state != nullptr && state->mainPass.passCommandBuffers.count(commandBuffer) != 0;
+        if (state != nullptr && (state->vrsFlags & kNeeded) == kNeeded &&
+            (main || state->lightPass.passCommandBuffers.count(commandBuffer) != 0)) {
+            PassState& pass = main ? state->mainPass : state->lightPass;
             for (uint32_t i = 0; i < commandBufferCount; ++i) {
-                if (pass.secondaryCommandBuffers.erase(pCommandBuffers[i]) == 0) {
+                if (!Untrack(pass.secondaryCommandBuffers, pCommandBuffers[i])) {
                     continue;
                 }
                 if (!main) {
-                    coarseRateActive = true;
+                    state->coarseRateActive = true;
                 }
-                SetRate(next.NextLayer(), pCommandBuffers[i], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
-                SetFlags(main ? kMainRateSet : kLightRateSet);
+                SetRate(*state, next.NextLayer(), pCommandBuffers[i], VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
+                SetFlags(*state, main ? kMainRateSet : kLightRateSet);
                 ZOVK_VRS_TRACE(debugLog,
                                main ? "PreVkCmdExecuteCommands, KEEP-REPLACE, mainpass secondary cmb: %llu"
                                     : "PreVkCmdExecuteCommands, KEEP-REPLACE, lightpass secondary cmb: %llu",
@@ -185,20 +222,25 @@ ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdDrawIndexed(VkCommandBuffer comm
                                                             uint32_t instanceCount, uint32_t firstIndex,
                                                             int32_t vertexOffset, uint32_t firstInstance,
                                                             ZoVkNext<&T::vkCmdDrawIndexed> next) {
-    if (lightSecondaryRecording && Active()) {
-        ++lightDrawCounter;
-        // Unsigned comparison on purpose: a negative configured bound reads as a huge one.
-        const bool fullRateDraw = static_cast<uint64_t>(moduleData->fullRateDrawFirst) <= lightDrawCounter &&
-                                  lightDrawCounter <= static_cast<uint64_t>(moduleData->fullRateDrawLast) &&
-                                  indexCount == static_cast<uint32_t>(moduleData->fullRateIndexCount) &&
-                                  instanceCount == static_cast<uint32_t>(moduleData->fullRateInstanceCount);
-        if (!fullRateDraw && !coarseRateActive) {
-            SetRate(next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
-            coarseRateActive = true;
-        } else if (fullRateDraw && coarseRateActive) {
-            SetRate(next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
-            coarseRateActive = false;
-            SetFlags(kFullRateDrawSwitched);
+    if (lightRecordings_.load(std::memory_order_relaxed) != 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        DeviceState* state = State(next.Record().device, false);
+        if (state != nullptr && state->lightSecondaryRecording && Active(*state)) {
+            ++state->lightDrawCounter;
+            // Unsigned comparison on purpose: a negative configured bound reads as a huge one.
+            const uint64_t draw = state->lightDrawCounter;
+            const bool fullRateDraw = static_cast<uint64_t>(moduleData->fullRateDrawFirst) <= draw &&
+                                      draw <= static_cast<uint64_t>(moduleData->fullRateDrawLast) &&
+                                      indexCount == static_cast<uint32_t>(moduleData->fullRateIndexCount) &&
+                                      instanceCount == static_cast<uint32_t>(moduleData->fullRateInstanceCount);
+            if (!fullRateDraw && !state->coarseRateActive) {
+                SetRate(*state, next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
+                state->coarseRateActive = true;
+            } else if (fullRateDraw && state->coarseRateActive) {
+                SetRate(*state, next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
+                state->coarseRateActive = false;
+                SetFlags(*state, kFullRateDrawSwitched);
+            }
         }
     }
     return next(commandBuffer, indexCount, instanceCount, firstIndex, vertexOffset, firstInstance);
@@ -206,18 +248,51 @@ ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdDrawIndexed(VkCommandBuffer comm
 
 ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkEndCommandBuffer(VkCommandBuffer commandBuffer,
                                                                   ZoVkNext<&T::vkEndCommandBuffer> next) {
-    if (Active() && lightPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
-        lightSecondaryRecording = false;
-        lightDrawCounter = 0;
+    if (lightRecordings_.load(std::memory_order_relaxed) != 0) {
+        // Whether or not the device is still active: a level dropped mid-recording must not
+        // leave the light secondary counted as recording.
+        std::lock_guard<std::mutex> lock(mutex_);
+        DeviceState* state = State(next.Record().device, false);
+        if (state != nullptr && state->lightPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
+            SetLightSecondaryRecording(*state, false);
+        }
     }
     return next(commandBuffer);
+}
+
+ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkResetCommandBuffer(VkCommandBuffer commandBuffer,
+                                                                    VkCommandBufferResetFlags flags,
+                                                                    ZoVkNext<&T::vkResetCommandBuffer> next) {
+    if (trackedCommandBuffers_.load(std::memory_order_relaxed) != 0) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (DeviceState* state = State(next.Record().device, false)) {
+            ForgetCommandBuffer(*state, commandBuffer);
+        }
+    }
+    return next(commandBuffer, flags);
+}
+
+ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkFreeCommandBuffers(VkDevice device, VkCommandPool commandPool,
+                                                                uint32_t commandBufferCount,
+                                                                const VkCommandBuffer* pCommandBuffers,
+                                                                ZoVkNext<&T::vkFreeCommandBuffers> next) {
+    if (trackedCommandBuffers_.load(std::memory_order_relaxed) != 0 && pCommandBuffers != nullptr) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (DeviceState* state = State(device, false)) {
+            for (uint32_t i = 0; i < commandBufferCount; ++i) {
+                ForgetCommandBuffer(*state, pCommandBuffers[i]);
+            }
+        }
+    }
+    return next(device, commandPool, commandBufferCount, pCommandBuffers);
 }
 
 void ZoVkStarRailVRSModule::PostVkCreateCommandPool(VkDevice device, const VkCommandPoolCreateInfo* pCreateInfo,
                                                     const VkAllocationCallbacks* pAllocator,
                                                     VkCommandPool* pCommandPool, VkResult result) {
     if (result == VK_SUCCESS && pCommandPool != nullptr && *pCommandPool != VK_NULL_HANDLE) {
-        renderpassBuilder->SetCommandPool(*pCommandPool);
+        std::lock_guard<std::mutex> lock(mutex_);
+        State(device, true)->renderpassBuilder.SetCommandPool(*pCommandPool);
     }
 }
 

@@ -47,7 +47,7 @@ template <typename Handle, typename Destroy>
 void Remember(std::unordered_map<Handle, Handle>& map, Handle game, Handle substitute, VkDevice device,
               Destroy destroy) {
     Handle& slot = map[game];
-    if (slot != VK_NULL_HANDLE) {
+    if (slot != VK_NULL_HANDLE && destroy != nullptr) {
         destroy(device, slot, nullptr);
     }
     slot = substitute;
@@ -79,11 +79,19 @@ void ForgetEverywhere(Destroy destroy, VkDevice device, Handle game,
     }
 }
 
+// The next layer's destroy call of `device`, for the post hooks, which see no ZoVkNext.
+template <auto Slot>
+detail::PfnOf<Slot> DestroyFunction(VkDevice device) {
+    const ZoVkDeviceInfo* record = ZoVkContextManager::GetInstance()->GetDeviceInfo(GetDispatchKey(device));
+    return record != nullptr ? record->functions.*Slot : nullptr;
+}
+
 }  // namespace
 
-void ZoVkStarRailVRSModule::ReadTexelSize() {
+void ZoVkStarRailVRSModule::ReadTexelSize(DeviceState& state) {
     const ZoVkInstanceInfo* instance = processor_->GetInstanceInfo();
-    const ZoVkDeviceInfo* device = processor_->GetDeviceInfo();
+    const ZoVkDeviceInfo* device = ZoVkContextManager::GetInstance()->GetDeviceInfo(GetDispatchKey(state.device));
+    MyVkExtent2D& texelSize = state.texelSize;
     PFN_vkGetPhysicalDeviceProperties2 properties2 = nullptr;
     if (instance != nullptr) {
         properties2 = instance->functions.vkGetPhysicalDeviceProperties2 != nullptr
@@ -102,53 +110,56 @@ void ZoVkStarRailVRSModule::ReadTexelSize() {
     properties2(device->physicalDevice, &properties);
     texelSize = rate.maxFragmentShadingRateAttachmentTexelSize;
     if (texelSize.width == 0 || texelSize.height == 0) {
-        if (!zeroTexelSizeLogged_) {
+        if (!state.zeroTexelSizeLogged) {
             ZOVK_LOGW("Star Rail VRS: the device reports a shading-rate attachment texel size of %ux%u: "
                       "no substitution until it reports one",
                       texelSize.width, texelSize.height);
-            zeroTexelSizeLogged_ = true;
+            state.zeroTexelSizeLogged = true;
         }
         return;
     }
-    device_ = device->device;
-    SetFlags(kTexelSizeKnown);
+    SetFlags(state, kTexelSizeKnown);
     ZOVK_LOGD("Star Rail VRS: shading-rate texel size %ux%u", texelSize.width, texelSize.height);
 }
 
 void ZoVkStarRailVRSModule::PostVkCreateRenderPass(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
                                                    const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass,
                                                    VkResult result) {
-    if ((Flags() & kTexelSizeKnown) == 0) {
-        ReadTexelSize();
+    std::lock_guard<std::mutex> lock(mutex_);
+    DeviceState& state = *State(device, true);
+    if ((state.vrsFlags & kTexelSizeKnown) == 0) {
+        ReadTexelSize(state);
     }
-    if ((Flags() & kTexelSizeKnown) != 0 && result == VK_SUCCESS && pCreateInfo != nullptr &&
+    if ((state.vrsFlags & kTexelSizeKnown) != 0 && result == VK_SUCCESS && pCreateInfo != nullptr &&
         pRenderPass != nullptr && *pRenderPass != VK_NULL_HANDLE) {
         const VkRenderPassCreateInfo& info = *pCreateInfo;
         const VkRenderPass game = *pRenderPass;
-        const auto destroy = NextLayer<&T::vkDestroyRenderPass>(processor_);
-        auto substitute = [&] { return renderpassBuilder->createShadingRateRenderpass(info, texelSize); };
+        const auto destroy = DestroyFunction<&T::vkDestroyRenderPass>(device);
+        auto substitute = [&] { return state.renderpassBuilder.createShadingRateRenderpass(info, state.texelSize); };
+        PassState& mainPass = state.mainPass;
+        PassState& lightPass = state.lightPass;
         if (info.attachmentCount == static_cast<uint32_t>(moduleData->mainPassAttachmentCount)) {
             if (IsMainPass(info, VK_ATTACHMENT_LOAD_OP_CLEAR)) {
                 const VkRenderPass made = substitute();
-                Remember(mainPass.passMap, game, made, device_, destroy);
+                Remember(mainPass.passMap, game, made, device, destroy);
                 ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass111, create main pass: %llu---->%llu",
                                HandleNumber(game), HandleNumber(made));
             } else if (IsMainPass(info, VK_ATTACHMENT_LOAD_OP_DONT_CARE)) {
                 const VkRenderPass made = substitute();
-                Remember(mainPass.framebufferPassMap, game, made, device_, destroy);
+                Remember(mainPass.framebufferPassMap, game, made, device, destroy);
                 ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass222, create main pass for fbo: %llu-----> %llu",
                                HandleNumber(game), HandleNumber(made));
             }
         } else if (info.attachmentCount == 2) {
             if (IsLightPass(info, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_ATTACHMENT_LOAD_OP_LOAD)) {
                 const VkRenderPass made = substitute();
-                Remember(lightPass.passMap, game, made, device_, destroy);
-                lightPassSubstitute = made;
+                Remember(lightPass.passMap, game, made, device, destroy);
+                state.lightPassSubstitute = made;
                 ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass111, create light pass: %llu---->%llu",
                                HandleNumber(game), HandleNumber(made));
             } else if (IsLightPass(info, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_ATTACHMENT_LOAD_OP_DONT_CARE)) {
                 const VkRenderPass made = substitute();
-                Remember(lightPass.framebufferPassMap, game, made, device_, destroy);
+                Remember(lightPass.framebufferPassMap, game, made, device, destroy);
                 ZOVK_VRS_TRACE(debugLog, "PostVkCreateRenderPass222, create light pass for fbo: %llu---->%llu",
                                HandleNumber(game), HandleNumber(made));
             }
@@ -159,13 +170,17 @@ void ZoVkStarRailVRSModule::PostVkCreateRenderPass(VkDevice device, const VkRend
 void ZoVkStarRailVRSModule::PostVkCreateFramebuffer(VkDevice device, const VkFramebufferCreateInfo* pCreateInfo,
                                                     const VkAllocationCallbacks* pAllocator,
                                                     VkFramebuffer* pFramebuffer, VkResult result) {
-    if ((Flags() & (kTexelSizeKnown | kImagesReady)) == kTexelSizeKnown && initShadingRateImages()) {
-        SetFlags(kImagesReady);
+    std::lock_guard<std::mutex> lock(mutex_);
+    DeviceState& state = *State(device, true);
+    // The images are made here; their first uploads wait for a present, where the game's queue
+    // may be used, and substitution starts once they are submitted.
+    if ((state.vrsFlags & kTexelSizeKnown) != 0 && !state.imagesMade) {
+        state.imagesMade = initShadingRateImages(state);
     }
     const int32_t index = pCreateInfo != nullptr ? ResolutionIndex(pCreateInfo->width, pCreateInfo->height) : -1;
-    if ((Flags() & (kTexelSizeKnown | kImagesReady)) == (kTexelSizeKnown | kImagesReady) && result == VK_SUCCESS &&
-        pFramebuffer != nullptr && *pFramebuffer != VK_NULL_HANDLE && index >= 0 &&
-        static_cast<size_t>(index) < mainPass.images.size()) {
+    if (state.imagesMade && result == VK_SUCCESS && pFramebuffer != nullptr && *pFramebuffer != VK_NULL_HANDLE &&
+        index >= 0 && static_cast<size_t>(index) < state.mainPass.images.size() &&
+        state.mainPass.images[index].image != VK_NULL_HANDLE) {
         const VkFramebufferCreateInfo& info = *pCreateInfo;
         const VkFramebuffer game = *pFramebuffer;
         // The clear variant of the pass wins; the game may create its framebuffers on either.
@@ -179,15 +194,16 @@ void ZoVkStarRailVRSModule::PostVkCreateFramebuffer(VkDevice device, const VkFra
             if (substitutePass == VK_NULL_HANDLE) {
                 return;
             }
-            const VkFramebuffer made = renderpassBuilder->createVRSFramebuffer(substitutePass, info, pass.images[index]);
-            Remember(pass.framebufferMap, game, made, device_, NextLayer<&T::vkDestroyFramebuffer>(processor_));
+            const VkFramebuffer made =
+                state.renderpassBuilder.createVRSFramebuffer(substitutePass, info, pass.images[index]);
+            Remember(pass.framebufferMap, game, made, device, DestroyFunction<&T::vkDestroyFramebuffer>(device));
             ZOVK_VRS_TRACE(debugLog, line, HandleNumber(game), HandleNumber(made), info.width, info.height);
         };
         if (info.attachmentCount == static_cast<uint32_t>(moduleData->mainPassAttachmentCount)) {
-            substitute(mainPass, "PostVkCreateFramebuffer 111, old new main framebuffer: %llu---->%llu, wh: %dx%d",
+            substitute(state.mainPass, "PostVkCreateFramebuffer 111, old new main framebuffer: %llu---->%llu, wh: %dx%d",
                        "PostVkCreateFramebuffer 222, old new main framebuffer: %llu---->%llu, wh: %dx%d");
         } else if (info.attachmentCount == 2) {
-            substitute(lightPass, "PostVkCreateFramebuffer 111, old new light framebuffer: %llu---->%llu, wh: %dx%d",
+            substitute(state.lightPass, "PostVkCreateFramebuffer 111, old new light framebuffer: %llu---->%llu, wh: %dx%d",
                        "PostVkCreateFramebuffer 222, old new light framebuffer: %llu---->%llu, wh: %dx%d");
         }
     }
@@ -198,7 +214,9 @@ void ZoVkStarRailVRSModule::PostVkCreateGraphicsPipelines(VkDevice device, VkPip
                                                           const VkGraphicsPipelineCreateInfo* pCreateInfos,
                                                           const VkAllocationCallbacks* pAllocator,
                                                           VkPipeline* pPipelines, VkResult result) {
-    const auto destroy = NextLayer<&T::vkDestroyPipeline>(processor_);
+    std::lock_guard<std::mutex> lock(mutex_);
+    DeviceState& state = *State(device, true);
+    const auto destroy = DestroyFunction<&T::vkDestroyPipeline>(device);
     for (uint32_t i = 0; pCreateInfos != nullptr && pPipelines != nullptr && i < createInfoCount; ++i) {
         const VkPipeline game = pPipelines[i];
         if (game == VK_NULL_HANDLE) {
@@ -206,12 +224,12 @@ void ZoVkStarRailVRSModule::PostVkCreateGraphicsPipelines(VkDevice device, VkPip
         }
         // Only the framebuffer variants of the passes name pipelines. The substitute gets no
         // allocator: the module destroys it without one.
-        const bool main = Lookup(mainPass.framebufferPassMap, pCreateInfos[i].renderPass) != VK_NULL_HANDLE;
-        PassState& kind = main ? mainPass : lightPass;
+        const bool main = Lookup(state.mainPass.framebufferPassMap, pCreateInfos[i].renderPass) != VK_NULL_HANDLE;
+        PassState& kind = main ? state.mainPass : state.lightPass;
         if (const VkRenderPass pass = Lookup(kind.framebufferPassMap, pCreateInfos[i].renderPass)) {
             const VkPipeline made =
-                renderpassBuilder->createVRSPipelineCreateInfo(pipelineCache, nullptr, pCreateInfos[i], pass);
-            Remember(kind.pipelineMap, game, made, device_, destroy);
+                state.renderpassBuilder.createVRSPipelineCreateInfo(pipelineCache, nullptr, pCreateInfos[i], pass);
+            Remember(kind.pipelineMap, game, made, device, destroy);
             ZOVK_VRS_TRACE(debugLog,
                            main ? "PostVkCreateGraphicsPipelines, main pipeline: %llu ----> %llu"
                                 : "PostVkCreateGraphicsPipelines, light pipeline: %llu ----> %llu",
@@ -223,34 +241,47 @@ void ZoVkStarRailVRSModule::PostVkCreateGraphicsPipelines(VkDevice device, VkPip
 ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline,
                                                              const VkAllocationCallbacks* pAllocator,
                                                              ZoVkNext<&T::vkDestroyPipeline> next) {
-    ForgetEverywhere(next.NextLayer().vkDestroyPipeline, device, pipeline,
-                     {&mainPass.pipelineMap, &lightPass.pipelineMap});
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (DeviceState* state = State(device, false)) {
+            ForgetEverywhere(next.NextLayer().vkDestroyPipeline, device, pipeline,
+                             {&state->mainPass.pipelineMap, &state->lightPass.pipelineMap});
+        }
+    }
     return next(device, pipeline, pAllocator);
 }
 
 ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkDestroyFramebuffer(VkDevice device, VkFramebuffer framebuffer,
                                                                 const VkAllocationCallbacks* pAllocator,
                                                                 ZoVkNext<&T::vkDestroyFramebuffer> next) {
-    ForgetEverywhere(next.NextLayer().vkDestroyFramebuffer, device, framebuffer,
-                     {&mainPass.framebufferMap, &lightPass.framebufferMap});
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (DeviceState* state = State(device, false)) {
+            ForgetEverywhere(next.NextLayer().vkDestroyFramebuffer, device, framebuffer,
+                             {&state->mainPass.framebufferMap, &state->lightPass.framebufferMap});
+        }
+    }
     return next(device, framebuffer, pAllocator);
 }
 
 ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkDestroyRenderPass(VkDevice device, VkRenderPass renderPass,
                                                                const VkAllocationCallbacks* pAllocator,
                                                                ZoVkNext<&T::vkDestroyRenderPass> next) {
-    if (renderPass != VK_NULL_HANDLE) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    DeviceState* state = State(device, false);
+    if (renderPass != VK_NULL_HANDLE && state != nullptr) {
         const auto destroy = next.NextLayer().vkDestroyRenderPass;
-        if (Lookup(lightPass.passMap, renderPass) == lightPassSubstitute) {
-            lightPassSubstitute = VK_NULL_HANDLE;
+        if (Lookup(state->lightPass.passMap, renderPass) == state->lightPassSubstitute) {
+            state->lightPassSubstitute = VK_NULL_HANDLE;
         }
-        if (!Forget(mainPass.passMap, renderPass, device, destroy)) {
-            Forget(lightPass.passMap, renderPass, device, destroy);
+        if (!Forget(state->mainPass.passMap, renderPass, device, destroy)) {
+            Forget(state->lightPass.passMap, renderPass, device, destroy);
         }
-        if (!Forget(mainPass.framebufferPassMap, renderPass, device, destroy)) {
-            Forget(lightPass.framebufferPassMap, renderPass, device, destroy);
+        if (!Forget(state->mainPass.framebufferPassMap, renderPass, device, destroy)) {
+            Forget(state->lightPass.framebufferPassMap, renderPass, device, destroy);
         }
     }
+    lock.unlock();
     return next(device, renderPass, pAllocator);
 }
 

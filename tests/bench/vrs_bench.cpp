@@ -1,7 +1,11 @@
-// Cost of the Star Rail VRS module on the calls it sits on, over a next layer that does
-// nothing (so the figures are the layer's own CPU time):
-//   BM_VrsLightDraw           vkCmdDrawIndexed through the module's node while a light
-//                             secondary records (counted, no rate change)
+// Cost of the Star Rail VRS module on the calls it sits on. The module is set up through its
+// hooks on the recording fake (passes, framebuffers, a present at level 1 in the gated scene);
+// then the next layer's functions for the measured calls are swapped for ones that do nothing,
+// so the figures are the layer's own CPU time:
+//   BM_VrsDrawOutsideLight    vkCmdDrawIndexed outside a light secondary (the module's guard
+//                             reads two counters and hands the call on)
+//   BM_VrsLightDraw           vkCmdDrawIndexed while a light secondary records (counted under
+//                             the module's lock, no rate change)
 //   BM_VrsPresentSteady       vkQueuePresentKHR at an unchanged VRS level
 //   BM_VrsPresentLevelChange  vkQueuePresentKHR that uploads two templates (level 1 and 2 in
 //                             turn): the one-shot command buffers, without the GPU's wait
@@ -12,76 +16,48 @@
 #include <json/value.h>
 #include <stdlib.h>
 
-#include <cstring>
 #include <memory>
+#include <utility>
 #include <string>
+#include <vector>
 
 #include "app/module/zovk_star_rail_vrs_module.h"
 #include "app/zovk_app_data.h"
-#include "layer/zovk_entry.h"
+#include "app/zovk_factory.h"
 #include "settings/zovk_app_info_monitor.h"
 #include "settings/zovk_settings.h"
+#include "tests/support/fake_next_layer.h"
+#include "tests/support/served_device.h"
 
 using namespace vulkan::zovk;
 using namespace vulkan::zovk::app;
-using module::ZoVkStarRailVRSModule;
-using T = VkDeviceFunctionTable;
 
 namespace {
 
-struct Handle {
-    void* dispatch;
-};
-Handle gPooled{nullptr};
-uint64_t gCalls = 0;
-
-// clang-format off
-void VKAPI_CALL Draw(VkCommandBuffer, uint32_t, uint32_t, uint32_t, int32_t, uint32_t) { ++gCalls; }
-VkResult VKAPI_CALL Present(VkQueue, const VkPresentInfoKHR*) { ++gCalls; return VK_SUCCESS; }
-void VKAPI_CALL SetRate(VkCommandBuffer, const VkExtent2D*, const VkFragmentShadingRateCombinerOpKHR*) {}
-VkResult VKAPI_CALL CreatePool(VkDevice, const VkCommandPoolCreateInfo*, const VkAllocationCallbacks*, VkCommandPool* p) { *p = reinterpret_cast<VkCommandPool>(uintptr_t{1}); return VK_SUCCESS; }
-void VKAPI_CALL DestroyPool(VkDevice, VkCommandPool, const VkAllocationCallbacks*) {}
-VkResult VKAPI_CALL Allocate(VkDevice, const VkCommandBufferAllocateInfo*, VkCommandBuffer* c) { *c = reinterpret_cast<VkCommandBuffer>(&gPooled); return VK_SUCCESS; }
-void VKAPI_CALL Free(VkDevice, VkCommandPool, uint32_t, const VkCommandBuffer*) {}
-VkResult VKAPI_CALL Begin(VkCommandBuffer, const VkCommandBufferBeginInfo*) { return VK_SUCCESS; }
-VkResult VKAPI_CALL End(VkCommandBuffer) { return VK_SUCCESS; }
-void VKAPI_CALL Copy(VkCommandBuffer, VkBuffer, VkImage, VkImageLayout, uint32_t, const VkBufferImageCopy*) { ++gCalls; }
-void VKAPI_CALL GetQueue(VkDevice, uint32_t, uint32_t, VkQueue* q) { *q = reinterpret_cast<VkQueue>(&gPooled); }
-VkResult VKAPI_CALL Submit(VkQueue, uint32_t, const VkSubmitInfo*, VkFence) { return VK_SUCCESS; }
-VkResult VKAPI_CALL WaitIdle(VkQueue) { return VK_SUCCESS; }
-VkResult VKAPI_CALL SetLoaderData(VkDevice, void*) { return VK_SUCCESS; }
-void VKAPI_CALL Families(VkPhysicalDevice, uint32_t* n, VkQueueFamilyProperties* p) {
-    if (p != nullptr) p[0] = {VK_QUEUE_GRAPHICS_BIT, 1, 0, {1, 1, 1}};
-    *n = 1;
-}
-// clang-format on
-
-PFN_vkVoidFunction VKAPI_CALL NextGetDeviceProcAddr(VkDevice, const char* name) {
-    static const std::pair<const char*, PFN_vkVoidFunction> kFunctions[] = {
-        {"vkCmdDrawIndexed", reinterpret_cast<PFN_vkVoidFunction>(Draw)},
-        {"vkQueuePresentKHR", reinterpret_cast<PFN_vkVoidFunction>(Present)},
-        {"vkCmdSetFragmentShadingRateKHR", reinterpret_cast<PFN_vkVoidFunction>(SetRate)},
-        {"vkCreateCommandPool", reinterpret_cast<PFN_vkVoidFunction>(CreatePool)},
-        {"vkDestroyCommandPool", reinterpret_cast<PFN_vkVoidFunction>(DestroyPool)},
-        {"vkAllocateCommandBuffers", reinterpret_cast<PFN_vkVoidFunction>(Allocate)},
-        {"vkFreeCommandBuffers", reinterpret_cast<PFN_vkVoidFunction>(Free)},
-        {"vkBeginCommandBuffer", reinterpret_cast<PFN_vkVoidFunction>(Begin)},
-        {"vkEndCommandBuffer", reinterpret_cast<PFN_vkVoidFunction>(End)},
-        {"vkCmdCopyBufferToImage", reinterpret_cast<PFN_vkVoidFunction>(Copy)},
-        {"vkGetDeviceQueue", reinterpret_cast<PFN_vkVoidFunction>(GetQueue)},
-        {"vkQueueSubmit", reinterpret_cast<PFN_vkVoidFunction>(Submit)},
-        {"vkQueueWaitIdle", reinterpret_cast<PFN_vkVoidFunction>(WaitIdle)},
-    };
-    for (const auto& [n, f] : kFunctions) {
-        if (std::strcmp(n, name) == 0) return f;
-    }
-    return nullptr;
-}
-
 const char kPackage[] = "com.miHoYo.hkrpg";
 
-// A Star Rail device whose VRS module is set up as after the first frames: images and
-// templates made (fake handles), the scene gate open at level 1, a light secondary recording.
+// clang-format off
+void VKAPI_CALL Draw(VkCommandBuffer, uint32_t, uint32_t, uint32_t, int32_t, uint32_t) {}
+VkResult VKAPI_CALL Present(VkQueue, const VkPresentInfoKHR*) { return VK_SUCCESS; }
+VkResult VKAPI_CALL Submit(VkQueue, uint32_t, const VkSubmitInfo*, VkFence) { return VK_SUCCESS; }
+VkResult VKAPI_CALL WaitIdle(VkQueue) { return VK_SUCCESS; }
+VkResult VKAPI_CALL Begin(VkCommandBuffer, const VkCommandBufferBeginInfo*) { return VK_SUCCESS; }
+VkResult VKAPI_CALL End(VkCommandBuffer) { return VK_SUCCESS; }
+void VKAPI_CALL Free(VkDevice, VkCommandPool, uint32_t, const VkCommandBuffer*) {}
+void VKAPI_CALL Barrier(VkCommandBuffer, VkPipelineStageFlags, VkPipelineStageFlags, VkDependencyFlags, uint32_t, const VkMemoryBarrier*, uint32_t, const VkBufferMemoryBarrier*, uint32_t, const VkImageMemoryBarrier*) {}
+void VKAPI_CALL Copy(VkCommandBuffer, VkBuffer, VkImage, VkImageLayout, uint32_t, const VkBufferImageCopy*) {}
+void VKAPI_CALL SetRate(VkCommandBuffer, const VkExtent2D*, const VkFragmentShadingRateCombinerOpKHR*) {}
+zovk_test::FakeObject gOneShot{nullptr};
+VkResult VKAPI_CALL Allocate(VkDevice, const VkCommandBufferAllocateInfo*, VkCommandBuffer* c) { *c = reinterpret_cast<VkCommandBuffer>(&gOneShot); return VK_SUCCESS; }
+// clang-format on
+
+template <typename H>
+H Handle(uint64_t value) {
+    return reinterpret_cast<H>(static_cast<uintptr_t>(value));
+}
+
+// A Star Rail device after its first frame: substitutes made, images uploaded, the scene gate
+// open at level 1, and a light secondary begun on `secondary`.
 struct VrsDevice {
     VrsDevice() {
         static char binderDir[] = "/tmp/zovk-vrs-bench.XXXXXX";
@@ -91,68 +67,108 @@ struct VrsDevice {
         ZoVkSettings* settings = ZoVkSettings::GetInstance();
         settings->IdentifyApplication(kPackage);
         auto* data = new ZoVkStarRailData();
-        data->moduleIds = {ZoVkStarRailVRSModule::PROCESSOR_MODULE_TYPE};
-        Json::Value config;
-        config["vrs_Params"] = "1920x1080;5;10,12,3000,1;2";
-        data->moduleData[ZoVkStarRailVRSModule::PROCESSOR_MODULE_TYPE] = new module::ZoVkStarRailVRSModuleData(config);
         settings->SetProcessorData(data);
+        Json::Value config;
+        config["xrender_BaseInfo"] = "2";
+        config["vrs_Params"] = "1920x1080;5;10,12,3000,1;2";
+        data->InitProcessorConfigData(config);
         settings->SetHookFlags(kHookAll);
-        auto* monitor = android::ZoVkAppInfoMonitor::GetInstance();
-        monitor->Start();
-        monitor->ParseGameSceneId(kPackage, 1058);
-        monitor->ParseVkVrsSwitch(kPackage, 1);
+        served = std::make_unique<zovk_test::ServedDevice>(fake, CreateVkProcessor());
 
-        processor = std::make_shared<ZoVkStarRailProcessor>();
-        vrs = new ZoVkStarRailVRSModule(processor.get());
-        processor->RegisterModule(vrs);
-        instance.functions.vkGetPhysicalDeviceQueueFamilyProperties = Families;
-        processor->SetInstanceInfo(&instance);
-        ZoVkContextManager::GetInstance()->InitDeviceInfo(reinterpret_cast<VkPhysicalDevice>(&physical),
-                                                          reinterpret_cast<VkDevice>(&device), NextGetDeviceProcAddr,
-                                                          VK_API_VERSION_1_2, processor, true, SetLoaderData);
+        const VkRenderPass light = CreatePass({{VK_FORMAT_B10G11R11_UFLOAT_PACK32, VK_ATTACHMENT_LOAD_OP_CLEAR},
+                                               {VK_FORMAT_D24_UNORM_S8_UINT, VK_ATTACHMENT_LOAD_OP_LOAD}});
+        const VkFramebuffer framebuffer =
+            CreateFramebuffer(CreatePass({{VK_FORMAT_B10G11R11_UFLOAT_PACK32, VK_ATTACHMENT_LOAD_OP_DONT_CARE},
+                                          {VK_FORMAT_D24_UNORM_S8_UINT, VK_ATTACHMENT_LOAD_OP_DONT_CARE}}));
+        const auto main = [&](VkAttachmentLoadOp op) {
+            return CreatePass({{VK_FORMAT_R8G8B8A8_SRGB, op}, {VK_FORMAT_R8G8B8A8_UNORM, op},
+                               {VK_FORMAT_R8G8B8A8_UNORM, op}, {VK_FORMAT_R8G8B8A8_UNORM, op},
+                               {VK_FORMAT_D24_UNORM_S8_UINT, op}});
+        };
+        const VkRenderPass mainPass = main(VK_ATTACHMENT_LOAD_OP_CLEAR);
+        const VkFramebuffer mainFramebuffer = CreateFramebuffer(main(VK_ATTACHMENT_LOAD_OP_DONT_CARE));
+        SetLevel(1);
+        present = served->Call<PFN_vkQueuePresentKHR>("vkQueuePresentKHR");
+        draw = served->Call<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed");
+        present(fake.Queue(), &presentInfo);  // uploads the images, opens the level and scene gates
+        // A main pass at the configured resolution: level changes upload its patterns.
+        VkRenderPassBeginInfo pass{};
+        pass.sType = VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO;
+        pass.renderPass = mainPass;
+        pass.framebuffer = mainFramebuffer;
+        pass.renderArea.extent = {1920, 1080};
+        served->Call<PFN_vkCmdBeginRenderPass>("vkCmdBeginRenderPass")(Primary(), &pass,
+                                                                        VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
+        served->Call<PFN_vkCmdEndRenderPass>("vkCmdEndRenderPass")(Primary());
+        VkCommandBufferInheritanceInfo inheritance{};
+        inheritance.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_INHERITANCE_INFO;
+        inheritance.renderPass = light;
+        inheritance.framebuffer = framebuffer;
+        VkCommandBufferBeginInfo begin{};
+        begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
+        begin.pInheritanceInfo = &inheritance;
+        served->Call<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer")(Secondary(), &begin);
+        fake.Clear();
 
-        vrs->mainPass.images.resize(1);
-        vrs->lightPass.images.resize(1);
-        for (auto* image : {&vrs->mainPass.images[0], &vrs->lightPass.images[0]}) {
-            image->image = reinterpret_cast<VkImage>(uintptr_t{0x10});
-            image->width = 120;
-            image->height = 67;
+        // From here the next layer does nothing.
+        VkDeviceFunctionTable& f = ZoVkContextManager::GetInstance()->GetDeviceInfo(fake.device.dispatch)->functions;
+        f.vkCmdDrawIndexed = Draw;
+        f.vkQueuePresentKHR = Present;
+        f.vkQueueSubmit = Submit;
+        f.vkQueueWaitIdle = WaitIdle;
+        f.vkBeginCommandBuffer = Begin;
+        f.vkEndCommandBuffer = End;
+        f.vkFreeCommandBuffers = Free;
+        f.vkCmdPipelineBarrier = Barrier;
+        f.vkCmdCopyBufferToImage = Copy;
+        f.vkCmdSetFragmentShadingRateKHR = SetRate;
+        f.vkAllocateCommandBuffers = Allocate;
+    }
+
+    VkRenderPass CreatePass(const std::vector<std::pair<VkFormat, VkAttachmentLoadOp>>& formats) {
+        std::vector<VkAttachmentDescription> attachments(formats.size());
+        for (size_t i = 0; i < formats.size(); ++i) {
+            attachments[i].format = formats[i].first;
+            attachments[i].loadOp = formats[i].second;
         }
-        vrs->templateBuffers.assign(1, {});
-        vrs->templateBuffers[0].resize(4);
-        vrs->vrsFlags = ZoVkStarRailVRSModule::kTexelSizeKnown | ZoVkStarRailVRSModule::kImagesReady;
-        vrs->curMainResIndex_ = 0;
-        vrs->appliedResIndex = 0;
-        vrs->templevel_ = 1;
-        draw = reinterpret_cast<PFN_vkCmdDrawIndexed>(processor->GetDeviceHookFunction("vkCmdDrawIndexed"));
-        present = reinterpret_cast<PFN_vkQueuePresentKHR>(processor->GetDeviceHookFunction("vkQueuePresentKHR"));
-        present(Queue(), &presentInfo);  // opens the level and scene gates
-        vrs->lightSecondaryRecording = true;
-        vrs->coarseRateActive = true;
+        VkRenderPassCreateInfo info{};
+        info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
+        info.attachmentCount = static_cast<uint32_t>(attachments.size());
+        info.pAttachments = attachments.data();
+        VkRenderPass pass = VK_NULL_HANDLE;
+        served->Call<PFN_vkCreateRenderPass>("vkCreateRenderPass")(fake.Device(), &info, nullptr, &pass);
+        return pass;
     }
-    ~VrsDevice() {
-        // The module holds fake handles: forget them before the device goes.
-        vrs->mainPass.images.clear();
-        vrs->lightPass.images.clear();
-        vrs->templateBuffers.clear();
-        ZoVkDestroyDevice(reinterpret_cast<VkDevice>(&device), nullptr);
-        processor->OnEnd();
+    VkFramebuffer CreateFramebuffer(VkRenderPass pass) {
+        const std::vector<VkImageView> views(fake.Args("vkCreateRenderPass").back().find("attachments=5") == 0 ? 5 : 2,
+                                             Handle<VkImageView>(0x77));
+        VkFramebufferCreateInfo info{};
+        info.sType = VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO;
+        info.renderPass = pass;
+        info.attachmentCount = static_cast<uint32_t>(views.size());
+        info.pAttachments = views.data();
+        info.width = 1920;
+        info.height = 1080;
+        info.layers = 1;
+        VkFramebuffer framebuffer = VK_NULL_HANDLE;
+        served->Call<PFN_vkCreateFramebuffer>("vkCreateFramebuffer")(fake.Device(), &info, nullptr, &framebuffer);
+        return framebuffer;
     }
-    VkCommandBuffer CommandBuffer() { return reinterpret_cast<VkCommandBuffer>(&commandBuffer); }
-    VkQueue Queue() { return reinterpret_cast<VkQueue>(&queue); }
+    static void SetLevel(int level) {
+        auto* monitor = android::ZoVkAppInfoMonitor::GetInstance();
+        monitor->ParseGameSceneId(kPackage, 1058);
+        monitor->ParseVkVrsSwitch(kPackage, level);
+    }
+    VkCommandBuffer Secondary() { return reinterpret_cast<VkCommandBuffer>(&secondaryObject); }
+    VkCommandBuffer Primary() { return reinterpret_cast<VkCommandBuffer>(&primaryObject); }
 
-    int instanceKey = 0;
-    int deviceKey = 0;
-    Handle physical{&instanceKey};
-    Handle device{&deviceKey};
-    Handle commandBuffer{&deviceKey};
-    Handle queue{&deviceKey};
-    ZoVkInstanceInfo instance;
-    std::shared_ptr<ZoVkStarRailProcessor> processor;
-    ZoVkStarRailVRSModule* vrs = nullptr;
+    zovk_test::FakeNextLayer fake;
+    std::unique_ptr<zovk_test::ServedDevice> served;
+    zovk_test::FakeObject secondaryObject{&fake.deviceDispatch};
+    zovk_test::FakeObject primaryObject{&fake.deviceDispatch};
     PFN_vkCmdDrawIndexed draw = nullptr;
     PFN_vkQueuePresentKHR present = nullptr;
-    VkPresentInfoKHR presentInfo{};
+    VkPresentInfoKHR presentInfo{VK_STRUCTURE_TYPE_PRESENT_INFO_KHR, nullptr, 0, nullptr, 0, nullptr, nullptr, nullptr};
 };
 
 VrsDevice* gDevice = nullptr;
@@ -162,17 +178,26 @@ void DropDevice(const benchmark::State&) {
     gDevice = nullptr;
 }
 
-void BM_VrsLightDraw(benchmark::State& state) {
-    const VkCommandBuffer cb = gDevice->CommandBuffer();
+void BM_VrsDrawOutsideLight(benchmark::State& state) {
+    // The light secondary ends: draws of other command buffers are not counted.
+    gDevice->served->Call<PFN_vkEndCommandBuffer>("vkEndCommandBuffer")(gDevice->Secondary());
+    const VkCommandBuffer cb = gDevice->Primary();
     for (auto _ : state) {
         gDevice->draw(cb, 36, 1, 0, 0, 0);
     }
-    state.counters["drawsCounted"] = static_cast<double>(gDevice->vrs->lightDrawCounter);
+}
+BENCHMARK(BM_VrsDrawOutsideLight)->Setup(MakeDevice)->Teardown(DropDevice)->UseRealTime();
+
+void BM_VrsLightDraw(benchmark::State& state) {
+    const VkCommandBuffer cb = gDevice->Secondary();
+    for (auto _ : state) {
+        gDevice->draw(cb, 36, 1, 0, 0, 0);
+    }
 }
 BENCHMARK(BM_VrsLightDraw)->Setup(MakeDevice)->Teardown(DropDevice)->UseRealTime();
 
 void BM_VrsPresentSteady(benchmark::State& state) {
-    const VkQueue queue = gDevice->Queue();
+    const VkQueue queue = gDevice->fake.Queue();
     for (auto _ : state) {
         gDevice->present(queue, &gDevice->presentInfo);
     }
@@ -180,12 +205,11 @@ void BM_VrsPresentSteady(benchmark::State& state) {
 BENCHMARK(BM_VrsPresentSteady)->Setup(MakeDevice)->Teardown(DropDevice)->UseRealTime();
 
 void BM_VrsPresentLevelChange(benchmark::State& state) {
-    const VkQueue queue = gDevice->Queue();
-    auto* monitor = android::ZoVkAppInfoMonitor::GetInstance();
+    const VkQueue queue = gDevice->fake.Queue();
     int level = 1;
     for (auto _ : state) {
         level = 3 - level;
-        monitor->ParseVkVrsSwitch(kPackage, level);
+        VrsDevice::SetLevel(level);
         gDevice->present(queue, &gDevice->presentInfo);
     }
 }

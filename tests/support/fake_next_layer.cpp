@@ -240,19 +240,18 @@ VKAPI_ATTR void VKAPI_CALL Fake_vkGetPhysicalDeviceProperties2(VkPhysicalDevice,
         }
     }
 }
-// Dispatchable objects of the device: they share its dispatch key.
-template <typename Handle>
-Handle MakeDispatchable() {
-    gCurrent->made.push_back(std::make_unique<FakeObject>(FakeObject{&gCurrent->deviceDispatch}));
-    return reinterpret_cast<Handle>(gCurrent->made.back().get());
-}
+// Command buffers are dispatchable objects of the device: they share its dispatch key.
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkAllocateCommandBuffers(VkDevice d, const VkCommandBufferAllocateInfo* i, VkCommandBuffer* o) {
-    for (uint32_t k = 0; k < i->commandBufferCount; ++k) o[k] = MakeDispatchable<VkCommandBuffer>();
+    for (uint32_t k = 0; k < i->commandBufferCount; ++k) {
+        gCurrent->made.push_back(std::make_unique<FakeObject>(FakeObject{&gCurrent->deviceDispatch}));
+        o[k] = reinterpret_cast<VkCommandBuffer>(gCurrent->made.back().get());
+    }
     Record(Event::kCall, "vkAllocateCommandBuffers", d, "pool=" + Hex(i->commandPool));
     return VK_SUCCESS;
 }
+// The device has one queue, the application's.
 VKAPI_ATTR void VKAPI_CALL Fake_vkGetDeviceQueue(VkDevice d, uint32_t family, uint32_t, VkQueue* q) {
-    *q = MakeDispatchable<VkQueue>();
+    *q = gCurrent->Queue();
     Record(Event::kCall, "vkGetDeviceQueue", d, "family=" + std::to_string(family));
 }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkBeginCommandBuffer(VkCommandBuffer c, const VkCommandBufferBeginInfo* b) {

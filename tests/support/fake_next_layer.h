@@ -7,7 +7,7 @@
 //
 // For the modules and the shading-rate builder it is a small device: creates hand out
 // fresh handles (or fail, for names in failNames), memory maps onto `mapped`, command
-// buffers and queues are dispatchable objects of the device, and the physical device
+// buffers are dispatchable objects of the device, its one queue is `queue`, and the physical device
 // reports one memory type of every kind, one graphics family and `texelSize`.
 
 #include <cstdint>
@@ -93,12 +93,23 @@ public:
     VkExtent2D texelSize{16, 16};     // the largest shading-rate attachment texel size
     std::vector<unsigned char> mapped = std::vector<unsigned char>(1 << 20);
     uint64_t nextHandle = 0x1000;
-    std::vector<std::unique_ptr<FakeObject>> made;  // command buffers and queues
+    std::vector<std::unique_ptr<FakeObject>> made;  // command buffers
     std::function<void(const VkRenderPassCreateInfo&)> onRenderPass;
     std::function<void(const VkRenderPassCreateInfo2&)> onRenderPass2;
     std::function<void(const VkFramebufferCreateInfo&)> onFramebuffer;
     std::function<void(const VkGraphicsPipelineCreateInfo&)> onPipeline;
     std::function<void(const VkImageCreateInfo&)> onImage;
+    // For the resource helper: what memory requirements allow, the queue families,
+    // and observers of what the events leave out (binds, the pool command buffers go back
+    // to, a barrier's stages and access masks).
+    uint32_t memoryTypeBits = 0x3f;
+    std::vector<VkQueueFamilyProperties> queueFamilies{{VK_QUEUE_GRAPHICS_BIT | VK_QUEUE_TRANSFER_BIT, 1, 0, {1, 1, 1}}};
+    std::function<void(const char* name, uint64_t object, VkDeviceMemory memory)> onBind;
+    std::function<void(VkCommandPool pool)> onFreeCommandBuffers;
+    std::function<void(VkPipelineStageFlags src, VkPipelineStageFlags dst, const VkImageMemoryBarrier&)> onBarrier;
+    // The loader's callback for objects a layer obtains itself: records "setDeviceLoaderData"
+    // with the object, or fails for that name in failNames.
+    static VkResult VKAPI_CALL SetDeviceLoaderData(VkDevice device, void* object);
 
     std::vector<Event> events;
     void Note(const std::string& text) { events.push_back({Event::kNote, text, nullptr, {}}); }

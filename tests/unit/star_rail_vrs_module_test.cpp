@@ -3,8 +3,10 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -217,29 +219,32 @@ TEST_F(StarRailVrsModuleTest, WaitsForANonZeroTexelSize) {
     EXPECT_EQ(fake_.Calls("vkCreateRenderPass2"), 1);
 }
 
-TEST_F(StarRailVrsModuleTest, FirstFramebufferMakesImagesAndTemplatesAndSubstitutesConfiguredSizesOnly) {
+TEST_F(StarRailVrsModuleTest, FramebuffersMakeImagesWhoseFirstUploadsWaitForAPresentOnTheGamesQueue) {
     ASSERT_NE(Serve(), nullptr);
     CreateScene();
     // 1920x1080 and 2400x1080 at texel 16 (integer division), a main and a light image each.
     std::vector<std::string> sizes;
     for (const std::string& image : fake_.Args("vkCreateImage")) sizes.push_back(image.substr(0, image.find(' ')));
     EXPECT_EQ(sizes, (std::vector<std::string>{"120x67", "120x67", "150x67", "150x67"}));
-    // Two levels, four template buffers per resolution; each image gets its first template
-    // (main 0, light 2) between a transition to the transfer layout and one to the attachment layout.
-    EXPECT_EQ(fake_.Calls("vkCreateBuffer"), 8);
-    const std::vector<std::string> uploads = Uploads();
-    ASSERT_EQ(uploads.size(), 4u);
-    EXPECT_EQ(uploads[0], "template 0");
-    EXPECT_EQ(uploads[1], "template 2");
-    EXPECT_EQ(uploads[2], "template 4");
-    EXPECT_EQ(uploads[3], "template 6");
-    EXPECT_EQ(fake_.Calls("vkCmdPipelineBarrier"), 8);
+    EXPECT_EQ(fake_.Calls("vkCreateBuffer"), 8) << "two levels, four template buffers per resolution";
     EXPECT_NE(mainFbSubstitute_, VK_NULL_HANDLE);
     EXPECT_NE(lightFbSubstitute_, mainFbSubstitute_);
-
     CreateFramebuffer(mainFbPass_, 5, 1280, 720);        // not a configured size
     CreateFramebuffer(Handle<VkRenderPass>(0x999), 5);  // not a recognised pass
     EXPECT_EQ(fake_.Calls("vkCreateFramebuffer"), 6) << "4 of the game's, 2 substitutes";
+    EXPECT_EQ(fake_.Calls("vkQueueSubmit"), 0) << "nothing is submitted from a create";
+
+    // Each image gets its first template (main 0, light 2) between a transition to the transfer
+    // layout and one to the attachment layout, submitted on the queue being presented.
+    Present(0);
+    EXPECT_EQ(Uploads(), (std::vector<std::string>{"template 0", "template 2", "template 4", "template 6"}));
+    EXPECT_EQ(fake_.Calls("vkCmdPipelineBarrier"), 8);
+    for (const zovk_test::Event& e : fake_.events) {
+        if (e.kind == zovk_test::Event::kCall && (e.name == "vkQueueSubmit" || e.name == "vkQueueWaitIdle")) {
+            EXPECT_EQ(e.handle, fake_.Queue());
+        }
+    }
+    EXPECT_EQ(fake_.CallLog().back(), "vkQueuePresentKHR") << "uploaded before the present went on";
 }
 
 TEST_F(StarRailVrsModuleTest, ImagesAreRetriedAtEveryFramebufferUntilTheTemplatesExist) {
@@ -254,6 +259,7 @@ TEST_F(StarRailVrsModuleTest, ImagesAreRetriedAtEveryFramebufferUntilTheTemplate
 TEST_F(StarRailVrsModuleTest, PresentsGateOnTheSceneAndUploadTheLevelsPatterns) {
     ASSERT_NE(Serve(), nullptr);
     CreateScene();
+    Present(0);  // the first uploads
     Uploads();
     // Scenes 1058 and above 1000000 open the gate, and only while the level is on.
     for (const auto& [scene, level, substituted] : std::vector<std::tuple<int, int, bool>>{
@@ -263,7 +269,7 @@ TEST_F(StarRailVrsModuleTest, PresentsGateOnTheSceneAndUploadTheLevelsPatterns) 
                                                                        : Pair(mainClear_, mainFb_))
             << scene << " " << level;
     }
-    EXPECT_EQ(fake_.Calls("vkQueuePresentKHR"), 5);
+    EXPECT_EQ(fake_.Calls("vkQueuePresentKHR"), 6);
     // Once a main pass was begun at resolution 0, the level's patterns were uploaded there.
     EXPECT_EQ(Uploads(), (std::vector<std::string>{"template 0", "template 2"}));
     Present(2);
@@ -348,6 +354,7 @@ TEST_F(StarRailVrsModuleTest, LightSecondaryKeepsTheConfiguredDrawAtFullRate) {
 TEST_F(StarRailVrsModuleTest, DestroyHooksAndDeviceDestroyFreeEverythingMade) {
     ASSERT_NE(Serve(), nullptr);
     CreateScene();
+    Present(1);
     fake_.Clear();
     Call<PFN_vkDestroyFramebuffer>("vkDestroyFramebuffer")(fake_.Device(), mainFb_, nullptr);
     Call<PFN_vkDestroyRenderPass>("vkDestroyRenderPass")(fake_.Device(), mainClear_, nullptr);
@@ -387,6 +394,118 @@ TEST_F(StarRailVrsModuleTest, ManyLevelsMakeABoundedNumberOfTemplates) {
 
 TEST_F(StarRailVrsModuleTest, MalformedConfigurationServesNothing) {
     EXPECT_EQ(Serve("1920*1080"), nullptr);
+}
+
+TEST_F(StarRailVrsModuleTest, EachDeviceKeepsItsOwnObjectsAndLosesOnlyThemWhenDestroyed) {
+    M* module = Serve();
+    ASSERT_NE(module, nullptr);
+    CreateScene();
+    // A second device of the same instance, made later and destroyed first.
+    int key = 0;
+    zovk_test::FakeObject other{&key};
+    const auto device = reinterpret_cast<VkDevice>(&other);
+    auto* manager = ZoVkContextManager::GetInstance();
+    manager->InitDeviceInfo(fake_.PhysicalDevice(), device, FakeNextLayer::GetDeviceProcAddr, VK_API_VERSION_1_2,
+                            manager->GetDeviceInfo(fake_.device.dispatch)->processor, true);
+    const auto renderPass = reinterpret_cast<PFN_vkCreateRenderPass>(ZoVkGetDeviceProcAddr(device, "vkCreateRenderPass"));
+    VkAttachmentDescription light[2] = {};
+    light[0].format = VK_FORMAT_B10G11R11_UFLOAT_PACK32;
+    light[0].loadOp = kClear;
+    light[1].format = VK_FORMAT_D24_UNORM_S8_UINT;
+    light[1].loadOp = kLoad;
+    VkRenderPassCreateInfo info{};
+    info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
+    info.attachmentCount = 2;
+    info.pAttachments = light;
+    VkRenderPass pass = VK_NULL_HANDLE;
+    renderPass(device, &info, nullptr, &pass);
+    ASSERT_EQ(fake_.events.back().name, "vkCreateRenderPass2");
+    EXPECT_EQ(fake_.events.back().handle, device) << "the substitute is made on the pass's own device";
+    const VkRenderPass otherSubstitute = Made<VkRenderPass>(fake_, "vkCreateRenderPass2");
+
+    fake_.Clear();
+    ZoVkDestroyDevice(device, nullptr);
+    EXPECT_EQ(fake_.Log({"vkDestroyRenderPass", "vkDestroyFramebuffer", "vkDestroyImage"}),
+              std::vector<std::string>{"vkDestroyRenderPass " + Hex(otherSubstitute)});
+    // The first device goes on as before.
+    Present(1);
+    EXPECT_EQ(BeginPass(primary_, mainClear_, mainFb_), Pair(mainSubstitute_, mainFbSubstitute_));
+}
+
+TEST_F(StarRailVrsModuleTest, ALightSecondaryStopsCountingHoweverItsRecordingEnds) {
+    ASSERT_NE(Serve(), nullptr);
+    CreateScene();
+    const auto draw = Call<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed");
+    // Ended while the level is off, freed, reset: afterwards a draw of another command buffer
+    // sets no rate.
+    const std::vector<std::function<void()>> ends = {
+        [&] {
+            Present(0);
+            Call<PFN_vkEndCommandBuffer>("vkEndCommandBuffer")(secondary_);
+        },
+        [&] { Call<PFN_vkFreeCommandBuffers>("vkFreeCommandBuffers")(fake_.Device(), VK_NULL_HANDLE, 1, &secondary_); },
+        [&] { Call<PFN_vkResetCommandBuffer>("vkResetCommandBuffer")(secondary_, 0); },
+    };
+    for (size_t i = 0; i < ends.size(); ++i) {
+        Present(1);
+        BeginSecondary(secondary_, lightClear_, lightFb_);
+        ends[i]();
+        Present(1);
+        fake_.Clear();
+        draw(primary_, 36, 1, 0, 0, 0);
+        EXPECT_EQ(fake_.Calls("vkCmdSetFragmentShadingRateKHR"), 0) << "way " << i;
+    }
+}
+
+TEST_F(StarRailVrsModuleTest, ThreadsRecordAndCreateAtOnce) {
+    ASSERT_NE(Serve(), nullptr);
+    CreateScene();
+    Present(1);
+    const auto draw = Call<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed");
+    const auto end = Call<PFN_vkEndCommandBuffer>("vkEndCommandBuffer");
+    fake_.Clear();
+    constexpr int kThreads = 4;
+    constexpr int kSecondaries = 50;
+    std::vector<zovk_test::FakeObject> secondaries(kThreads, zovk_test::FakeObject{&fake_.deviceDispatch});
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            const auto cb = reinterpret_cast<VkCommandBuffer>(&secondaries[t]);
+            for (int i = 0; i < kSecondaries; ++i) {
+                BeginSecondary(cb, t % 2 == 0 ? lightClear_ : mainClear_, t % 2 == 0 ? lightFb_ : mainFb_);
+                for (int d = 0; d < 14; ++d) draw(cb, 36, 1, 0, 0, 0);
+                end(cb);
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        for (int i = 0; i < kSecondaries; ++i) LightPass(kClear, kLoad);
+    });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(fake_.Calls("vkCmdDrawIndexed"), kThreads * kSecondaries * 14);
+    EXPECT_EQ(fake_.Calls("vkCreateRenderPass2"), kSecondaries);
+}
+
+TEST_F(StarRailVrsModuleTest, ResolutionsAndMemoryThatCannotBeHadLeaveTheRestWorking) {
+    // 8x8 is below one texel: only it goes without images.
+    ASSERT_NE(Serve("8x8,1920x1080;5;10,12,3000,1;2"), nullptr);
+    CreateScene();
+    EXPECT_EQ(fake_.Calls("vkCreateImage"), 2);
+    EXPECT_EQ(fake_.Calls("vkCreateFramebuffer"), 4) << "the scene's two and their substitutes";
+    CreateFramebuffer(mainFbPass_, 5, 8, 8);
+    EXPECT_EQ(fake_.Calls("vkCreateFramebuffer"), 5) << "no substitute for the 8x8 one";
+}
+
+TEST_F(StarRailVrsModuleTest, ImagesWithoutMemoryAreDestroyedAndNeverUsed) {
+    ASSERT_NE(Serve(), nullptr);
+    fake_.failNames = {"vkAllocateMemory"};
+    CreateScene();
+    EXPECT_EQ(fake_.Calls("vkDestroyImage"), fake_.Calls("vkCreateImage"));
+    EXPECT_EQ(fake_.Calls("vkCreateImageView"), 0);
+    EXPECT_EQ(fake_.Calls("vkCreateFramebuffer"), 2) << "no substitutes";
+    Present(1);
+    EXPECT_TRUE(Uploads().empty());
+    EXPECT_EQ(BeginPass(primary_, mainClear_, mainFb_), Pair(mainClear_, mainFb_));
 }
 
 // --- device features --------------------------------------------------------------------
