@@ -10,8 +10,6 @@
 
 #include "app/zovk_app_data.h"
 #include "app/zovk_factory.h"
-#include "app/zovk_module_base.h"
-#include "app/zovk_processor_base.h"
 #include "settings/zovk_settings.h"
 #include "tests/unit/binder/binder_test_support.h"
 
@@ -123,40 +121,6 @@ TEST(ProcessorData, MissingFunctionsEraseTheModulesThatNeedThem) {
     EXPECT_EQ(removed.moduleIds.size(), 2u);
     EXPECT_TRUE(removed.RemoveDeviceExtensionFunction("vkQueuePresentKHR"));
     EXPECT_FALSE(removed.HasAnyModuleId());
-}
-
-// What each process gets: configuration data, a processor and its modules from the same
-// configuration the game service would send.
-TEST(Factory, EachApplicationGetsItsProcessorAndModules) {
-    BinderDir dir;
-    struct Case {
-        const char* process;
-        const char* mask;
-        unsigned int processorId;
-        Ids modules;
-    };
-    const Case cases[] = {
-        {"com.antutu.benchmark.full:ue", "1", 1, {1}},
-        {"com.miHoYo.hkrpg", "3", 2, {1, 2}},
-        {"com.HoYoverse.hkrpgoversea", "1", 2, {1}},
-    };
-    for (const Case& c : cases) {
-        ASSERT_TRUE(ZoVkSettings::GetInstance()->IdentifyApplication(c.process));
-        ZoVkProcessorDataBase* data = CreateProcessorData();
-        ASSERT_NE(data, nullptr) << c.process;
-        EXPECT_TRUE(data->removeExtensionFunctions) << c.process;
-        ZoVkSettings::GetInstance()->SetProcessorData(data);
-        ASSERT_TRUE(data->InitProcessorConfigData(Parse(std::string(R"({"xrender_BaseInfo":")") + c.mask + "\"}")));
-        const std::shared_ptr<ZoVkProcessorBase> processor = CreateVkProcessor();
-        ASSERT_NE(processor, nullptr) << c.process;
-        EXPECT_EQ(processor->GetProcessorId(), c.processorId) << c.process;
-        Ids modules;
-        for (const module::ZoVkModuleBase* m : processor->GetVkModules()) {
-            modules.push_back(m->GetModuleId());
-        }
-        EXPECT_EQ(modules, c.modules) << c.process;
-        processor->OnEnd();
-    }
 }
 
 TEST(Factory, OtherApplicationsGetNoProcessorAndNothingThrows) {
