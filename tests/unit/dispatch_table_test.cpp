@@ -1,6 +1,5 @@
 // The dispatch tables: the name-to-slot maps, filling by API version, extension slots served
 // by their promoted core functions, and lazy filling on resolution.
-#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -49,21 +48,10 @@ protected:
     ZoVkFunctionMap deviceMap;
 };
 
-// Every slot of a table has one name; the extension fillers need a slot for every catalog
-// function and for its core name.
-TEST_F(Tables, EveryNameHasItsOwnSlotAndEveryCatalogFunctionOneAtItsLevel) {
-    const auto expectCovers = [](const ZoVkFunctionMap& map, const void* table, size_t size) {
-        std::set<const void*> slots;
-        for (const auto& [name, slot] : map) {
-            const auto offset = reinterpret_cast<const char*>(slot) - static_cast<const char*>(table);
-            EXPECT_TRUE(offset >= 0 && size_t(offset) < size && offset % sizeof(void*) == 0) << name;
-            slots.insert(slot);
-        }
-        EXPECT_EQ(slots.size(), size / sizeof(void*));
-        EXPECT_EQ(map.size(), size / sizeof(void*));
-    };
-    expectCovers(instanceMap, &instanceTable, sizeof(instanceTable));
-    expectCovers(deviceMap, &deviceTable, sizeof(deviceTable));
+// The extension fillers need a slot for every catalog function, and for its core name, in the
+// table of its level. (The tables and their slot lists are written from one list by the
+// generator, whose tests check it; their sizes are asserted where they are declared.)
+TEST_F(Tables, EveryCatalogFunctionHasASlotAtItsLevel) {
     ASSERT_GT(kExtensionCatalogEntryCount, 200u);
     for (size_t i = 0; i < kExtensionCatalogEntryCount; ++i) {
         const VkExtensionCatalogEntry& entry = kExtensionCatalogEntries[i];

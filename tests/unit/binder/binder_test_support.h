@@ -94,30 +94,22 @@ inline android::sp<android::IBinder> Find(const char* name) {
     return android::defaultServiceManager()->checkService(android::String16(name));
 }
 
-// A service that echoes, takes notes, and holds and calls back the binders it is sent.
+// A service that echoes, tells its pid, and holds and calls back the binders it is sent.
 class TestService : public android::BBinder {
 public:
     static inline const android::String16 kDescriptor{"zovk.test.IService"};
     enum : uint32_t {
         ECHO = FIRST_CALL_TRANSACTION,  // token, string -> no exception, the string
-        NOTE,                           // string -> kept; the number of notes
         HOLD,                           // binder -> kept (FORGET: dropped)
         FORGET,
-        CALL_HELD,                      // -> NOTE("held") on the kept binder
+        CALL_HELD,                      // -> WHO on the kept binder
         WHO,                            // -> our pid
     };
 
     const android::String16& getInterfaceDescriptor() const override { return kDescriptor; }
-    std::vector<std::string> notes() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return notes_;
-    }
-    // Calls `code` with an optional string; the reply's first int32.
-    static int32_t Call(const android::sp<android::IBinder>& binder, uint32_t code, const char* text = nullptr) {
+    // Calls `code` without arguments; the reply's first int32.
+    static int32_t Call(const android::sp<android::IBinder>& binder, uint32_t code) {
         android::Parcel data, reply;
-        if (text != nullptr) {
-            data.writeString16(android::String16(text));
-        }
         binder->transact(code, data, &reply);
         return reply.readInt32();
     }
@@ -133,9 +125,6 @@ protected:
                 }
                 reply->writeNoException();
                 return reply->writeString16(data.readString16());
-            case NOTE:
-                notes_.push_back(android::String8(data.readString16()).c_str());
-                return reply->writeInt32(int32_t(notes_.size()));
             case HOLD:
                 held_ = data.readStrongBinder();
                 return android::OK;
@@ -143,7 +132,7 @@ protected:
                 held_.clear();
                 return android::OK;
             case CALL_HELD:
-                return reply->writeInt32(held_ != nullptr ? Call(held_, NOTE, "held") : -2);
+                return reply->writeInt32(held_ != nullptr ? Call(held_, WHO) : -2);
             case WHO:
                 return reply->writeInt32(getpid());
             default:
@@ -152,8 +141,7 @@ protected:
     }
 
 private:
-    mutable std::mutex lock_;
-    std::vector<std::string> notes_;
+    std::mutex lock_;
     android::sp<android::IBinder> held_;
 };
 

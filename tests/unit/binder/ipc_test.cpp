@@ -144,8 +144,7 @@ TEST_F(Ipc, ARemoteReferenceKeepsTheObjectAliveAndItsSocketGoesWithIt) {
     data.freeData();
     callback.clear();
     ASSERT_NE(weak.promote(), nullptr);
-    EXPECT_EQ(TestService::Call(service, TestService::CALL_HELD), 1);
-    EXPECT_EQ(weak.promote()->notes(), std::vector<std::string>{"held"});
+    EXPECT_EQ(TestService::Call(service, TestService::CALL_HELD), getpid()) << "called back in this process";
     EXPECT_TRUE(dir_.HasNodeOf(getpid()));
     TestService::Call(service, TestService::FORGET);
     EXPECT_TRUE(Eventually([&] { return weak.promote() == nullptr; }));
