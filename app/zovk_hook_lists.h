@@ -23,13 +23,6 @@ using ZoVkNode = std::conditional_t<Kind == ZoVkNodeKind::Pre, ZoVkPreFunctor<Sl
 template <ZoVkNodeKind Kind, auto Slot>
 using ZoVkHandlerType = typename ZoVkNode<Kind, Slot>::HandlerType;
 
-// The next layer's function for a call on the processor's device, for module work outside a
-// pre handler (whose ZoVkNext has the call's own device).
-template <auto Slot>
-detail::PfnOf<Slot> NextLayer(ZoVkProcessorBase* processor) {
-    return processor->GetDeviceInfo()->functions.*Slot;
-}
-
 }  // namespace vulkan::zovk::app::module
 
 #define ZOVK_PROCESSOR_HOOKED_CALL(Call, Shape)                                               \
