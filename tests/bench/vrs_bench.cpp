@@ -125,18 +125,9 @@ struct VrsDevice {
         f.vkAllocateCommandBuffers = Allocate;
     }
 
-    VkRenderPass CreatePass(const std::vector<std::pair<VkFormat, VkAttachmentLoadOp>>& formats) {
-        std::vector<VkAttachmentDescription> attachments(formats.size());
-        for (size_t i = 0; i < formats.size(); ++i) {
-            attachments[i].format = formats[i].first;
-            attachments[i].loadOp = formats[i].second;
-        }
-        VkRenderPassCreateInfo info{};
-        info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
-        info.attachmentCount = static_cast<uint32_t>(attachments.size());
-        info.pAttachments = attachments.data();
+    VkRenderPass CreatePass(const zovk_test::ServedDevice::Attachments& attachments) {
         VkRenderPass pass = VK_NULL_HANDLE;
-        served->Call<PFN_vkCreateRenderPass>("vkCreateRenderPass")(fake.Device(), &info, nullptr, &pass);
+        served->CreatePass(attachments, &pass);
         return pass;
     }
     VkFramebuffer CreateFramebuffer(VkRenderPass pass) {

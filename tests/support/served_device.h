@@ -5,6 +5,8 @@
 // trampolines and chains down to the fake. Destroyed through the layer's own exports.
 
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include "app/zovk_processor_base.h"
 #include "layer/zovk_context_manager.h"
@@ -33,6 +35,23 @@ public:
     ServedDevice& operator=(const ServedDevice&) = delete;
 
     void DestroyDevice() { ::ZoVkDestroyDevice(fake_.Device(), nullptr); }
+    // A render pass of these attachment formats and load operations, created as the game would;
+    // the next layer's result.
+    using Attachments = std::vector<std::pair<VkFormat, VkAttachmentLoadOp>>;
+    VkResult CreatePass(const Attachments& attachments, VkRenderPass* pass) const {
+        std::vector<VkAttachmentDescription> descriptions(attachments.size());
+        for (size_t i = 0; i < attachments.size(); ++i) {
+            descriptions[i].format = attachments[i].first;
+            descriptions[i].samples = VK_SAMPLE_COUNT_1_BIT;
+            descriptions[i].loadOp = attachments[i].second;
+            descriptions[i].finalLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
+        }
+        VkRenderPassCreateInfo info{};
+        info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
+        info.attachmentCount = static_cast<uint32_t>(descriptions.size());
+        info.pAttachments = descriptions.empty() ? nullptr : descriptions.data();
+        return Call<PFN_vkCreateRenderPass>("vkCreateRenderPass")(fake_.Device(), &info, nullptr, pass);
+    }
     // What the application gets for `name` on the device.
     template <typename Pfn>
     Pfn Call(const char* name) const {

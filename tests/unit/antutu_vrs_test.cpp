@@ -83,21 +83,10 @@ protected:
         Present(ZoVkAntutuVRSModule::kSamplingPeriod);
     }
 
-    VkRenderPass Pass(std::vector<std::pair<VkFormat, VkAttachmentLoadOp>> attachments, bool fail = false) {
-        std::vector<VkAttachmentDescription> descriptions;
-        for (const auto& [format, loadOp] : attachments) {
-            VkAttachmentDescription d{};
-            d.format = format;
-            d.loadOp = loadOp;
-            descriptions.push_back(d);
-        }
-        VkRenderPassCreateInfo info{};
-        info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
-        info.attachmentCount = static_cast<uint32_t>(descriptions.size());
-        info.pAttachments = descriptions.empty() ? nullptr : descriptions.data();
+    VkRenderPass Pass(const zovk_test::ServedDevice::Attachments& attachments, bool fail = false) {
         fake_.failNames = fail ? std::set<std::string>{"vkCreateRenderPass"} : std::set<std::string>{};
         VkRenderPass pass = VK_NULL_HANDLE;
-        EXPECT_EQ(CreatePass(&info, &pass), fail ? VK_ERROR_OUT_OF_DEVICE_MEMORY : VK_SUCCESS);
+        EXPECT_EQ(served_->CreatePass(attachments, &pass), fail ? VK_ERROR_OUT_OF_DEVICE_MEMORY : VK_SUCCESS);
         fake_.failNames.clear();
         return pass;
     }

@@ -75,22 +75,9 @@ protected:
         return served_->Call<Pfn>(name);
     }
 
-    VkRenderPass CreatePass(std::vector<std::pair<VkFormat, VkAttachmentLoadOp>> attachments) {
-        std::vector<VkAttachmentDescription> descriptions;
-        for (const auto& [format, loadOp] : attachments) {
-            VkAttachmentDescription d{};
-            d.format = format;
-            d.samples = VK_SAMPLE_COUNT_1_BIT;
-            d.loadOp = loadOp;
-            d.finalLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
-            descriptions.push_back(d);
-        }
-        VkRenderPassCreateInfo info{};
-        info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO;
-        info.attachmentCount = static_cast<uint32_t>(descriptions.size());
-        info.pAttachments = descriptions.data();
+    VkRenderPass CreatePass(const zovk_test::ServedDevice::Attachments& attachments) {
         VkRenderPass pass = VK_NULL_HANDLE;
-        Call<PFN_vkCreateRenderPass>("vkCreateRenderPass")(fake_.Device(), &info, nullptr, &pass);
+        served_->CreatePass(attachments, &pass);
         return pass;
     }
     VkRenderPass MainPass(VkAttachmentLoadOp op) {
