@@ -223,17 +223,17 @@ TEST_F(GameServiceTest, FetchResultCodesAndWhatTheServiceIsAsked) {
     EXPECT_EQ(Settings()->GetRemoteService(), nullptr);
 
     sp<FakePavune> service = StartService();
-    const std::tuple<android::status_t, int32_t, uint32_t> failures[] = {
-        {android::UNKNOWN_TRANSACTION, 0, 3u}, {OK, Status::EX_ILLEGAL_STATE, 4u}, {OK, 0, 5u}};  // 5: empty
-    for (const auto& [status, exception, code] : failures) {
+    // 3: the call failed, 4: an exception, 5: an empty document, 0: an unusable one.
+    const std::tuple<android::status_t, int32_t, const char*, uint32_t> fetches[] = {
+        {android::UNKNOWN_TRANSACTION, 0, "", 3u}, {OK, Status::EX_ILLEGAL_STATE, "", 4u}, {OK, 0, "", 5u},
+        {OK, 0, "{}", 0u}, {OK, 0, "{\"configs\":", 0u}, {OK, 0, "[1,2]", 0u},
+        {OK, 0, "{\"configs\":{\"xrender_BaseInfo\":\"0\"}}", 0u}};
+    for (const auto& [status, exception, document, code] : fetches) {
         service->fetchStatus = status;
         service->fetchException = exception;
-        EXPECT_EQ(Settings()->InitZoVKPrefs(), code);
-    }
-    for (const char* unusable : {"{}", "{\"configs\":", "[1,2]", "{\"configs\":{\"xrender_BaseInfo\":\"0\"}}"}) {
-        service->document = unusable;
-        EXPECT_EQ(Settings()->InitZoVKPrefs(), 0u) << unusable;
-        EXPECT_EQ(Settings()->GetHookFlags(), 0u) << unusable;
+        service->document = document;
+        EXPECT_EQ(Settings()->InitZoVKPrefs(), code) << document;
+        EXPECT_EQ(Settings()->GetHookFlags(), 0u) << document;
     }
     EXPECT_EQ(service->Requests(30), std::vector<Strings>(7, Strings{"30", kStarRail}));
     EXPECT_NE(Settings()->GetRemoteService(), nullptr);
