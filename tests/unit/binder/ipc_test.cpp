@@ -266,10 +266,8 @@ TEST_F(Ipc, SocketsLeaveWithTheirProcessOrAreSweptByTheNext) {
     const pid_t exiting = fork();
     if (exiting == 0) {
         Parcel parcel;
-        exit(Register("svc") == android::OK && parcel.writeStrongBinder(new TestService()) == android::OK &&
-                     dir_.Entries().size() == 3
-                 ? 0
-                 : 1);  // a normal exit, with its teardown
+        const bool made = Register("svc") == android::OK && parcel.writeStrongBinder(new TestService()) == android::OK;
+        exit(made && dir_.Entries().size() == 3 ? 0 : 1);  // a normal exit, with its teardown
     }
     int status = -1;
     waitpid(exiting, &status, 0);

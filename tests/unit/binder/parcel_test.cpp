@@ -94,11 +94,8 @@ TEST(ParcelLayout, WritesAreLibbinderBytes) {
 
 TEST(ParcelReads, ShortOrMalformedDataFailsWithoutMovingThePosition) {
     Parcel parcel;
-    parcel.writeInt32(7);
-    parcel.setDataPosition(0);
     int32_t value = 0;
-    EXPECT_EQ(parcel.readInt32(&value), android::OK);
-    EXPECT_EQ(value, 7);
+    EXPECT_EQ(Load(&parcel, {7, 0, 0, 0})->readInt32(&value), android::OK);
     EXPECT_EQ(parcel.readInt32(&value), android::NOT_ENOUGH_DATA);
     EXPECT_EQ(parcel.readInt32(), 0);
     EXPECT_EQ(parcel.dataPosition(), 4u);
