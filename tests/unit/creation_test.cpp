@@ -176,7 +176,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Lack{kBothInstanceExtensions, {"vkGetPhysicalDeviceFeatures2", "vkGetPhysicalDeviceFeatures2KHR"},
                            {"VK_KHR_swapchain"}},
                       Lack{kBothInstanceExtensions, {}, {}},
-                      Lack{kBothInstanceExtensions, {"vkQueuePresentKHR"}, {"VK_KHR_swapchain"}}));
+                      Lack{kBothInstanceExtensions, {"vkQueuePresentKHR"}, {"VK_KHR_swapchain"}}),
+    [](const auto& param) { return "Case" + std::to_string(param.index); });
 
 TEST_F(Creation, DestroyRunsTheProcessorsHooksAroundTheNextLayer) {
     ServeWithTestProcessor();
