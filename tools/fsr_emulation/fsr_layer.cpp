@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "fsr_presets.h"
+#include "fsr_state.h"
 #include "fsr_strip.h"
 #include "fsr_trace.h"
 
@@ -83,6 +84,7 @@ uint64_t H(T handle) {
     X(ResetCommandPool)                  \
     X(DestroyCommandPool)                \
     X(BeginCommandBuffer)                \
+    X(EndCommandBuffer)                  \
     X(ResetCommandBuffer)                \
     X(CmdBeginRenderPass)                \
     X(CmdBeginRenderPass2)               \
@@ -194,6 +196,15 @@ struct CommandBufferRecord {
     VkCommandBufferLevel level = VK_COMMAND_BUFFER_LEVEL_PRIMARY;
     int64_t position = 0;  // index of the next counted command since vkBeginCommandBuffer
     std::vector<UploadOp> ops;
+    RecordingState state;
+    VkPipeline pipeline = VK_NULL_HANDLE;
+
+    void Restart() {
+        position = 0;
+        ops.clear();
+        state = RecordingState{};
+        pipeline = VK_NULL_HANDLE;
+    }
 };
 
 struct Counters {
@@ -209,6 +220,8 @@ struct DeviceRecord {
     std::unordered_map<VkRenderPass, RenderPassRecord> renderPasses;  // those with a shading-rate attachment
     std::unordered_map<VkFramebuffer, FramebufferRecord> framebuffers;  // made against those
     std::unordered_map<VkImage, ImageRecord> rateImages;
+    std::unordered_map<VkImageView, VkImage> rateViews;
+    std::unordered_map<VkPipeline, PipelineRate> pipelines;  // graphics ones, as asked for
     std::unordered_map<VkBuffer, BufferRecord> buffers;
     std::unordered_map<VkDeviceMemory, MemoryRecord> memories;
     std::unordered_map<VkCommandBuffer, CommandBufferRecord> commandBuffers;
@@ -278,6 +291,28 @@ std::string CombinerName(VkFragmentShadingRateCombinerOpKHR op) {
     case VK_FRAGMENT_SHADING_RATE_COMBINER_OP_MUL_KHR: return "MUL";
     default: return std::to_string(static_cast<int>(op));
     }
+}
+
+std::string CombinerList(const Rate& rate) {
+    return "[" + Quote(CombinerName(rate.ops[0])) + "," + Quote(CombinerName(rate.ops[1])) + "]";
+}
+
+const char* LevelName(VkCommandBufferLevel level) {
+    return level == VK_COMMAND_BUFFER_LEVEL_SECONDARY ? "secondary" : "primary";
+}
+
+void AddRate(TraceLine& line, const Rate& rate) {
+    line.Raw("rate", "[" + std::to_string(rate.size.width) + "," + std::to_string(rate.size.height) + "]")
+        .Raw("combinerOps", CombinerList(rate));
+}
+
+// Under g_lock: the pass a command records into and, where it has a shading-rate attachment, which image.
+void AddPass(const DeviceRecord& dev, TraceLine& line, const PassRecord& pass) {
+    line.Handle("renderPass", H(pass.renderPass)).Bool("attachment", pass.attachment);
+    if (pass.begin >= 0) line.Num("passBegin", pass.begin);
+    if (!pass.attachment) return;
+    auto image = dev.rateViews.find(pass.view);
+    line.Handle("view", H(pass.view)).Handle("image", H(image == dev.rateViews.end() ? VK_NULL_HANDLE : image->second));
 }
 
 std::string IntList(std::initializer_list<int64_t> values) {
@@ -604,7 +639,10 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateImageView(VkDevice device, const VkImageVie
                                                const VkAllocationCallbacks* pAllocator, VkImageView* pView) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    return dev.fn.CreateImageView(device, StripImageViewCreateInfo(arena, pCreateInfo), pAllocator, pView);
+    VkResult result = dev.fn.CreateImageView(device, StripImageViewCreateInfo(arena, pCreateInfo), pAllocator, pView);
+    std::lock_guard<std::mutex> lock(g_lock);
+    if (result == VK_SUCCESS && dev.rateImages.count(pCreateInfo->image)) dev.rateViews[*pView] = pCreateInfo->image;
+    return result;
 }
 
 VKAPI_ATTR VkResult VKAPI_CALL BindBufferMemory(VkDevice device, VkBuffer buffer, VkDeviceMemory memory,
@@ -776,12 +814,20 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateGraphicsPipelines(VkDevice device, VkPipeli
                                                      StripGraphicsPipelines(arena, pCreateInfos, createInfoCount),
                                                      pAllocator, pPipelines);
     // What the layers above asked for, before it was stripped.
-    for (uint32_t i = 0; TraceEnabled() && result >= 0 && i < createInfoCount; ++i) {
+    for (uint32_t i = 0; result >= 0 && i < createInfoCount; ++i) {
         if (pPipelines[i] == VK_NULL_HANDLE) continue;
-        Emit(TraceLine("pipeline")
-                 .Handle("pipeline", H(pPipelines[i]))
-                 .Bool("dynamicStateBlock", pCreateInfos[i].pDynamicState != nullptr)
-                 .Bool("rateDynamic", HasRateDynamicState(pCreateInfos[i].pDynamicState)));
+        const PipelineRate rate = PipelineRateOf(pCreateInfos[i]);
+        {
+            std::lock_guard<std::mutex> lock(g_lock);
+            dev.pipelines[pPipelines[i]] = rate;
+        }
+        if (!TraceEnabled()) continue;
+        TraceLine line("pipeline");
+        line.Handle("pipeline", H(pPipelines[i]))
+            .Bool("dynamicStateBlock", pCreateInfos[i].pDynamicState != nullptr)
+            .Bool("rateDynamic", rate.dynamic);
+        if (!rate.dynamic) AddRate(line, rate.rate);
+        Emit(line);
     }
     return result;
 }
@@ -821,10 +867,7 @@ VKAPI_ATTR VkResult VKAPI_CALL ResetCommandPool(VkDevice device, VkCommandPool c
     {
         std::lock_guard<std::mutex> lock(g_lock);
         for (auto& [handle, cb] : dev.commandBuffers) {
-            if (cb.pool == commandPool) {
-                cb.position = 0;
-                cb.ops.clear();
-            }
+            if (cb.pool == commandPool) cb.Restart();
         }
     }
     return dev.fn.ResetCommandPool(device, commandPool, flags);
@@ -848,19 +891,36 @@ VKAPI_ATTR VkResult VKAPI_CALL BeginCommandBuffer(VkCommandBuffer commandBuffer,
     {
         std::lock_guard<std::mutex> lock(g_lock);
         CommandBufferRecord& cb = dev.commandBuffers[commandBuffer];
-        cb.position = 0;
-        cb.ops.clear();
+        cb.Restart();
+        const VkCommandBufferInheritanceInfo* inherit = pBeginInfo->pInheritanceInfo;
+        PassRecord continued;
+        const bool continues = cb.level == VK_COMMAND_BUFFER_LEVEL_SECONDARY && inherit != nullptr &&
+                               (pBeginInfo->flags & VK_COMMAND_BUFFER_USAGE_RENDER_PASS_CONTINUE_BIT);
+        if (continues) {
+            continued.renderPass = inherit->renderPass;
+            continued.attachment = dev.renderPasses.count(inherit->renderPass) != 0;
+            auto fb = dev.framebuffers.find(inherit->framebuffer);
+            if (fb != dev.framebuffers.end()) continued.view = fb->second.rateView;
+        }
+        cb.state.Begin(continues ? &continued : nullptr);
     }
     return dev.fn.BeginCommandBuffer(commandBuffer, pBeginInfo);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL EndCommandBuffer(VkCommandBuffer commandBuffer) {
+    DeviceRecord& dev = Dev(commandBuffer);
+    {
+        std::lock_guard<std::mutex> lock(g_lock);
+        dev.commandBuffers[commandBuffer].state.End();
+    }
+    return dev.fn.EndCommandBuffer(commandBuffer);
 }
 
 VKAPI_ATTR VkResult VKAPI_CALL ResetCommandBuffer(VkCommandBuffer commandBuffer, VkCommandBufferResetFlags flags) {
     DeviceRecord& dev = Dev(commandBuffer);
     {
         std::lock_guard<std::mutex> lock(g_lock);
-        CommandBufferRecord& cb = dev.commandBuffers[commandBuffer];
-        cb.position = 0;
-        cb.ops.clear();
+        dev.commandBuffers[commandBuffer].Restart();
     }
     return dev.fn.ResetCommandBuffer(commandBuffer, flags);
 }
@@ -870,12 +930,15 @@ const VkRenderPassBeginInfo* BeginRenderPassCommon(DeviceRecord& dev, Arena& are
                                                    const VkRenderPassBeginInfo* info) {
     std::lock_guard<std::mutex> lock(g_lock);
     const int64_t position = NextPositionLocked(dev, cb);
+    RecordingState& state = dev.commandBuffers[cb].state;
+    state.BeginPass(PassRecord{info->renderPass, position});
     auto rp = dev.renderPasses.find(info->renderPass);
     if (rp == dev.renderPasses.end()) return info;
     BeginStrip strip = StripRenderPassBegin(arena, info, rp->second.removed);
     VkImageView view = strip.rateView;
     auto fb = dev.framebuffers.find(info->framebuffer);
     if (view == VK_NULL_HANDLE && fb != dev.framebuffers.end()) view = fb->second.rateView;
+    state.BeginPass(PassRecord{info->renderPass, position, true, view});
     ++dev.counters.beginRenderPasses;
     const VkRect2D& area = info->renderArea;
     Emit(TraceLine("beginRenderPass")
@@ -917,23 +980,39 @@ VKAPI_ATTR void VKAPI_CALL CmdNextSubpass2(VkCommandBuffer commandBuffer, const 
     (dev.fn.*Next)(commandBuffer, pBegin, pEnd);
 }
 
+// Counts the end of a pass; draws after it are outside any pass.
+void EndPass(DeviceRecord& dev, VkCommandBuffer cb) {
+    std::lock_guard<std::mutex> lock(g_lock);
+    NextPositionLocked(dev, cb);
+    dev.commandBuffers[cb].state.EndPass();
+}
+
 VKAPI_ATTR void VKAPI_CALL CmdEndRenderPass(VkCommandBuffer commandBuffer) {
     DeviceRecord& dev = Dev(commandBuffer);
-    NextPosition(dev, commandBuffer);
+    EndPass(dev, commandBuffer);
     dev.fn.CmdEndRenderPass(commandBuffer);
 }
 
 template <PFN_vkCmdEndRenderPass2 DeviceTable::*Next>
 VKAPI_ATTR void VKAPI_CALL CmdEndRenderPass2(VkCommandBuffer commandBuffer, const VkSubpassEndInfo* pEnd) {
     DeviceRecord& dev = Dev(commandBuffer);
-    NextPosition(dev, commandBuffer);
+    EndPass(dev, commandBuffer);
     (dev.fn.*Next)(commandBuffer, pEnd);
 }
 
 template <PFN_vkCmdBeginRendering DeviceTable::*Next>
 VKAPI_ATTR void VKAPI_CALL CmdBeginRendering(VkCommandBuffer commandBuffer, const VkRenderingInfo* pRenderingInfo) {
     DeviceRecord& dev = Dev(commandBuffer);
-    NextPosition(dev, commandBuffer);
+    {
+        std::lock_guard<std::mutex> lock(g_lock);
+        PassRecord pass{VK_NULL_HANDLE, NextPositionLocked(dev, commandBuffer)};
+        for (auto* s = static_cast<const VkBaseInStructure*>(pRenderingInfo->pNext); s != nullptr; s = s->pNext) {
+            if (s->sType != VK_STRUCTURE_TYPE_RENDERING_FRAGMENT_SHADING_RATE_ATTACHMENT_INFO_KHR) continue;
+            pass.view = reinterpret_cast<const VkRenderingFragmentShadingRateAttachmentInfoKHR*>(s)->imageView;
+            pass.attachment = pass.view != VK_NULL_HANDLE;
+        }
+        dev.commandBuffers[commandBuffer].state.BeginPass(pass);
+    }
     Arena arena;
     (dev.fn.*Next)(commandBuffer, StripRenderingInfo(arena, pRenderingInfo));
 }
@@ -941,14 +1020,23 @@ VKAPI_ATTR void VKAPI_CALL CmdBeginRendering(VkCommandBuffer commandBuffer, cons
 template <PFN_vkCmdEndRendering DeviceTable::*Next>
 VKAPI_ATTR void VKAPI_CALL CmdEndRendering(VkCommandBuffer commandBuffer) {
     DeviceRecord& dev = Dev(commandBuffer);
-    NextPosition(dev, commandBuffer);
+    EndPass(dev, commandBuffer);
     (dev.fn.*Next)(commandBuffer);
 }
 
 VKAPI_ATTR void VKAPI_CALL CmdBindPipeline(VkCommandBuffer commandBuffer, VkPipelineBindPoint bindPoint,
                                            VkPipeline pipeline) {
     DeviceRecord& dev = Dev(commandBuffer);
-    NextPosition(dev, commandBuffer);
+    {
+        std::lock_guard<std::mutex> lock(g_lock);
+        NextPositionLocked(dev, commandBuffer);
+        if (bindPoint == VK_PIPELINE_BIND_POINT_GRAPHICS) {
+            CommandBufferRecord& rec = dev.commandBuffers[commandBuffer];
+            auto it = dev.pipelines.find(pipeline);
+            rec.state.BindPipeline(it == dev.pipelines.end() ? nullptr : &it->second);
+            rec.pipeline = pipeline;
+        }
+    }
     dev.fn.CmdBindPipeline(commandBuffer, bindPoint, pipeline);
 }
 
@@ -962,6 +1050,12 @@ void TraceDraw(DeviceRecord& dev, VkCommandBuffer cb, const char* call, Fill fil
     TraceLine line("draw");
     line.Handle("commandBuffer", H(cb)).Num("position", position).Str("call", call);
     fill(line);
+    const CommandBufferRecord& rec = dev.commandBuffers[cb];
+    const DrawRate rate = rec.state.Draw();
+    line.Str("level", LevelName(rec.level)).Handle("pipeline", H(rec.pipeline)).Str("rateFrom", RateFromName(rate.from));
+    if (rate.from == RateFrom::kSet || rate.from == RateFrom::kPipeline) AddRate(line, rate.rate);
+    if (rate.from == RateFrom::kSet) line.Num("ratePosition", rate.setPosition);
+    if (const PassRecord* pass = rec.state.Pass()) AddPass(dev, line, *pass);
     Emit(line);
 }
 
@@ -1088,10 +1182,11 @@ VKAPI_ATTR void VKAPI_CALL CmdExecuteCommands(VkCommandBuffer commandBuffer, uin
         for (uint32_t i = 0; i < commandBufferCount; ++i) {
             list += (i ? "," : "") + Quote(HandleText(H(pCommandBuffers[i])));
         }
-        Emit(TraceLine("executeCommands")
-                 .Handle("commandBuffer", H(commandBuffer))
-                 .Num("position", position)
-                 .Raw("secondaries", list + "]"));
+        TraceLine line("executeCommands");
+        line.Handle("commandBuffer", H(commandBuffer)).Num("position", position).Raw("secondaries", list + "]");
+        const CommandBufferRecord& rec = dev.commandBuffers[commandBuffer];
+        if (const PassRecord* pass = rec.state.Pass()) AddPass(dev, line, *pass);
+        Emit(line);
     }
     dev.fn.CmdExecuteCommands(commandBuffer, commandBufferCount, pCommandBuffers);
 }
@@ -1103,15 +1198,22 @@ VKAPI_ATTR void VKAPI_CALL CmdSetFragmentShadingRateKHR(VkCommandBuffer commandB
     std::lock_guard<std::mutex> lock(g_lock);
     const int64_t position = NextPositionLocked(dev, commandBuffer);
     ++dev.counters.rates;
-    const bool secondary = dev.commandBuffers[commandBuffer].level == VK_COMMAND_BUFFER_LEVEL_SECONDARY;
-    Emit(TraceLine("setRate")
-             .Handle("commandBuffer", H(commandBuffer))
-             .Str("level", secondary ? "secondary" : "primary")
-             .Num("position", position)
-             .Num("width", pFragmentSize->width)
-             .Num("height", pFragmentSize->height)
-             .Raw("combinerOps", "[" + Quote(CombinerName(combinerOps[0])) + "," +
-                                     Quote(CombinerName(combinerOps[1])) + "]"));
+    CommandBufferRecord& rec = dev.commandBuffers[commandBuffer];
+    Rate rate;
+    rate.size = *pFragmentSize;
+    rate.ops[0] = combinerOps[0];
+    rate.ops[1] = combinerOps[1];
+    // Into a command buffer that is not recording: traced, but in force for no draw.
+    const bool recording = rec.state.SetRate(rate, position);
+    TraceLine line("setRate");
+    line.Handle("commandBuffer", H(commandBuffer))
+        .Str("level", LevelName(rec.level))
+        .Num("position", position)
+        .Num("width", pFragmentSize->width)
+        .Num("height", pFragmentSize->height)
+        .Raw("combinerOps", CombinerList(rate))
+        .Bool("recording", recording);
+    Emit(line);
 }
 
 void RecordUploads(DeviceRecord& dev, VkCommandBuffer cb, VkBuffer buffer, VkImage image, uint32_t count,
@@ -1450,6 +1552,7 @@ const std::unordered_map<std::string_view, PFN_vkVoidFunction>& DeviceHooks() {
         {"vkResetCommandPool", FSR_FN(ResetCommandPool)},
         {"vkDestroyCommandPool", FSR_FN(DestroyCommandPool)},
         {"vkBeginCommandBuffer", FSR_FN(BeginCommandBuffer)},
+        {"vkEndCommandBuffer", FSR_FN(EndCommandBuffer)},
         {"vkResetCommandBuffer", FSR_FN(ResetCommandBuffer)},
         {"vkCmdBeginRenderPass", FSR_FN(CmdBeginRenderPass)},
         FSR_CORE_AND_KHR(DeviceTable, CmdBeginRenderPass2),
