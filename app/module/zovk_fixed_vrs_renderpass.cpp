@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "layer/zovk_chain.h"
 #include "layer/zovk_records.h"
 #include "settings/zovk_log.h"
 
@@ -30,6 +31,42 @@ VkAttachmentReference2 Reference2(const VkAttachmentReference& r, VkImageAspectF
     return {VK_STRUCTURE_TYPE_ATTACHMENT_REFERENCE_2, nullptr, r.attachment, r.layout, aspect};
 }
 
+VkImageAspectFlags FormatAspects(VkFormat format) {
+    switch (format) {
+        case VK_FORMAT_D16_UNORM:
+        case VK_FORMAT_X8_D24_UNORM_PACK32:
+        case VK_FORMAT_D32_SFLOAT:
+            return VK_IMAGE_ASPECT_DEPTH_BIT;
+        case VK_FORMAT_S8_UINT:
+            return VK_IMAGE_ASPECT_STENCIL_BIT;
+        case VK_FORMAT_D16_UNORM_S8_UINT:
+        case VK_FORMAT_D24_UNORM_S8_UINT:
+        case VK_FORMAT_D32_SFLOAT_S8_UINT:
+            return VK_IMAGE_ASPECT_DEPTH_BIT | VK_IMAGE_ASPECT_STENCIL_BIT;
+        default:
+            return VK_IMAGE_ASPECT_COLOR_BIT;
+    }
+}
+
+// The aspects input attachment `index` of `subpass` reads: those the application named, or
+// else every aspect of the attachment's format, as a version-1 pass allows. A version-2
+// reference must name them (VUID-VkSubpassDescription2-attachment-02800).
+VkImageAspectFlags InputAspects(const VkRenderPassCreateInfo& info, uint32_t subpass, uint32_t index) {
+    const uint32_t attachment = info.pSubpasses[subpass].pInputAttachments[index].attachment;
+    if (attachment >= info.attachmentCount) {
+        return 0;  // unused
+    }
+    const auto* named = FindInChain<VkRenderPassInputAttachmentAspectCreateInfo>(
+        info.pNext, VK_STRUCTURE_TYPE_RENDER_PASS_INPUT_ATTACHMENT_ASPECT_CREATE_INFO);
+    for (uint32_t i = 0; named != nullptr && i < named->aspectReferenceCount; ++i) {
+        const VkInputAttachmentAspectReference& r = named->pAspectReferences[i];
+        if (r.subpass == subpass && r.inputAttachmentIndex == index) {
+            return r.aspectMask;
+        }
+    }
+    return FormatAspects(info.pAttachments[attachment].format);
+}
+
 // What every subpass of a converted pass points at: the rate attachment, appended last.
 struct ShadingRateReference {
     ShadingRateReference(uint32_t index, MyVkExtent2D texelSize) {
@@ -53,12 +90,15 @@ struct SubpassReferences {
     VkAttachmentReference2 depth{};
 };
 
-// The substitute pass: no pNext, no flags, no correlated view masks; null on failure.
+// The substitute pass: no pNext, no flags; null on failure.
 VkRenderPass CreateRenderPass2(const ZoVkDeviceInfo& record, const std::vector<VkAttachmentDescription2>& attachments,
                                const std::vector<VkSubpassDescription2>& subpasses,
-                               const std::vector<VkSubpassDependency2>& dependencies, const char* failure) {
+                               const std::vector<VkSubpassDependency2>& dependencies, uint32_t correlatedViewMaskCount,
+                               const uint32_t* correlatedViewMasks, const char* failure) {
     VkRenderPassCreateInfo2 info{};
     info.sType = VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO_2;
+    info.correlatedViewMaskCount = correlatedViewMaskCount;
+    info.pCorrelatedViewMasks = correlatedViewMasks;
     info.attachmentCount = static_cast<uint32_t>(attachments.size());
     info.pAttachments = attachments.data();
     info.subpassCount = static_cast<uint32_t>(subpasses.size());
@@ -79,6 +119,11 @@ VkRenderPass CreateRenderPass2(const ZoVkDeviceInfo& record, const std::vector<V
 VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass(VkRenderPassCreateInfo createInfo,
                                                                  MyVkExtent2D texelSize) {
     const ShadingRateReference rate(createInfo.attachmentCount, texelSize);
+    // Multiview moves from this structure into the version-2 subpasses, dependencies and pass.
+    const auto* multiview = FindInChain<VkRenderPassMultiviewCreateInfo>(
+        createInfo.pNext, VK_STRUCTURE_TYPE_RENDER_PASS_MULTIVIEW_CREATE_INFO);
+    const VkRenderPassMultiviewCreateInfo noViews{};
+    const VkRenderPassMultiviewCreateInfo& views = multiview != nullptr ? *multiview : noViews;
 
     // Attachment flags (may-alias) are not carried over.
     std::vector<VkAttachmentDescription2> attachments;
@@ -109,9 +154,10 @@ VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass(VkRenderPassCre
         out.pNext = &rate.info;
         // Only graphics subpasses can carry a shading-rate attachment.
         out.pipelineBindPoint = VK_PIPELINE_BIND_POINT_GRAPHICS;
+        out.viewMask = s < views.subpassCount ? views.pViewMasks[s] : 0;
 
         for (uint32_t i = 0; i < in.inputAttachmentCount; ++i) {
-            refs.input.push_back(Reference2(in.pInputAttachments[i], 0));
+            refs.input.push_back(Reference2(in.pInputAttachments[i], InputAspects(createInfo, s, i)));
         }
         for (uint32_t i = 0; i < in.colorAttachmentCount; ++i) {
             refs.color.push_back(Reference2(in.pColorAttachments[i], VK_IMAGE_ASPECT_COLOR_BIT));
@@ -134,7 +180,8 @@ VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass(VkRenderPassCre
         out.colorAttachmentCount = static_cast<uint32_t>(refs.color.size());
         out.pColorAttachments = refs.color.empty() ? nullptr : refs.color.data();
         out.pResolveAttachments = refs.resolve.empty() ? nullptr : refs.resolve.data();
-        // Preserve attachments are dropped.
+        out.preserveAttachmentCount = in.preserveAttachmentCount;
+        out.pPreserveAttachments = in.pPreserveAttachments;
     }
 
     std::vector<VkSubpassDependency2> dependencies;
@@ -143,11 +190,12 @@ VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass(VkRenderPassCre
         const VkSubpassDependency& d = createInfo.pDependencies[i];
         dependencies.push_back({VK_STRUCTURE_TYPE_SUBPASS_DEPENDENCY_2, nullptr, d.srcSubpass, d.dstSubpass,
                                 d.srcStageMask, d.dstStageMask, d.srcAccessMask, d.dstAccessMask, d.dependencyFlags,
-                                0});
+                                i < views.dependencyCount ? views.pViewOffsets[i] : 0});
     }
 
-    // The application's pNext chain and flags are not carried over.
-    return CreateRenderPass2(*DeviceInfo(), attachments, subpasses, dependencies, "failed to create rp2");
+    // The rest of the application's pNext chain and its flags are not carried over.
+    return CreateRenderPass2(*DeviceInfo(), attachments, subpasses, dependencies, views.correlationMaskCount,
+                             views.pCorrelationMasks, "failed to create rp2");
 }
 
 VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass2(VkRenderPassCreateInfo2 createInfo,
@@ -168,7 +216,8 @@ VkRenderPass ZoVkFixedVRSRenderpass::createShadingRateRenderpass2(VkRenderPassCr
     std::vector<VkSubpassDependency2> dependencies(createInfo.pDependencies,
                                                    createInfo.pDependencies + createInfo.dependencyCount);
 
-    return CreateRenderPass2(*DeviceInfo(), attachments, subpasses, dependencies, "failed to create rp22");
+    return CreateRenderPass2(*DeviceInfo(), attachments, subpasses, dependencies, createInfo.correlatedViewMaskCount,
+                             createInfo.pCorrelatedViewMasks, "failed to create rp22");
 }
 
 VkFramebuffer ZoVkFixedVRSRenderpass::createVRSFramebuffer(VkRenderPass renderPass, VkFramebufferCreateInfo createInfo,

@@ -51,7 +51,8 @@ std::string Logged(F body) {
 }
 
 // A render pass as the next layer received it: the attachments and dependencies as tuples;
-// per subpass its references and view mask as text, and what the rate adds as text.
+// per subpass its references, preserved attachments and view mask as text, and what the rate
+// adds as text; the correlated view masks.
 using Attachment = std::tuple<const void*, VkFormat, VkSampleCountFlagBits, VkAttachmentLoadOp, VkAttachmentStoreOp,
                               VkAttachmentLoadOp, VkAttachmentStoreOp, VkImageLayout, VkImageLayout>;
 using Dependency = std::tuple<uint32_t, uint32_t, VkPipelineStageFlags, VkPipelineStageFlags, VkAccessFlags,
@@ -61,6 +62,7 @@ struct SeenPass {
     std::vector<Attachment> attachments;
     Log subpasses, rates;
     std::vector<Dependency> dependencies;
+    std::vector<uint32_t> correlated;
 };
 
 template <typename Description>  // version 1 or 2
@@ -84,19 +86,25 @@ std::string Refs(const VkAttachmentReference2* refs, uint32_t count) {
 }
 
 SeenPass See(const VkRenderPassCreateInfo2& info) {
-    SeenPass seen{info.pNext, {}, {}, {}, {}};
+    SeenPass seen{info.pNext, {}, {}, {}, {},
+                  {info.pCorrelatedViewMasks, info.pCorrelatedViewMasks + info.correlatedViewMaskCount}};
     for (uint32_t i = 0; i < info.attachmentCount; ++i) {
         seen.attachments.push_back(Tie(info.pAttachments[i], info.pAttachments[i].pNext));
     }
     for (uint32_t s = 0; s < info.subpassCount; ++s) {
         const VkSubpassDescription2& d = info.pSubpasses[s];
+        std::string preserve;
+        for (uint32_t i = 0; i < d.preserveAttachmentCount; ++i) {
+            preserve += " " + std::to_string(d.pPreserveAttachments[i]);
+        }
         // The next layer reads one resolve reference per color attachment.
         seen.subpasses.push_back("input" + Refs(d.pInputAttachments, d.inputAttachmentCount) + " | color" +
                                  Refs(d.pColorAttachments, d.colorAttachmentCount) + " | resolve" +
                                  Refs(d.pResolveAttachments, d.colorAttachmentCount) + " | depth" +
-                                 Refs(d.pDepthStencilAttachment, 1) + " | view " + std::to_string(d.viewMask));
-        std::string rate = (d.pipelineBindPoint == VK_PIPELINE_BIND_POINT_GRAPHICS ? "graphics" : "not graphics") +
-                           std::string(", preserve ") + std::to_string(d.preserveAttachmentCount) + ", chain:";
+                                 Refs(d.pDepthStencilAttachment, 1) + " | preserve" + preserve +
+                                 " | view " + std::to_string(d.viewMask));
+        std::string rate = d.pipelineBindPoint == VK_PIPELINE_BIND_POINT_GRAPHICS ? "graphics" : "not graphics";
+        rate += ", chain:";
         for (auto* p = static_cast<const VkBaseInStructure*>(d.pNext); p != nullptr; p = p->pNext) {
             const auto* r = reinterpret_cast<const VkFragmentShadingRateAttachmentInfoKHR*>(p);
             rate += p->sType != VK_STRUCTURE_TYPE_FRAGMENT_SHADING_RATE_ATTACHMENT_INFO_KHR
@@ -149,9 +157,11 @@ protected:
     app::module::ZoVkFixedVRSRenderpass builder_{&processor_};
 };
 
-// Both versions: the game's attachments and dependencies arrive as they were (version 1
-// converted), the rate attachment is appended, and every subpass is a graphics subpass that
-// points at it with the texel size and has nothing else in its chain.
+// Both versions: the game's attachments, dependencies, preserved attachments and views arrive
+// as they were (version 1 converted: input aspects as named, else all of the format's; view
+// masks, offsets and correlations moved in), the rate attachment is appended, and every
+// subpass is a graphics subpass that points at it with the texel size and has nothing else in
+// its chain.
 TEST_F(VrsBuilderTest, PassesGainTheRateAttachmentInEverySubpass) {
     VkAttachmentDescription v1Attachments[2];
     for (VkAttachmentDescription& a : v1Attachments) {
@@ -163,13 +173,20 @@ TEST_F(VrsBuilderTest, PassesGainTheRateAttachmentInEverySubpass) {
     const VkAttachmentReference colors[2] = {{0, kColorLayout}, {0, kGeneral}};
     const VkAttachmentReference resolves[2] = {{1, kGeneral}, {0, kGeneral}};
     const VkAttachmentReference depth{1, kDepthLayout};
-    const VkAttachmentReference input{0, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL};
+    const VkAttachmentReference inputs[2] = {{0, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL},
+                                             {1, VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL}};
     const uint32_t preserve = 1;
     const VkSubpassDescription v1Subpasses[2] = {
-        {0, VK_PIPELINE_BIND_POINT_COMPUTE, 1, &input, 2, colors, resolves, &depth, 1, &preserve},
-        {0, VK_PIPELINE_BIND_POINT_GRAPHICS, 0, nullptr, 1, colors, nullptr, nullptr, 0, nullptr}};
+        {0, VK_PIPELINE_BIND_POINT_COMPUTE, 2, inputs, 2, colors, resolves, &depth, 1, &preserve},
+        {0, VK_PIPELINE_BIND_POINT_GRAPHICS, 1, inputs + 1, 1, colors, nullptr, nullptr, 0, nullptr}};
     const VkSubpassDependency v1Dependency{0, 1, 1, 2, 4, 8, VK_DEPENDENCY_BY_REGION_BIT};
-    const auto multiview = Struct<VkRenderPassMultiviewCreateInfo>(VK_STRUCTURE_TYPE_RENDER_PASS_MULTIVIEW_CREATE_INFO);
+    const VkInputAttachmentAspectReference named{1, 0, VK_IMAGE_ASPECT_DEPTH_BIT};
+    const VkRenderPassInputAttachmentAspectCreateInfo aspects{
+        VK_STRUCTURE_TYPE_RENDER_PASS_INPUT_ATTACHMENT_ASPECT_CREATE_INFO, nullptr, 1, &named};
+    const uint32_t viewMasks[2] = {3, 3};
+    const int32_t viewOffset = -1;
+    const VkRenderPassMultiviewCreateInfo multiview{
+        VK_STRUCTURE_TYPE_RENDER_PASS_MULTIVIEW_CREATE_INFO, &aspects, 2, viewMasks, 1, &viewOffset, 1, viewMasks};
     const VkRenderPassCreateInfo v1{VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO, &multiview, 0, 2, v1Attachments, 2,
                                     v1Subpasses, 1, &v1Dependency};
 
@@ -187,7 +204,7 @@ TEST_F(VrsBuilderTest, PassesGainTheRateAttachmentInEverySubpass) {
     v2Dependency.srcSubpass = VK_SUBPASS_EXTERNAL;
     v2Dependency.viewOffset = 1;
     const VkRenderPassCreateInfo2 v2{VK_STRUCTURE_TYPE_RENDER_PASS_CREATE_INFO_2, &stencil, 0, 1, &v2Attachment, 1,
-                                     &v2Subpass, 1, &v2Dependency, 0, nullptr};
+                                     &v2Subpass, 1, &v2Dependency, 1, viewMasks + 1};
 
     const struct {
         const char* name;
@@ -201,13 +218,13 @@ TEST_F(VrsBuilderTest, PassesGainTheRateAttachmentInEverySubpass) {
         {"version 1", [&] { return builder_.createShadingRateRenderpass(v1, {16, 8}); },
          {Tie(v1Attachments[0], nullptr), Tie(v1Attachments[1], nullptr)},
          // Only the first resolve reference is kept; depth narrows to the depth aspect.
-         {"input 0:read:0 | color 0:color:1 0:general:1 | resolve 1:general:1 unused:undefined:1 | depth 1:depth:2 | "
-          "view 0",
-          "input | color 0:color:1 | resolve | depth | view 0"},
-         {0, 1, 1, 2, 4, 8, VK_DEPENDENCY_BY_REGION_BIT, 0}, "16x8", "failed to create rp2"},
+         {"input 0:read:1 1:read:6 | color 0:color:1 0:general:1 | resolve 1:general:1 unused:undefined:1 | depth "
+          "1:depth:2 | preserve 1 | view 3",
+          "input 1:read:2 | color 0:color:1 | resolve | depth | preserve | view 3"},
+         {0, 1, 1, 2, 4, 8, VK_DEPENDENCY_BY_REGION_BIT, -1}, "16x8", "failed to create rp2"},
         {"version 2", [&] { return builder_.createShadingRateRenderpass2(v2, {16, 16}); },
          {Tie(v2Attachment, &stencil)},
-         {"input | color | resolve | depth | view 3"},
+         {"input | color | resolve | depth | preserve | view 3"},
          {VK_SUBPASS_EXTERNAL, 0, 0, 0, 0, 0, 0, 1}, "16x16", "failed to create rp22"},
     };
     const VkAttachmentDescription2 rate{
@@ -225,9 +242,10 @@ TEST_F(VrsBuilderTest, PassesGainTheRateAttachmentInEverySubpass) {
         EXPECT_EQ(seen.pNext, nullptr) << "a version-1 chain is invalid in a version-2 pass";
         EXPECT_EQ(seen.subpasses, c.subpasses);
         const std::string added =
-            "graphics, preserve 0, chain: rate " + std::to_string(c.attachments.size()) + ":rate:0 " + c.texel;
+            "graphics, chain: rate " + std::to_string(c.attachments.size()) + ":rate:0 " + c.texel;
         EXPECT_EQ(seen.rates, Log(c.subpasses.size(), added));
         EXPECT_EQ(seen.dependencies, std::vector<Dependency>{c.dependency});
+        EXPECT_EQ(seen.correlated, std::vector<uint32_t>{3});
 
         fake_.failNames = {"vkCreateRenderPass2"};
         EXPECT_NE(Logged([&] { EXPECT_EQ(c.create(), VK_NULL_HANDLE); }).find(c.failure), std::string::npos);
