@@ -124,11 +124,6 @@ TEST_F(Tables, AnExtensionSlotIsServedByItsCoreFunctionOrFillsIt) {
     EXPECT_EQ(Void(deviceTable.vkCmdSetCullMode), fake.Function("vkCmdSetCullModeEXT"));
     EXPECT_EQ(fake.Queries("vkCmdSetCullModeEXT"), 1);
     EXPECT_EQ(fake.Queries("vkCmdSetCullMode"), 0);
-    instanceTable.vkGetPhysicalDeviceFeatures2 = nullptr;
-    instanceTable.vkGetPhysicalDeviceFeatures2KHR = nullptr;
-    EXPECT_TRUE(FillInstance("vkGetPhysicalDeviceFeatures2KHR"));
-    instanceTable.vkGetPhysicalDeviceFeatures2(fake.PhysicalDevice(), nullptr);
-    EXPECT_EQ(fake.Calls("vkGetPhysicalDeviceFeatures2KHR"), 1);
 
     // A function the next layer lacks leaves both slots empty.
     fake.nullNames = {"vkCmdSetDepthTestEnableEXT", "vkQueuePresentKHR"};
