@@ -8,12 +8,17 @@ kind and the step of each begin from the module's debug lines, which zovk-run tu
   "vxxk r: <frame> <kind> <width>x<height> <step>"   a rate recorded at a begin
   "vxxk vflag: <0|1>"                                the VRS switch, sampled every 120 presents
 Kinds: A single attachment, B clear colour, C half float, O none of them.
+
+Per frame, "draws" counts the draws by the rate Vulkan's rules put in force (zovk_run_common): the rate
+set right before their pass's begin, a rate carried from an earlier pass of the recording, the
+pipeline's own rate, or none; and the fragment work saved by those rules and under KEPT_RATE.
 """
 
 import re
 from collections import Counter
 
-from zovk_run_common import frame_runs, saved_share
+from zovk_run_common import (KEPT_RATE, WEIGHTING, ExecutionOrder, describe_tally, finish, frame_runs, new_tally,
+                              saved_share, tally)
 
 CLASSIFIED_LINE = re.compile(r"vxxk c: (\S+) ([ABC])$")
 RATE_LINE = re.compile(r"vxxk r: (\d+) ([ABCO]) (\d+)x(\d+) (\d+)$")
@@ -34,8 +39,13 @@ def summarise(events, layer_texts):
 
     pipelines = Counter()
     frames, rates, frame = [], [], 1
+    execution, draws = ExecutionOrder(), new_tally()
     for e in events:
         kind = e.get("event")
+        for draw, kept in execution.feed(e):
+            tally(draws, draw, kept)
+            carried = draw.get("rateFrom") == "set" and draw.get("ratePosition", 0) < draw.get("passBegin", 0) - 1
+            draws["carried"] = draws.get("carried", 0) + carried
         if kind == "pipeline":
             pipelines["withBlock" if e.get("dynamicStateBlock") else "withoutBlock"] += 1
             if e.get("rateDynamic"):
@@ -44,7 +54,8 @@ def summarise(events, layer_texts):
             rates.append([e["width"], e["height"]])
         elif kind == "present":
             frames.append(_frame(frame, rates, logged.get(frame, [])))
-            frame, rates = e["frame"] + 1, []
+            frames[-1]["draws"] = finish(draws)
+            frame, rates, draws = e["frame"] + 1, [], new_tally()
 
     step = 0
     for f in frames:
@@ -65,8 +76,16 @@ def summarise(events, layer_texts):
             "rates": dict(sorted(sizes.items())),
             "meanSaved": round(sum(shares) / len(shares), 4) if shares else 0.0,
             "logAgrees": all(f["logAgrees"] for f in frames),
+            "meanSavedByVulkanRules": _mean([f["draws"]["saved"] for f in frames if f["begins"]]),
+            "meanSavedIfRateKept": _mean([f["draws"]["keptSaved"] for f in frames if f["begins"]]),
         },
+        "weighting": WEIGHTING,
+        "assumption": KEPT_RATE,
     }
+
+
+def _mean(values):
+    return round(sum(values) / len(values), 4) if values else 0.0
 
 
 def _frame(number, rates, logged):
@@ -109,4 +128,15 @@ def report_lines(s):
     lines.append(f"    summed: {t['framesWithRates']} frames with rates; " +
                  (", ".join(f"{k} x{n}" for k, n in t["rates"].items()) or "no rate") +
                  f"; fragment work saved per begin with a rate, on average {t['meanSaved'] * 100:.1f}%")
+    lines.append(f"    draws by Vulkan's rules, {s['weighting']}:")
+    lines.extend("  " + line for line in frame_runs(s["frames"], _describe_draws))
+    lines.append(f"    fragment work saved by Vulkan's rules in frames with rates, on average "
+                 f"{t['meanSavedByVulkanRules'] * 100:.1f}% of all draws (per begin: {t['meanSaved'] * 100:.1f}%); "
+                 f"{t['meanSavedIfRateKept'] * 100:.1f}% only if {s['assumption']}")
     return lines
+
+
+def _describe_draws(f):
+    d = f["draws"]
+    return (describe_tally(d) + f", of them {d.get('carried', 0)} with a rate carried from an earlier pass; "
+            f"saves {d['saved'] * 100:.1f}% ({d['keptSaved'] * 100:.1f}% with the rate kept)")

@@ -11,6 +11,10 @@ the images are named in the order the module fills them first (main, light, per 
 Per frame, "secondaries" gives for each substituted pass the commands of the secondaries it executed,
 in their recording order: d a draw, R the attachment rate (KEEP,REPLACE), F full rate (KEEP,KEEP),
 ? another rate. The rate in force at a draw is the last one before it in the same recording.
+
+Per frame, "draws" counts for each substituted pass its draws by the rate Vulkan's rules put in force
+(zovk_run_common: attachment rate, full rate, no rate) and the fragment work saved by those rules beside
+the image's average, and again under the named assumption KEPT_RATE.
 """
 
 import re
@@ -18,7 +22,8 @@ import struct
 import zlib
 from collections import Counter
 
-from zovk_run_common import frame_runs, saved_share
+from zovk_run_common import (KEPT_RATE, WEIGHTING, ExecutionOrder, describe_tally, finish, frame_runs, new_tally,
+                              saved_share, tally)
 
 PASS_LINE = re.compile(r"PostVkCreateRenderPass(111|222), create (main|light) pass(?: for fbo)?: (\d+)-+> ?(\d+)")
 FRAMEBUFFER_LINE = re.compile(r"PostVkCreateFramebuffer (111|222), old new (main|light) framebuffer: (\d+)---->(\d+), "
@@ -79,10 +84,11 @@ def summarise(events, texts):
     recordings = {}    # command buffer -> [(position, command)] of its recording
     open_pass = {}     # primary command buffer -> kind of the substituted pass it began last
     frames = []
+    execution, image_share = ExecutionOrder(), {}  # pass kind -> its image's average at the last begin
 
     def new_frame(number):
         return {"frame": number, "mainBegins": 0, "lightBegins": 0, "attachmentRates": 0, "fullRates": 0,
-                "uploads": 0, "saved": {"main": [], "light": []}, "contents": {}, "secondaries": {}}
+                "uploads": 0, "saved": {"main": [], "light": []}, "contents": {}, "secondaries": {}, "draws": {}}
 
     def record(e, command):
         recording = recordings.setdefault(e["commandBuffer"], [])
@@ -94,6 +100,9 @@ def summarise(events, texts):
     frame = new_frame(1)
     for e in events:
         kind = e.get("event")
+        for draw, kept in execution.feed(e):
+            if pass_kind := pass_kinds.get(draw.get("renderPass")):
+                tally(frame["draws"].setdefault(pass_kind, new_tally()), draw, kept, image_share.get(pass_kind, 0.0))
         if kind == "device":
             texel = (e.get("texelWidth", 0), e.get("texelHeight", 0))
         elif kind == "renderPass":
@@ -117,8 +126,9 @@ def summarise(events, texts):
             frame[pass_kind + "Begins"] += 1
             for image, info in trace_images.items():
                 if info["pass"] == pass_kind and info["resolution"] == area[2:4] and image in content:
-                    frame["saved"][pass_kind].append(
-                        image_saved_share(content[image], info["width"], info["height"], area, texel))
+                    image_share[pass_kind] = image_saved_share(content[image], info["width"], info["height"], area,
+                                                               texel)
+                    frame["saved"][pass_kind].append(image_share[pass_kind])
                     frame["contents"][pass_kind] = distinct.index(content[image])
         elif kind == "setRate":
             ops = tuple(e.get("combinerOps", []))
@@ -145,10 +155,16 @@ def summarise(events, texts):
         f.update(presents.get(f["frame"] - 1, {"sceneId": 0, "level": 0, "flags": 0}))
         f["saved"] = {k: round(sum(v) / len(v), 4) for k, v in f["saved"].items() if v}
         f["gate"] = f.get("sceneId") == 1058 or f.get("sceneId", 0) > 1000000
-    by_level = {}
+        f["draws"] = {k: finish(t) for k, t in f["draws"].items()}
+    by_level, by_rules, if_kept = {}, {}, {}
     for f in frames:
         for pass_name, share in f["saved"].items():
             by_level.setdefault(str(f.get("level")), {}).setdefault(pass_name, share)
+            # From the level's second frame on: its first runs under what the frame before left.
+            if pass_name in f["draws"] and str(f.get("level")) in by_level and f["frame"] > 1 and \
+                    frames[f["frame"] - 2].get("level") == f.get("level"):
+                by_rules.setdefault(str(f["level"]), {}).setdefault(pass_name, f["draws"][pass_name]["saved"])
+                if_kept.setdefault(str(f["level"]), {}).setdefault(pass_name, f["draws"][pass_name]["keptSaved"])
     return {
         "substitutes": {
             "renderPasses": sorted(passes.values(), key=lambda p: (p["pass"], p["variant"])),
@@ -166,6 +182,10 @@ def summarise(events, texts):
             "uploads": sum(f["uploads"] for f in frames),
         },
         "fragmentWorkSavedByLevel": by_level,
+        "fragmentWorkSavedByVulkanRulesByLevel": by_rules,
+        "fragmentWorkSavedIfRateKeptByLevel": if_kept,
+        "weighting": WEIGHTING,
+        "assumption": KEPT_RATE,
         "distinctImageContents": len(distinct),
         "_contents": distinct,
     }
@@ -205,7 +225,23 @@ def report_lines(s):
     for level, shares in sorted(s["fragmentWorkSavedByLevel"].items()):
         lines.append(f"    fragment work saved at level {level}: " +
                      ", ".join(f"{k} pass {v * 100:.1f}%" for k, v in sorted(shares.items())))
+    lines.append(f"    draws of the substituted passes by Vulkan's rules, {s['weighting']}:")
+    lines.extend("  " + line for line in frame_runs([f for f in s["frames"] if f["draws"]], _describe_draws))
+    for level, shares in sorted(s["fragmentWorkSavedByVulkanRulesByLevel"].items()):
+        image = s["fragmentWorkSavedByLevel"].get(level, {})
+        lines.append(f"    fragment work saved by Vulkan's rules at level {level}: " +
+                     ", ".join(f"{k} pass {v * 100:.1f}% (image {image.get(k, 0) * 100:.1f}%)"
+                               for k, v in sorted(shares.items())))
+    for level, shares in sorted(s["fragmentWorkSavedIfRateKeptByLevel"].items()):
+        lines.append(f"    fragment work saved at level {level} only if {s['assumption']}: " +
+                     ", ".join(f"{k} pass {v * 100:.1f}%" for k, v in sorted(shares.items())))
     return lines
+
+
+def _describe_draws(f):
+    return "; ".join(f"{k} {describe_tally(t)}, saves {t['saved'] * 100:.1f}% of its image's "
+                     f"{f['saved'].get(k, 0) * 100:.1f}% (with the rate kept: attachment rate {t['keptAttachment']}, "
+                     f"{t['keptSaved'] * 100:.1f}%)" for k, t in sorted(f["draws"].items()))
 
 
 # ---- shading-rate images as PNGs ---------------------------------------------------------------------

@@ -83,6 +83,10 @@ def starrail_vrs(s):
         expect(len(main_pass) == len(light) == 1 and "R" in main_pass[0] and "R" in light[0] and len(in_force) == 14
                and in_force[10] == "F" and in_force[11] == in_force[13] == "R",
                f"frame {f['frame']}: secondaries {f['secondaries']}")
+        # By Vulkan's rules no main-pass draw runs with the attachment rate: the secondary inherits none.
+        expect(f["draws"]["main"]["none"] == f["draws"]["main"]["draws"] > 0, f"frame {f['frame']}: {f['draws']}")
+    expect("fragment work saved by Vulkan's rules at level 1: light pass" in report and
+           sr["fragmentWorkSavedByVulkanRulesByLevel"]["1"]["main"] == 0.0, "no main-pass figure by Vulkan's rules")
     for f in quiet:
         counts = run["trace"]["perFrame"].get(str(f["frame"]), {})
         expect("setRate" not in counts and "upload" not in counts, f"frame {f['frame']}: a rate or upload at level 0")
