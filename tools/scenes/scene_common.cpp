@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 
 namespace scene {
 
@@ -460,62 +461,106 @@ Presenter::~Presenter() {
 
 double Presenter::run(uint32_t frames, const RecordFrame& record, const std::string& png) {
     const auto start = std::chrono::steady_clock::now();
-    std::vector<double> presentMicros;
-    for (uint32_t frame = 0; frame < frames; ++frame) {
+    for (uint32_t frame = 0; frame < frames; ++frame) present(frame, frames, record, png);
+    finish();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+void Presenter::present(uint32_t frame, uint32_t frames, const RecordFrame& record, const std::string& png) {
+    VKH_CHECK(vkWaitForFences(ctx_.device, 1, &fence_, VK_TRUE, UINT64_MAX));
+    VKH_CHECK(vkResetFences(ctx_.device, 1, &fence_));
+    uint32_t imageIndex = 0;
+    VKH_CHECK(vkAcquireNextImageKHR(ctx_.device, swapchain.swapchain, UINT64_MAX, acquired_, VK_NULL_HANDLE,
+                                    &imageIndex));
+
+    VkCommandBufferBeginInfo begin = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
+    begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
+    VKH_CHECK(vkBeginCommandBuffer(cmd_, &begin));
+    record(cmd_, imageIndex, frame);
+    VKH_CHECK(vkEndCommandBuffer(cmd_));
+
+    const VkPipelineStageFlags waitStage = VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT;
+    VkSubmitInfo submit = {VK_STRUCTURE_TYPE_SUBMIT_INFO};
+    submit.waitSemaphoreCount = 1;
+    submit.pWaitSemaphores = &acquired_;
+    submit.pWaitDstStageMask = &waitStage;
+    submit.commandBufferCount = 1;
+    submit.pCommandBuffers = &cmd_;
+    submit.signalSemaphoreCount = 1;
+    submit.pSignalSemaphores = &rendered_[imageIndex];
+    VKH_CHECK(vkQueueSubmit(ctx_.queue, 1, &submit, fence_));
+
+    // A name with "%d" gets every frame, numbered from 1; any other name the last one.
+    const bool everyFrame = png.find("%d") != std::string::npos;
+    if (!png.empty() && (everyFrame || frame + 1 == frames)) {
+        // The image is still ours until it is presented: read it back first.
         VKH_CHECK(vkWaitForFences(ctx_.device, 1, &fence_, VK_TRUE, UINT64_MAX));
-        VKH_CHECK(vkResetFences(ctx_.device, 1, &fence_));
-        uint32_t imageIndex = 0;
-        VKH_CHECK(vkAcquireNextImageKHR(ctx_.device, swapchain.swapchain, UINT64_MAX, acquired_, VK_NULL_HANDLE,
-                                        &imageIndex));
-
-        VkCommandBufferBeginInfo begin = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
-        begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
-        VKH_CHECK(vkBeginCommandBuffer(cmd_, &begin));
-        record(cmd_, imageIndex, frame);
-        VKH_CHECK(vkEndCommandBuffer(cmd_));
-
-        const VkPipelineStageFlags waitStage = VK_PIPELINE_STAGE_COLOR_ATTACHMENT_OUTPUT_BIT;
-        VkSubmitInfo submit = {VK_STRUCTURE_TYPE_SUBMIT_INFO};
-        submit.waitSemaphoreCount = 1;
-        submit.pWaitSemaphores = &acquired_;
-        submit.pWaitDstStageMask = &waitStage;
-        submit.commandBufferCount = 1;
-        submit.pCommandBuffers = &cmd_;
-        submit.signalSemaphoreCount = 1;
-        submit.pSignalSemaphores = &rendered_[imageIndex];
-        VKH_CHECK(vkQueueSubmit(ctx_.queue, 1, &submit, fence_));
-
-        // A name with "%d" gets every frame, numbered from 1; any other name the last one.
-        const bool everyFrame = png.find("%d") != std::string::npos;
-        if (!png.empty() && (everyFrame || frame + 1 == frames)) {
-            // The image is still ours until it is presented: read it back first.
-            VKH_CHECK(vkWaitForFences(ctx_.device, 1, &fence_, VK_TRUE, UINT64_MAX));
-            const std::vector<uint8_t> rgba = ctx_.readImageRGBA(swapchain.images[imageIndex], swapchain.format,
-                                                                 swapchain.extent, VK_IMAGE_LAYOUT_PRESENT_SRC_KHR);
-            std::string name = png;
-            if (everyFrame) name.replace(name.find("%d"), 2, std::to_string(frame + 1));
-            vkh::writePng(name, swapchain.extent.width, swapchain.extent.height, rgba);
-        }
-
-        VkPresentInfoKHR present = {VK_STRUCTURE_TYPE_PRESENT_INFO_KHR};
-        present.waitSemaphoreCount = 1;
-        present.pWaitSemaphores = &rendered_[imageIndex];
-        present.swapchainCount = 1;
-        present.pSwapchains = &swapchain.swapchain;
-        present.pImageIndices = &imageIndex;
-        const auto presentStart = std::chrono::steady_clock::now();
-        VKH_CHECK(vkQueuePresentKHR(ctx_.queue, &present));
-        presentMicros.push_back(
-            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - presentStart).count());
+        const std::vector<uint8_t> rgba = ctx_.readImageRGBA(swapchain.images[imageIndex], swapchain.format,
+                                                             swapchain.extent, VK_IMAGE_LAYOUT_PRESENT_SRC_KHR);
+        std::string name = png;
+        if (everyFrame) name.replace(name.find("%d"), 2, std::to_string(frame + 1));
+        vkh::writePng(name, swapchain.extent.width, swapchain.extent.height, rgba);
     }
+
+    VkPresentInfoKHR present = {VK_STRUCTURE_TYPE_PRESENT_INFO_KHR};
+    present.waitSemaphoreCount = 1;
+    present.pWaitSemaphores = &rendered_[imageIndex];
+    present.swapchainCount = 1;
+    present.pSwapchains = &swapchain.swapchain;
+    present.pImageIndices = &imageIndex;
+    const auto presentStart = std::chrono::steady_clock::now();
+    VKH_CHECK(vkQueuePresentKHR(ctx_.queue, &present));
+    presentMicros_.push_back(
+        std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - presentStart).count());
+}
+
+void Presenter::finish() {
     VKH_CHECK(vkQueueWaitIdle(ctx_.queue));
     if (!presentTimesPath.empty()) {
         if (FILE* f = std::fopen(presentTimesPath.c_str(), "w")) {
-            for (double us : presentMicros) std::fprintf(f, "%.1f\n", us);
+            for (double us : presentMicros_) std::fprintf(f, "%.1f\n", us);
             std::fclose(f);
         }
     }
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// ---- recording threads
+
+ThreadPools::ThreadPools(vkh::Context& ctx, uint32_t threads, uint32_t perThread)
+    : device_(ctx.device), pools_(threads), secondaries_(threads, std::vector<VkCommandBuffer>(perThread)) {
+    for (uint32_t t = 0; t < threads; ++t) {
+        VkCommandPoolCreateInfo info = {VK_STRUCTURE_TYPE_COMMAND_POOL_CREATE_INFO};
+        info.flags = VK_COMMAND_POOL_CREATE_RESET_COMMAND_BUFFER_BIT;  // each begin resets
+        info.queueFamilyIndex = ctx.queueFamily;
+        VKH_CHECK(vkCreateCommandPool(device_, &info, nullptr, &pools_[t]));
+        VkCommandBufferAllocateInfo alloc = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO};
+        alloc.commandPool = pools_[t];
+        alloc.level = VK_COMMAND_BUFFER_LEVEL_SECONDARY;
+        alloc.commandBufferCount = perThread;
+        VKH_CHECK(vkAllocateCommandBuffers(device_, &alloc, secondaries_[t].data()));
+    }
+}
+
+ThreadPools::~ThreadPools() {
+    // Destroying a pool frees its command buffers.
+    for (VkCommandPool pool : pools_) vkDestroyCommandPool(device_, pool, nullptr);
+}
+
+void runOnThreads(uint32_t threads, const std::vector<std::function<void()>>& jobs,
+                  const std::function<void()>& beside) {
+    if (threads == 0) {
+        if (beside) beside();
+        for (const auto& job : jobs) job();
+        return;
+    }
+    std::vector<std::thread> running;
+    for (uint32_t t = 0; t < threads; ++t) {
+        running.emplace_back([&jobs, threads, t] {
+            for (size_t j = t; j < jobs.size(); j += threads) jobs[j]();
+        });
+    }
+    if (beside) running.emplace_back(beside);
+    for (std::thread& thread : running) thread.join();
 }
 
 }  // namespace scene

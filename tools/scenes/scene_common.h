@@ -145,7 +145,8 @@ VkSampler createSampler(VkDevice device, VkFilter filter);
 // ---- frames
 
 // Presents frames on a headless swapchain, one frame in flight. `record` fills the frame's
-// primary command buffer; it must leave the swapchain image in PRESENT_SRC_KHR.
+// primary command buffer; it must leave the swapchain image in PRESENT_SRC_KHR. When `record`
+// runs, the device has finished the frame before.
 class Presenter {
 public:
     Presenter(vkh::Context& ctx, uint32_t width, uint32_t height);
@@ -155,9 +156,13 @@ public:
     // Runs `frames` frames; writes the last one to `png` when it is not empty, every one when
     // `png` holds "%d" (replaced by the frame number from 1). Returns seconds.
     double run(uint32_t frames, const RecordFrame& record, const std::string& png);
+    // What run() does for frame `frame` (from 0) of `frames`, and after the last one: programs
+    // that present on several devices in turn call these.
+    void present(uint32_t frame, uint32_t frames, const RecordFrame& record, const std::string& png);
+    void finish();
 
-    // Microseconds that each vkQueuePresentKHR of run() took, one line per frame, written to
-    // `path` at the end of run() (for the present-time benchmark).
+    // Microseconds that each vkQueuePresentKHR took, one line per frame, written to `path` by
+    // finish() (for the present-time benchmark).
     std::string presentTimesPath;
     vkh::Swapchain swapchain;
 
@@ -167,6 +172,32 @@ private:
     VkFence fence_ = VK_NULL_HANDLE;
     VkSemaphore acquired_ = VK_NULL_HANDLE;
     std::vector<VkSemaphore> rendered_;  // one per swapchain image: a present may still wait on it
+    std::vector<double> presentMicros_;
 };
+
+// ---- recording threads
+
+// One command pool per recording thread (a pool may be used by one thread at a time), each
+// with `perThread` secondaries. Freed with the pools; nothing is freed if the program exits
+// without destroying it.
+class ThreadPools {
+public:
+    ThreadPools(vkh::Context& ctx, uint32_t threads, uint32_t perThread);
+    ~ThreadPools();
+    ThreadPools(const ThreadPools&) = delete;
+    ThreadPools& operator=(const ThreadPools&) = delete;
+
+    VkCommandBuffer secondary(uint32_t thread, uint32_t index) const { return secondaries_[thread][index]; }
+
+private:
+    VkDevice device_;
+    std::vector<VkCommandPool> pools_;
+    std::vector<std::vector<VkCommandBuffer>> secondaries_;
+};
+
+// Runs job j on thread j % threads and `beside` (when set) on a thread of its own, and returns
+// once all have finished; with no threads, everything on the caller's thread, `beside` first.
+void runOnThreads(uint32_t threads, const std::vector<std::function<void()>>& jobs,
+                  const std::function<void()>& beside);
 
 }  // namespace scene

@@ -9,10 +9,16 @@
 //   3. a final pass into the swapchain image that tone-maps the light result; then present.
 // Each pass also exists as a DONT_CARE variant; pipelines are created against those variants,
 // and so are the framebuffers unless --framebuffer-pass clear says otherwise.
+//
+// A game's whole life, on request: several devices on the one instance, presenting in turn;
+// the secondaries recorded on worker threads (the main pass's contents then spread over several);
+// passes, framebuffers and pipelines made again while the game runs; exit() with everything alive.
 
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -61,7 +67,18 @@ const char kUsage[] =
     "                           and the last draw, if after P+1, repeats draw P\n"
     "  --framebuffer-pass K     create framebuffers against the 'dontcare' (default) or 'clear'\n"
     "                           variant of each pass\n"
-    "  --present-times FILE     write the microseconds each present took, one line per frame\n";
+    "  --present-times FILE     write the microseconds each present took, one line per frame\n"
+    "  --devices N              N devices on the one instance (1..4, default 1), each with its own\n"
+    "                           swapchain, passes and command buffers, presenting frames in turn;\n"
+    "                           --png and --present-times follow the first; the last made is\n"
+    "                           destroyed first\n"
+    "  --threads N              record each frame's secondaries on N threads (1..16), each with its\n"
+    "                           own command pool, the main pass's contents spread over N-1\n"
+    "                           secondaries (at least 1); default: all on the main thread\n"
+    "  --recreate-passes K      every K frames, make the passes, framebuffers and pipelines again\n"
+    "                           (on a thread of their own with --threads, while the frame records\n"
+    "                           with the old ones) and destroy those retired K frames before\n"
+    "  --exit-alive             call exit() after the last frame, destroying nothing\n";
 
 struct Options {
     scene::CommonOptions common;
@@ -72,6 +89,10 @@ struct Options {
     uint32_t fullRateInstances = 1;
     bool framebuffersOnClear = false;
     std::string presentTimes;
+    uint32_t devices = 1;
+    uint32_t threads = 0;  // 0: record on the main thread
+    uint32_t recreateEvery = 0;
+    bool exitAlive = false;
 };
 
 Options parseOptions(int argc, char** argv) {
@@ -92,6 +113,14 @@ Options parseOptions(int argc, char** argv) {
             o.framebuffersOnClear = kind == "clear";
         } else if (arg == "--present-times") {
             o.presentTimes = scene::optionValue(argc, argv, i);
+        } else if (arg == "--devices") {
+            o.devices = scene::parseNumber(scene::optionValue(argc, argv, i), "--devices", 1, 4);
+        } else if (arg == "--threads") {
+            o.threads = scene::parseNumber(scene::optionValue(argc, argv, i), "--threads", 1, 16);
+        } else if (arg == "--recreate-passes") {
+            o.recreateEvery = scene::parseNumber(scene::optionValue(argc, argv, i), "--recreate-passes", 1, 1000000);
+        } else if (arg == "--exit-alive") {
+            o.exitAlive = true;
         } else {
             return false;
         }
@@ -149,254 +178,392 @@ std::vector<LightDraw> planLightDraws(const Options& o, const scene::MeshRange& 
     return draws;
 }
 
-}  // namespace
+// What the frame's passes are made of; --recreate-passes makes them again while the game runs.
+struct Passes {
+    VkRenderPass mainClear, mainDontCare, lightClear, lightDontCare, finalPass;
+    VkFramebuffer mainFramebuffer, lightFramebuffer;
+    std::vector<VkFramebuffer> finalFramebuffers;
+    VkPipeline mainPipeline, resolvePipeline, additivePipeline, finalPipeline;
+};
 
-int main(int argc, char** argv) {
-    vkh::setProgramName("zovk-scene-starrail");
-    const Options o = parseOptions(argc, argv);
-    const VkExtent2D extent = {o.common.width, o.common.height};
-    const uint32_t colorCount = o.mainAttachments - 1;
+// Everything of the scene on one device: targets, passes, pipelines, meshes, command buffers.
+class StarRailDevice {
+public:
+    // On `shared`'s instance when given, on an instance of its own otherwise.
+    StarRailDevice(const Options& o, const vkh::Context* shared);
+    ~StarRailDevice();
+    StarRailDevice(const StarRailDevice&) = delete;
+    StarRailDevice& operator=(const StarRailDevice&) = delete;
 
+    const vkh::Context& context() const { return *ctx_; }
+    scene::Presenter& presenter() { return *presenter_; }
+    const std::vector<LightDraw>& lightDraws() const { return lightDraws_; }
+    void recordFrame(VkCommandBuffer cmd, uint32_t imageIndex, uint32_t frame);
+
+private:
+    std::unique_ptr<Passes> makePasses();
+    void destroyPasses(std::unique_ptr<Passes>& passes);
+    void beginSecondary(VkCommandBuffer cmd, VkRenderPass pass, VkFramebuffer framebuffer);
+    void recordMainPart(const Passes& p, uint32_t part, uint32_t frame);
+    void recordLight(const Passes& p);
+
+    const Options& o_;
+    const VkExtent2D extent_;
+    const uint32_t colorCount_;
+    const uint32_t mainParts_;
+    std::unique_ptr<vkh::Context> ctx_;
+    VkDevice device_;
+    std::vector<VkFormat> mainFormats_;
+    std::vector<vkh::Image> mainTargets_;
+    vkh::Image depth_, light_;
+    std::unique_ptr<scene::Presenter> presenter_;
+    VkSampler nearest_, linear_;
+    scene::SamplerSet gbufferSet_, lightSet_;
+    VkPipelineLayout mainLayout_, lightLayout_, finalLayout_;
+    VkShaderModule meshVert_, mainFrag_, lightFrag_, fullVert_, compFrag_;
+    std::unique_ptr<Passes> current_, retired_;
+    scene::MeshBuffers meshes_;
+    scene::MeshRange grid_, quad_, ring_;
+    std::vector<LightDraw> lightDraws_;
+    std::unique_ptr<scene::ThreadPools> pools_;  // with --threads
+    std::vector<VkCommandBuffer> mainSecondaries_;
+    VkCommandBuffer lightSecondary_;
+};
+
+constexpr VkFormat kDepthFormat = VK_FORMAT_D24_UNORM_S8_UINT;
+constexpr VkFormat kLightFormat = VK_FORMAT_B10G11R11_UFLOAT_PACK32;
+constexpr uint32_t kBlocks = 24;  // instanced blocks of the main pass
+
+StarRailDevice::StarRailDevice(const Options& o, const vkh::Context* shared)
+    : o_(o),
+      extent_{o.common.width, o.common.height},
+      colorCount_(o.mainAttachments - 1),
+      mainParts_(o.threads > 1 ? o.threads - 1 : 1) {
     vkh::ContextDesc desc;
     desc.appName = "StarRail";
     desc.headlessSurface = true;
-    vkh::Context ctx(desc);
-    VkDevice device = ctx.device;
-    if (colorCount > ctx.properties.limits.maxColorAttachments) {
+    ctx_ = shared ? std::make_unique<vkh::Context>(desc, *shared) : std::make_unique<vkh::Context>(desc);
+    vkh::Context& ctx = *ctx_;
+    device_ = ctx.device;
+    if (colorCount_ > ctx.properties.limits.maxColorAttachments) {
         vkh::fail("--main-attachments %u: the device has %u colour attachments", o.mainAttachments,
                   ctx.properties.limits.maxColorAttachments);
     }
-    const VkFormat depthFormat = VK_FORMAT_D24_UNORM_S8_UINT;
-    if (!ctx.supportsOptimal(depthFormat, VK_FORMAT_FEATURE_DEPTH_STENCIL_ATTACHMENT_BIT)) {
+    if (!ctx.supportsOptimal(kDepthFormat, VK_FORMAT_FEATURE_DEPTH_STENCIL_ATTACHMENT_BIT)) {
         vkh::fail("the device cannot render to VK_FORMAT_D24_UNORM_S8_UINT, which the scene needs");
     }
-    const VkFormat lightFormat = VK_FORMAT_B10G11R11_UFLOAT_PACK32;
-    if (!ctx.supportsOptimal(lightFormat, VK_FORMAT_FEATURE_COLOR_ATTACHMENT_BLEND_BIT |
-                                              VK_FORMAT_FEATURE_SAMPLED_IMAGE_FILTER_LINEAR_BIT)) {
+    if (!ctx.supportsOptimal(kLightFormat, VK_FORMAT_FEATURE_COLOR_ATTACHMENT_BLEND_BIT |
+                                               VK_FORMAT_FEATURE_SAMPLED_IMAGE_FILTER_LINEAR_BIT)) {
         vkh::fail("the device cannot blend into and filter VK_FORMAT_B10G11R11_UFLOAT_PACK32");
     }
 
     // ---- render targets
-    std::vector<VkFormat> mainFormats = {VK_FORMAT_R8G8B8A8_SRGB, VK_FORMAT_R8G8B8A8_UNORM};
-    while (mainFormats.size() < colorCount) mainFormats.push_back(VK_FORMAT_R8G8B8A8_UNORM);
-    std::vector<vkh::Image> mainTargets;
-    for (uint32_t i = 0; i < colorCount; ++i) {
+    mainFormats_ = {VK_FORMAT_R8G8B8A8_SRGB, VK_FORMAT_R8G8B8A8_UNORM};
+    while (mainFormats_.size() < colorCount_) mainFormats_.push_back(VK_FORMAT_R8G8B8A8_UNORM);
+    for (uint32_t i = 0; i < colorCount_; ++i) {
         // The light pass samples the first two targets.
         const VkImageUsageFlags sampled = i < 2 ? VK_IMAGE_USAGE_SAMPLED_BIT : 0;
-        mainTargets.push_back(ctx.createImage(mainFormats[i], extent, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | sampled));
+        mainTargets_.push_back(ctx.createImage(mainFormats_[i], extent_, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | sampled));
     }
-    vkh::Image depth = ctx.createImage(depthFormat, extent, VK_IMAGE_USAGE_DEPTH_STENCIL_ATTACHMENT_BIT);
-    vkh::Image light =
-        ctx.createImage(lightFormat, extent, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT);
+    depth_ = ctx.createImage(kDepthFormat, extent_, VK_IMAGE_USAGE_DEPTH_STENCIL_ATTACHMENT_BIT);
+    light_ = ctx.createImage(kLightFormat, extent_, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT);
+    presenter_ = std::make_unique<scene::Presenter>(ctx, extent_.width, extent_.height);
 
+    // ---- what the pipelines use
+    nearest_ = scene::createSampler(device_, VK_FILTER_NEAREST);
+    linear_ = scene::createSampler(device_, VK_FILTER_LINEAR);
+    gbufferSet_.create(device_, nearest_, {{mainTargets_[0].view}, {mainTargets_[1].view}});
+    lightSet_.create(device_, linear_, {{light_.view}});
+    mainLayout_ = scene::createPipelineLayout(device_, VK_NULL_HANDLE);
+    lightLayout_ = scene::createPipelineLayout(device_, gbufferSet_.layout);
+    finalLayout_ = scene::createPipelineLayout(device_, lightSet_.layout);
+    meshVert_ = ctx.createShader(mesh_vert_spv, sizeof(mesh_vert_spv));
+    const Spirv& mainFragCode = kMainFragments[colorCount_ - 2];
+    mainFrag_ = ctx.createShader(mainFragCode.code, mainFragCode.bytes);
+    lightFrag_ = ctx.createShader(starrail_light_frag_spv, sizeof(starrail_light_frag_spv));
+    fullVert_ = ctx.createShader(fullscreen_vert_spv, sizeof(fullscreen_vert_spv));
+    compFrag_ = ctx.createShader(composite_frag_spv, sizeof(composite_frag_spv));
+    current_ = makePasses();
+
+    // ---- meshes
+    grid_ = meshes_.add(scene::makeGrid(48, 27, 0.9f, 0.6f));
+    quad_ = meshes_.add(scene::makeQuad(0.5f, 0.9f, 0.7f, 0.4f));
+    ring_ = meshes_.add(scene::makeRing(o.fullRateIndices, 0.2f));
+    meshes_.upload(ctx);
+    lightDraws_ = planLightDraws(o, quad_);
+
+    // ---- secondaries: job j (the main parts, then the light pass) records on thread j % threads
+    const uint32_t jobs = mainParts_ + 1;
+    std::vector<VkCommandBuffer> secondaries(jobs);
+    if (o.threads == 0) {
+        VkCommandBufferAllocateInfo alloc = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO};
+        alloc.commandPool = ctx.commandPool;
+        alloc.level = VK_COMMAND_BUFFER_LEVEL_SECONDARY;
+        alloc.commandBufferCount = jobs;
+        VKH_CHECK(vkAllocateCommandBuffers(device_, &alloc, secondaries.data()));
+    } else {
+        pools_ = std::make_unique<scene::ThreadPools>(ctx, o.threads, (jobs + o.threads - 1) / o.threads);
+        for (uint32_t j = 0; j < jobs; ++j) secondaries[j] = pools_->secondary(j % o.threads, j / o.threads);
+    }
+    mainSecondaries_.assign(secondaries.begin(), secondaries.end() - 1);
+    lightSecondary_ = secondaries.back();
+}
+
+std::unique_ptr<Passes> StarRailDevice::makePasses() {
+    auto p = std::make_unique<Passes>();
     // ---- render passes: each in a CLEAR (used by the frame) and a DONT_CARE variant
     const VkImageLayout readOnly = VK_IMAGE_LAYOUT_SHADER_READ_ONLY_OPTIMAL;
     const VkImageLayout depthLayout = VK_IMAGE_LAYOUT_DEPTH_STENCIL_ATTACHMENT_OPTIMAL;
     auto mainAttachments = [&](VkAttachmentLoadOp load) {
         std::vector<scene::AttachmentSpec> a;
-        for (uint32_t i = 0; i < colorCount; ++i) {
-            a.push_back({mainFormats[i], load, VK_IMAGE_LAYOUT_UNDEFINED,
+        for (uint32_t i = 0; i < colorCount_; ++i) {
+            a.push_back({mainFormats_[i], load, VK_IMAGE_LAYOUT_UNDEFINED,
                          i < 2 ? readOnly : VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL});
         }
-        a.push_back({depthFormat, load, VK_IMAGE_LAYOUT_UNDEFINED, depthLayout});
+        a.push_back({kDepthFormat, load, VK_IMAGE_LAYOUT_UNDEFINED, depthLayout});
         return a;
     };
-    VkRenderPass mainClear = scene::createRenderPass(device, mainAttachments(VK_ATTACHMENT_LOAD_OP_CLEAR));
-    VkRenderPass mainDontCare = scene::createRenderPass(device, mainAttachments(VK_ATTACHMENT_LOAD_OP_DONT_CARE));
+    p->mainClear = scene::createRenderPass(device_, mainAttachments(VK_ATTACHMENT_LOAD_OP_CLEAR));
+    p->mainDontCare = scene::createRenderPass(device_, mainAttachments(VK_ATTACHMENT_LOAD_OP_DONT_CARE));
     // The light pass draws over the depth of the main pass.
-    VkRenderPass lightClear = scene::createRenderPass(
-        device, {{lightFormat, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_IMAGE_LAYOUT_UNDEFINED, readOnly},
-                 {depthFormat, VK_ATTACHMENT_LOAD_OP_LOAD, depthLayout, depthLayout}});
-    VkRenderPass lightDontCare = scene::createRenderPass(
-        device, {{lightFormat, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_IMAGE_LAYOUT_UNDEFINED, readOnly},
-                 {depthFormat, VK_ATTACHMENT_LOAD_OP_DONT_CARE, depthLayout, depthLayout}});
-
-    scene::Presenter presenter(ctx, extent.width, extent.height);
-    const vkh::Swapchain& swapchain = presenter.swapchain;
-    VkRenderPass finalPass = scene::createRenderPass(
-        device, {{swapchain.format, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_IMAGE_LAYOUT_UNDEFINED,
-                  VK_IMAGE_LAYOUT_PRESENT_SRC_KHR}});
+    p->lightClear = scene::createRenderPass(
+        device_, {{kLightFormat, VK_ATTACHMENT_LOAD_OP_CLEAR, VK_IMAGE_LAYOUT_UNDEFINED, readOnly},
+                  {kDepthFormat, VK_ATTACHMENT_LOAD_OP_LOAD, depthLayout, depthLayout}});
+    p->lightDontCare = scene::createRenderPass(
+        device_, {{kLightFormat, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_IMAGE_LAYOUT_UNDEFINED, readOnly},
+                  {kDepthFormat, VK_ATTACHMENT_LOAD_OP_DONT_CARE, depthLayout, depthLayout}});
+    const vkh::Swapchain& swapchain = presenter_->swapchain;
+    p->finalPass = scene::createRenderPass(
+        device_, {{swapchain.format, VK_ATTACHMENT_LOAD_OP_DONT_CARE, VK_IMAGE_LAYOUT_UNDEFINED,
+                   VK_IMAGE_LAYOUT_PRESENT_SRC_KHR}});
 
     // ---- framebuffers at the configured resolution
     std::vector<VkImageView> mainViews;
-    for (const vkh::Image& t : mainTargets) mainViews.push_back(t.view);
-    mainViews.push_back(depth.view);
-    VkFramebuffer mainFramebuffer =
-        scene::createFramebuffer(device, o.framebuffersOnClear ? mainClear : mainDontCare, mainViews, extent);
-    VkFramebuffer lightFramebuffer = scene::createFramebuffer(device, o.framebuffersOnClear ? lightClear : lightDontCare,
-                                                              {light.view, depth.view}, extent);
-    std::vector<VkFramebuffer> finalFramebuffers;
+    for (const vkh::Image& t : mainTargets_) mainViews.push_back(t.view);
+    mainViews.push_back(depth_.view);
+    p->mainFramebuffer =
+        scene::createFramebuffer(device_, o_.framebuffersOnClear ? p->mainClear : p->mainDontCare, mainViews, extent_);
+    p->lightFramebuffer = scene::createFramebuffer(device_, o_.framebuffersOnClear ? p->lightClear : p->lightDontCare,
+                                                   {light_.view, depth_.view}, extent_);
     for (VkImageView view : swapchain.views) {
-        finalFramebuffers.push_back(scene::createFramebuffer(device, finalPass, {view}, extent));
+        p->finalFramebuffers.push_back(scene::createFramebuffer(device_, p->finalPass, {view}, extent_));
     }
 
     // ---- pipelines, against the DONT_CARE variants
-    VkSampler nearest = scene::createSampler(device, VK_FILTER_NEAREST);
-    VkSampler linear = scene::createSampler(device, VK_FILTER_LINEAR);
-    scene::SamplerSet gbufferSet, lightSet;
-    gbufferSet.create(device, nearest, {{mainTargets[0].view}, {mainTargets[1].view}});
-    lightSet.create(device, linear, {{light.view}});
-    VkPipelineLayout mainLayout = scene::createPipelineLayout(device, VK_NULL_HANDLE);
-    VkPipelineLayout lightLayout = scene::createPipelineLayout(device, gbufferSet.layout);
-    VkPipelineLayout finalLayout = scene::createPipelineLayout(device, lightSet.layout);
-
-    VkShaderModule meshVert = ctx.createShader(mesh_vert_spv, sizeof(mesh_vert_spv));
-    const Spirv& mainFragCode = kMainFragments[colorCount - 2];
-    VkShaderModule mainFrag = ctx.createShader(mainFragCode.code, mainFragCode.bytes);
-    VkShaderModule lightFrag = ctx.createShader(starrail_light_frag_spv, sizeof(starrail_light_frag_spv));
-    VkShaderModule fullVert = ctx.createShader(fullscreen_vert_spv, sizeof(fullscreen_vert_spv));
-    VkShaderModule compFrag = ctx.createShader(composite_frag_spv, sizeof(composite_frag_spv));
-
     scene::PipelineDesc pipeline;
-    pipeline.vertex = meshVert;
-    pipeline.fragment = mainFrag;
-    pipeline.layout = mainLayout;
-    pipeline.renderPass = mainDontCare;
-    pipeline.colorCount = colorCount;
+    pipeline.vertex = meshVert_;
+    pipeline.fragment = mainFrag_;
+    pipeline.layout = mainLayout_;
+    pipeline.renderPass = p->mainDontCare;
+    pipeline.colorCount = colorCount_;
     pipeline.depthTest = pipeline.depthWrite = true;
-    VkPipeline mainPipeline = scene::createPipeline(device, pipeline);
+    p->mainPipeline = scene::createPipeline(device_, pipeline);
 
-    pipeline.fragment = lightFrag;
-    pipeline.layout = lightLayout;
-    pipeline.renderPass = lightDontCare;
+    pipeline.fragment = lightFrag_;
+    pipeline.layout = lightLayout_;
+    pipeline.renderPass = p->lightDontCare;
     pipeline.colorCount = 1;
     pipeline.depthTest = pipeline.depthWrite = false;
-    VkPipeline resolvePipeline = scene::createPipeline(device, pipeline);
+    p->resolvePipeline = scene::createPipeline(device_, pipeline);
     pipeline.depthTest = true;  // lights hide behind the scene, but never write depth
     pipeline.additive = true;
-    VkPipeline additivePipeline = scene::createPipeline(device, pipeline);
+    p->additivePipeline = scene::createPipeline(device_, pipeline);
 
     pipeline = scene::PipelineDesc();
-    pipeline.vertex = fullVert;
-    pipeline.fragment = compFrag;
+    pipeline.vertex = fullVert_;
+    pipeline.fragment = compFrag_;
     pipeline.meshInput = false;
-    pipeline.layout = finalLayout;
-    pipeline.renderPass = finalPass;
-    VkPipeline finalPipeline = scene::createPipeline(device, pipeline);
+    pipeline.layout = finalLayout_;
+    pipeline.renderPass = p->finalPass;
+    p->finalPipeline = scene::createPipeline(device_, pipeline);
+    return p;
+}
 
-    // ---- meshes
-    scene::MeshBuffers meshes;
-    const scene::MeshRange grid = meshes.add(scene::makeGrid(48, 27, 0.9f, 0.6f));
-    const scene::MeshRange quad = meshes.add(scene::makeQuad(0.5f, 0.9f, 0.7f, 0.4f));
-    const scene::MeshRange ring = meshes.add(scene::makeRing(o.fullRateIndices, 0.2f));
-    meshes.upload(ctx);
-    const std::vector<LightDraw> lightDraws = planLightDraws(o, quad);
+void StarRailDevice::destroyPasses(std::unique_ptr<Passes>& p) {
+    if (!p) return;
+    for (VkPipeline pipeline : {p->mainPipeline, p->resolvePipeline, p->additivePipeline, p->finalPipeline}) {
+        vkDestroyPipeline(device_, pipeline, nullptr);
+    }
+    for (VkFramebuffer fb : p->finalFramebuffers) vkDestroyFramebuffer(device_, fb, nullptr);
+    vkDestroyFramebuffer(device_, p->lightFramebuffer, nullptr);
+    vkDestroyFramebuffer(device_, p->mainFramebuffer, nullptr);
+    for (VkRenderPass pass : {p->mainClear, p->mainDontCare, p->lightClear, p->lightDontCare, p->finalPass}) {
+        vkDestroyRenderPass(device_, pass, nullptr);
+    }
+    p.reset();
+}
 
+// Begin and inheritance infos are built afresh every time: what the game passes may be
+// rewritten in place below us.
+void StarRailDevice::beginSecondary(VkCommandBuffer cmd, VkRenderPass pass, VkFramebuffer framebuffer) {
+    VkCommandBufferInheritanceInfo inheritance = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_INHERITANCE_INFO};
+    inheritance.renderPass = pass;
+    inheritance.subpass = 0;
+    inheritance.framebuffer = framebuffer;
+    VkCommandBufferBeginInfo begin = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
+    begin.flags = VK_COMMAND_BUFFER_USAGE_RENDER_PASS_CONTINUE_BIT | VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
+    begin.pInheritanceInfo = &inheritance;
+    VKH_CHECK(vkBeginCommandBuffer(cmd, &begin));
+}
+
+void push(VkCommandBuffer cmd, VkPipelineLayout layout, const scene::DrawConstants& c) {
+    vkCmdPushConstants(cmd, layout, scene::kDrawConstantStages, 0, sizeof(c), &c);
+}
+
+// Main pass contents: the ground grid (part 0) and rows of instanced blocks, shared among the parts
+// in order, so that the pixels do not depend on how many parts there are.
+void StarRailDevice::recordMainPart(const Passes& p, uint32_t part, uint32_t frame) {
+    const VkCommandBuffer cmd = mainSecondaries_[part];
+    beginSecondary(cmd, p.mainClear, p.mainFramebuffer);
+    vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, p.mainPipeline);
+    scene::setViewport(cmd, extent_);
+    meshes_.bind(cmd);
+    scene::DrawConstants c;
+    if (part == 0) {
+        push(cmd, mainLayout_, c);
+        vkCmdDrawIndexed(cmd, grid_.indexCount, 1, grid_.firstIndex, grid_.vertexOffset, 0);
+    }
+    const float sway = 0.05f * float(frame % 40) / 40.0f;
+    c = {{-0.8f + sway, -0.7f, 0.07f, 0.22f}, {0.9f, 0.5f, 0.3f, 0}, {0.22f, 0.6f, -0.01f, 0}};
+    push(cmd, mainLayout_, c);
+    const uint32_t first = kBlocks * part / mainParts_, end = kBlocks * (part + 1) / mainParts_;
+    vkCmdDrawIndexed(cmd, quad_.indexCount, end - first, quad_.firstIndex, quad_.vertexOffset, first);
+    VKH_CHECK(vkEndCommandBuffer(cmd));
+}
+
+// Light pass contents: the numbered run of indexed draws.
+void StarRailDevice::recordLight(const Passes& p) {
+    const VkCommandBuffer cmd = lightSecondary_;
+    beginSecondary(cmd, p.lightClear, p.lightFramebuffer);
+    scene::setViewport(cmd, extent_);
+    meshes_.bind(cmd);
+    vkCmdBindDescriptorSets(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, lightLayout_, 0, 1, &gbufferSet_.set, 0, nullptr);
+    VkPipeline bound = VK_NULL_HANDLE;
+    for (const LightDraw& d : lightDraws_) {
+        VkPipeline want = d.kind == LightKind::kResolve ? p.resolvePipeline : p.additivePipeline;
+        if (want != bound) {
+            vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, want);
+            bound = want;
+        }
+        push(cmd, lightLayout_, d.constants);
+        const scene::MeshRange& mesh = d.kind == LightKind::kRing ? ring_ : quad_;
+        vkCmdDrawIndexed(cmd, d.indexCount, d.instanceCount, mesh.firstIndex, mesh.vertexOffset, 0);
+    }
+    VKH_CHECK(vkEndCommandBuffer(cmd));
+}
+
+void StarRailDevice::recordFrame(VkCommandBuffer cmd, uint32_t imageIndex, uint32_t frame) {
+    // The device finished the frame before: what was retired K frames ago is no longer in use.
+    const bool recreate = o_.recreateEvery != 0 && frame != 0 && frame % o_.recreateEvery == 0;
+    std::unique_ptr<Passes> next;
+    std::function<void()> rebuild;
+    if (recreate) {
+        rebuild = [&] {
+            destroyPasses(retired_);
+            next = makePasses();
+        };
+    }
+    const Passes& p = *current_;
+    std::vector<std::function<void()>> jobs;
+    for (uint32_t part = 0; part < mainParts_; ++part) jobs.push_back([&, part] { recordMainPart(p, part, frame); });
+    jobs.push_back([&] { recordLight(p); });
+    scene::runOnThreads(o_.threads, jobs, rebuild);
+
+    std::vector<VkClearValue> clears(o_.mainAttachments);
+    for (uint32_t i = 0; i < colorCount_; ++i) clears[i].color = {{0.05f, 0.05f, 0.08f, 1.0f}};
+    clears[colorCount_].depthStencil = {1.0f, 0};
+    VkRenderPassBeginInfo begin = {VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
+    begin.renderPass = p.mainClear;
+    begin.framebuffer = p.mainFramebuffer;
+    begin.renderArea = {{0, 0}, extent_};
+    begin.clearValueCount = uint32_t(clears.size());
+    begin.pClearValues = clears.data();
+    vkCmdBeginRenderPass(cmd, &begin, VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
+    vkCmdExecuteCommands(cmd, mainParts_, mainSecondaries_.data());
+    vkCmdEndRenderPass(cmd);
+
+    VkClearValue lightClears[2] = {};
+    lightClears[0].color = {{0.0f, 0.0f, 0.0f, 1.0f}};
+    VkRenderPassBeginInfo lightBegin = {VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
+    lightBegin.renderPass = p.lightClear;
+    lightBegin.framebuffer = p.lightFramebuffer;
+    lightBegin.renderArea = {{0, 0}, extent_};
+    lightBegin.clearValueCount = 2;
+    lightBegin.pClearValues = lightClears;
+    vkCmdBeginRenderPass(cmd, &lightBegin, VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
+    vkCmdExecuteCommands(cmd, 1, &lightSecondary_);
+    vkCmdEndRenderPass(cmd);
+
+    scene::recordCompositePass(cmd, p.finalPass, p.finalFramebuffers[imageIndex], extent_, p.finalPipeline,
+                               finalLayout_, lightSet_.set);
+    if (recreate) {
+        retired_ = std::move(current_);
+        current_ = std::move(next);
+    }
+}
+
+// Teardown: everything, so that nothing is reported as leaked.
+StarRailDevice::~StarRailDevice() {
+    VKH_CHECK(vkDeviceWaitIdle(device_));
+    if (!pools_) {
+        std::vector<VkCommandBuffer> secondaries = mainSecondaries_;
+        secondaries.push_back(lightSecondary_);
+        vkFreeCommandBuffers(device_, ctx_->commandPool, uint32_t(secondaries.size()), secondaries.data());
+    }
+    meshes_.destroy(*ctx_);
+    destroyPasses(current_);
+    destroyPasses(retired_);
+    for (VkShaderModule m : {meshVert_, mainFrag_, lightFrag_, fullVert_, compFrag_}) {
+        vkDestroyShaderModule(device_, m, nullptr);
+    }
+    for (VkPipelineLayout l : {mainLayout_, lightLayout_, finalLayout_}) vkDestroyPipelineLayout(device_, l, nullptr);
+    gbufferSet_.destroy(device_);
+    lightSet_.destroy(device_);
+    vkDestroySampler(device_, nearest_, nullptr);
+    vkDestroySampler(device_, linear_, nullptr);
+    ctx_->destroy(light_);
+    ctx_->destroy(depth_);
+    for (vkh::Image& t : mainTargets_) ctx_->destroy(t);
+    pools_.reset();
+    presenter_.reset();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    vkh::setProgramName("zovk-scene-starrail");
+    const Options o = parseOptions(argc, argv);
+    std::vector<std::unique_ptr<StarRailDevice>> devices;
+    for (uint32_t d = 0; d < o.devices; ++d) {
+        devices.push_back(std::make_unique<StarRailDevice>(o, d == 0 ? nullptr : &devices[0]->context()));
+    }
+
+    const std::vector<LightDraw>& lightDraws = devices[0]->lightDraws();
     std::printf("zovk-scene-starrail: %ux%u, main pass %u attachments, light draws (number:indices x instances):",
-                extent.width, extent.height, o.mainAttachments);
+                o.common.width, o.common.height, o.mainAttachments);
     for (size_t n = 0; n < lightDraws.size(); ++n) {
         std::printf(" %zu:%ux%u", n + 1, lightDraws[n].indexCount, lightDraws[n].instanceCount);
     }
     std::printf("\n");
 
-    VkCommandBuffer secondaries[2];
-    VkCommandBufferAllocateInfo alloc = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_ALLOCATE_INFO};
-    alloc.commandPool = ctx.commandPool;
-    alloc.level = VK_COMMAND_BUFFER_LEVEL_SECONDARY;
-    alloc.commandBufferCount = 2;
-    VKH_CHECK(vkAllocateCommandBuffers(device, &alloc, secondaries));
-    VkCommandBuffer mainSecondary = secondaries[0], lightSecondary = secondaries[1];
-
-    // Begin and inheritance infos are built afresh every frame: what the game passes may be
-    // rewritten in place below us.
-    auto beginSecondary = [&](VkCommandBuffer cmd, VkRenderPass pass, VkFramebuffer fb) {
-        VkCommandBufferInheritanceInfo inheritance = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_INHERITANCE_INFO};
-        inheritance.renderPass = pass;
-        inheritance.subpass = 0;
-        inheritance.framebuffer = fb;
-        VkCommandBufferBeginInfo begin = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
-        begin.flags = VK_COMMAND_BUFFER_USAGE_RENDER_PASS_CONTINUE_BIT | VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
-        begin.pInheritanceInfo = &inheritance;
-        VKH_CHECK(vkBeginCommandBuffer(cmd, &begin));
-    };
-    auto push = [](VkCommandBuffer cmd, VkPipelineLayout layout, const scene::DrawConstants& c) {
-        vkCmdPushConstants(cmd, layout, scene::kDrawConstantStages, 0, sizeof(c), &c);
-    };
-
-    auto recordFrame = [&](VkCommandBuffer cmd, uint32_t imageIndex, uint32_t frame) {
-        // Main pass contents: the ground grid and rows of instanced blocks.
-        beginSecondary(mainSecondary, mainClear, mainFramebuffer);
-        vkCmdBindPipeline(mainSecondary, VK_PIPELINE_BIND_POINT_GRAPHICS, mainPipeline);
-        scene::setViewport(mainSecondary, extent);
-        meshes.bind(mainSecondary);
-        scene::DrawConstants c;
-        push(mainSecondary, mainLayout, c);
-        vkCmdDrawIndexed(mainSecondary, grid.indexCount, 1, grid.firstIndex, grid.vertexOffset, 0);
-        const float sway = 0.05f * float(frame % 40) / 40.0f;
-        c = {{-0.8f + sway, -0.7f, 0.07f, 0.22f}, {0.9f, 0.5f, 0.3f, 0}, {0.22f, 0.6f, -0.01f, 0}};
-        push(mainSecondary, mainLayout, c);
-        vkCmdDrawIndexed(mainSecondary, quad.indexCount, 24, quad.firstIndex, quad.vertexOffset, 0);
-        VKH_CHECK(vkEndCommandBuffer(mainSecondary));
-
-        // Light pass contents: the numbered run of indexed draws.
-        beginSecondary(lightSecondary, lightClear, lightFramebuffer);
-        scene::setViewport(lightSecondary, extent);
-        meshes.bind(lightSecondary);
-        vkCmdBindDescriptorSets(lightSecondary, VK_PIPELINE_BIND_POINT_GRAPHICS, lightLayout, 0, 1, &gbufferSet.set, 0,
-                                nullptr);
-        VkPipeline bound = VK_NULL_HANDLE;
-        for (const LightDraw& d : lightDraws) {
-            VkPipeline want = d.kind == LightKind::kResolve ? resolvePipeline : additivePipeline;
-            if (want != bound) {
-                vkCmdBindPipeline(lightSecondary, VK_PIPELINE_BIND_POINT_GRAPHICS, want);
-                bound = want;
-            }
-            push(lightSecondary, lightLayout, d.constants);
-            const scene::MeshRange& mesh = d.kind == LightKind::kRing ? ring : quad;
-            vkCmdDrawIndexed(lightSecondary, d.indexCount, d.instanceCount, mesh.firstIndex, mesh.vertexOffset, 0);
+    devices[0]->presenter().presentTimesPath = o.presentTimes;
+    const auto start = std::chrono::steady_clock::now();
+    for (uint32_t frame = 0; frame < o.common.frames; ++frame) {
+        for (auto& device : devices) {
+            StarRailDevice& d = *device;
+            d.presenter().present(
+                frame, o.common.frames,
+                [&d](VkCommandBuffer cmd, uint32_t imageIndex, uint32_t n) { d.recordFrame(cmd, imageIndex, n); },
+                &d == devices[0].get() ? o.common.png : std::string());
         }
-        VKH_CHECK(vkEndCommandBuffer(lightSecondary));
-
-        std::vector<VkClearValue> clears(o.mainAttachments);
-        for (uint32_t i = 0; i < colorCount; ++i) clears[i].color = {{0.05f, 0.05f, 0.08f, 1.0f}};
-        clears[colorCount].depthStencil = {1.0f, 0};
-        VkRenderPassBeginInfo begin = {VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
-        begin.renderPass = mainClear;
-        begin.framebuffer = mainFramebuffer;
-        begin.renderArea = {{0, 0}, extent};
-        begin.clearValueCount = uint32_t(clears.size());
-        begin.pClearValues = clears.data();
-        vkCmdBeginRenderPass(cmd, &begin, VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
-        vkCmdExecuteCommands(cmd, 1, &mainSecondary);
-        vkCmdEndRenderPass(cmd);
-
-        VkClearValue lightClears[2] = {};
-        lightClears[0].color = {{0.0f, 0.0f, 0.0f, 1.0f}};
-        VkRenderPassBeginInfo lightBegin = {VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO};
-        lightBegin.renderPass = lightClear;
-        lightBegin.framebuffer = lightFramebuffer;
-        lightBegin.renderArea = {{0, 0}, extent};
-        lightBegin.clearValueCount = 2;
-        lightBegin.pClearValues = lightClears;
-        vkCmdBeginRenderPass(cmd, &lightBegin, VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
-        vkCmdExecuteCommands(cmd, 1, &lightSecondary);
-        vkCmdEndRenderPass(cmd);
-
-        scene::recordCompositePass(cmd, finalPass, finalFramebuffers[imageIndex], extent, finalPipeline, finalLayout,
-                                   lightSet.set);
-    };
-
-    presenter.presentTimesPath = o.presentTimes;
-    const double seconds = presenter.run(o.common.frames, recordFrame, o.common.png);
+    }
+    for (auto& device : devices) device->presenter().finish();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("zovk-scene-starrail: %u frames in %.2f s\n", o.common.frames, seconds);
 
-    // ---- teardown: everything, so that nothing is reported as leaked
-    VKH_CHECK(vkDeviceWaitIdle(device));
-    vkFreeCommandBuffers(device, ctx.commandPool, 2, secondaries);
-    meshes.destroy(ctx);
-    for (VkPipeline p : {mainPipeline, resolvePipeline, additivePipeline, finalPipeline}) vkDestroyPipeline(device, p, nullptr);
-    for (VkShaderModule m : {meshVert, mainFrag, lightFrag, fullVert, compFrag}) vkDestroyShaderModule(device, m, nullptr);
-    for (VkPipelineLayout l : {mainLayout, lightLayout, finalLayout}) vkDestroyPipelineLayout(device, l, nullptr);
-    gbufferSet.destroy(device);
-    lightSet.destroy(device);
-    vkDestroySampler(device, nearest, nullptr);
-    vkDestroySampler(device, linear, nullptr);
-    for (VkFramebuffer fb : finalFramebuffers) vkDestroyFramebuffer(device, fb, nullptr);
-    vkDestroyFramebuffer(device, lightFramebuffer, nullptr);
-    vkDestroyFramebuffer(device, mainFramebuffer, nullptr);
-    for (VkRenderPass p : {mainClear, mainDontCare, lightClear, lightDontCare, finalPass}) vkDestroyRenderPass(device, p, nullptr);
-    ctx.destroy(light);
-    ctx.destroy(depth);
-    for (vkh::Image& t : mainTargets) ctx.destroy(t);
+    // A game that ends without cleaning up: the layer's own exit path runs with everything alive.
+    if (o.exitAlive) std::exit(0);
+    // The last device made goes first; the first one's instance goes last.
+    while (!devices.empty()) devices.pop_back();
     return 0;
 }

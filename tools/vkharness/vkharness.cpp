@@ -166,7 +166,14 @@ Context::Context(const ContextDesc& desc) {
     instanceInfo.enabledExtensionCount = uint32_t(instanceExtensions.size());
     instanceInfo.ppEnabledExtensionNames = instanceExtensions.data();
     VKH_CHECK(vkCreateInstance(&instanceInfo, nullptr, &instance));
+    createDevice(desc);
+}
 
+Context::Context(const ContextDesc& desc, const Context& shared) : instance(shared.instance), ownsInstance_(false) {
+    createDevice(desc);
+}
+
+void Context::createDevice(const ContextDesc& desc) {
     if (desc.headlessSurface) {
         auto createHeadless = reinterpret_cast<PFN_vkCreateHeadlessSurfaceEXT>(
             vkGetInstanceProcAddr(instance, "vkCreateHeadlessSurfaceEXT"));
@@ -177,6 +184,7 @@ Context::Context(const ContextDesc& desc) {
 
     // The first device with a graphics queue (that can present, with a surface) wins; tests pin
     // the driver with VK_DRIVER_FILES, so there is normally one.
+    uint32_t count = 0;
     VKH_CHECK(vkEnumeratePhysicalDevices(instance, &count, nullptr));
     std::vector<VkPhysicalDevice> devices(count);
     VKH_CHECK(vkEnumeratePhysicalDevices(instance, &count, devices.data()));
@@ -204,7 +212,7 @@ Context::Context(const ContextDesc& desc) {
     std::vector<const char*> deviceExtensions = desc.deviceExtensions;
     if (desc.headlessSurface) addUnique(deviceExtensions, VK_KHR_SWAPCHAIN_EXTENSION_NAME);
     VKH_CHECK(vkEnumerateDeviceExtensionProperties(physicalDevice, nullptr, &count, nullptr));
-    available.resize(count);
+    std::vector<VkExtensionProperties> available(count);
     VKH_CHECK(vkEnumerateDeviceExtensionProperties(physicalDevice, nullptr, &count, available.data()));
     for (const char* name : deviceExtensions) {
         if (!hasExtension(available, name)) fail("device extension %s is not available on %s", name, properties.deviceName);
@@ -238,7 +246,7 @@ Context::~Context() {
         vkDestroyDevice(device, nullptr);
     }
     if (surface) vkDestroySurfaceKHR(instance, surface, nullptr);
-    if (instance) vkDestroyInstance(instance, nullptr);
+    if (instance && ownsInstance_) vkDestroyInstance(instance, nullptr);
 }
 
 bool Context::supportsOptimal(VkFormat format, VkFormatFeatureFlags features) const {

@@ -11,6 +11,7 @@
 //   desc.deviceExtensions = {...};              // optional extra device extensions
 //   desc.deviceCreatePNext = &features2;        // optional VkDeviceCreateInfo::pNext (features chain)
 //   vkh::Context ctx(desc);                     // instance, physical device, device, queue, pool
+//   vkh::Context second(desc, ctx);             // another device (and surface) on ctx's instance
 //   vkh::Swapchain sc = ctx.createSwapchain(1920, 1080);                          // FIFO, UNORM if offered
 //   vkh::Image img = ctx.createImage(VK_FORMAT_R8G8B8A8_UNORM, {w, h}, usage);   // optimal, with a view
 //   vkh::Buffer buf = ctx.createBuffer(size, usage, vkh::kHostMemory);           // host memory stays mapped
@@ -27,8 +28,8 @@
 //
 // The device is the first with a graphics queue (that can present, with a surface): pin the
 // driver with VK_DRIVER_FILES. Objects made through a Context are destroyed with ctx.destroy(...);
-// the Context destructor waits for the device and destroys the pool, device, surface and
-// instance. Every failing call prints "<program>: <call> failed: <VkResult name> (file:line)" and
+// the Context destructor waits for the device and destroys the pool, device, surface and the
+// instance it made (a Context on another's instance must be destroyed first). Every failing call prints "<program>: <call> failed: <VkResult name> (file:line)" and
 // exits 1; a missing instance or device extension is named before that object is created.
 
 #include <cstdint>
@@ -99,6 +100,9 @@ void writePng(const std::string& path, uint32_t width, uint32_t height, const st
 class Context {
 public:
     explicit Context(const ContextDesc& desc);
+    // Another device of the same physical device on `shared`'s instance (desc's instance
+    // extensions must be among those `shared` was made with).
+    Context(const ContextDesc& desc, const Context& shared);
     ~Context();
     Context(const Context&) = delete;
     Context& operator=(const Context&) = delete;
@@ -137,6 +141,10 @@ public:
     // Copies an image in `layout` (left in that layout afterwards) into RGBA8 rows. Takes
     // R8G8B8A8 and B8G8R8A8, UNORM or SRGB (bytes as stored, no conversion).
     std::vector<uint8_t> readImageRGBA(VkImage image, VkFormat format, VkExtent2D extent, VkImageLayout layout);
+
+private:
+    void createDevice(const ContextDesc& desc);
+    bool ownsInstance_ = true;
 };
 
 }  // namespace vkh
