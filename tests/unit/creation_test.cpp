@@ -102,6 +102,7 @@ TEST_F(Creation, AServedInstanceRunsAtLeastAtVersion12WithItsNeededExtensionsAdd
     EXPECT_EQ(fake.seenInstanceExtensions, Names{"VK_KHR_get_physical_device_properties2"});
     ZoVkInstanceInfo* record = InstanceRecord();
     ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->apiVersion, 0x00402000u) << "the record's tables are filled to the raised version";
     ASSERT_TRUE(record->processor);
     EXPECT_EQ(record->processor->GetInstanceInfo(), record);
     EXPECT_TRUE(ExtensionsReady());
