@@ -1,7 +1,6 @@
 // The rate a conformant driver uses at a draw, by Vulkan's state rules, per recording.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <vector>
 
 #include "fsr_state.h"
@@ -21,122 +20,68 @@ Rate MakeRate(uint32_t w, uint32_t h, VkFragmentShadingRateCombinerOpKHR op1) {
 
 const PipelineRate kDynamic{true, {}};
 const PipelineRate kStatic2x2{false, MakeRate(2, 2, kKeep)};
+VkImageView View(uint64_t handle) { return reinterpret_cast<VkImageView>(handle); }
+const PassRecord kPassWithImage{VK_NULL_HANDLE, 2, true, View(0x10)};
 
-// The command buffers of one test: a primary and a secondary, each with its own state.
-struct Buffers {
-    RecordingState primary, secondary;
-};
-
+// A primary P and a secondary S, each with its own state; the draw is in S when drawInSecondary.
+using R = RecordingState;
 struct Case {
     const char* name;
-    std::function<void(Buffers&)> record;  // what comes before the draw
+    void (*record)(R& P, R& S);  // what comes before the draw
     bool drawInSecondary;
     RateFrom from;
     uint32_t width;  // of the rate in force, for kSet and kPipeline
     VkFragmentShadingRateCombinerOpKHR op1;
-    uint64_t view = 0;  // the pass's shading-rate attachment at the draw; 0: in no pass
+    int64_t position = -1;  // for kSet: of the command that set the rate
+    uint64_t view = 0;      // the pass's shading-rate attachment at the draw; 0: in no pass
 };
 
-VkImageView View(uint64_t handle) { return reinterpret_cast<VkImageView>(handle); }
-const PassRecord kPassWithImage{VK_NULL_HANDLE, 2, true, View(0x10)};
-
-const std::vector<Case>& Cases() {
-    static const std::vector<Case> cases = {
-        {"secondary inherits no rate from the primary that executes it",
-         [](Buffers& b) {
-             b.primary.Begin();
-             b.primary.BindPipeline(&kDynamic);
-             b.primary.SetRate(MakeRate(2, 2, kReplace), 1);
-             b.secondary.Begin();
-             b.secondary.BindPipeline(&kDynamic);
-         },
-         true, RateFrom::kNone, 0, kKeep},
-        {"a rate after the recording ended is in force for no draw",
-         [](Buffers& b) {
-             b.secondary.Begin();
-             b.secondary.BindPipeline(&kDynamic);
-             b.secondary.End();
-             EXPECT_FALSE(b.secondary.SetRate(MakeRate(2, 2, kReplace), 3));
-         },
-         true, RateFrom::kNone, 0, kKeep},
-        {"a new recording starts with no rate",
-         [](Buffers& b) {
-             b.primary.Begin();
-             b.primary.SetRate(MakeRate(4, 4, kKeep), 0);
-             b.primary.End();
-             b.primary.Begin();
-             b.primary.BindPipeline(&kDynamic);
-         },
-         false, RateFrom::kNone, 0, kKeep},
-        {"a rate set before a dynamic pipeline is bound holds",
-         [](Buffers& b) {
-             b.primary.Begin();
-             EXPECT_TRUE(b.primary.SetRate(MakeRate(2, 2, kReplace), 0));
-             b.primary.BindPipeline(&kDynamic);
-         },
-         false, RateFrom::kSet, 2, kReplace},
-        {"a rate set in the secondary holds for later passes of the recording",
-         [](Buffers& b) {
-             b.secondary.Begin();
-             b.secondary.BindPipeline(&kDynamic);
-             b.secondary.SetRate(MakeRate(4, 4, kKeep), 1);
-             b.secondary.BindPipeline(&kDynamic);
-         },
-         true, RateFrom::kSet, 4, kKeep},
-        {"a pipeline with its own rate carries it",
-         [](Buffers& b) {
-             b.primary.Begin();
-             b.primary.SetRate(MakeRate(4, 4, kReplace), 0);
-             b.primary.BindPipeline(&kStatic2x2);
-         },
-         false, RateFrom::kPipeline, 2, kKeep},
-        {"static state overwrites the set rate for a later dynamic pipeline",
-         [](Buffers& b) {
-             b.primary.Begin();
-             b.primary.SetRate(MakeRate(4, 4, kReplace), 0);
-             b.primary.BindPipeline(&kStatic2x2);
-             b.primary.BindPipeline(&kDynamic);
-         },
-         false, RateFrom::kNone, 0, kKeep},
-        {"no pipeline the layer saw",
-         [](Buffers& b) {
-             b.primary.Begin();
-             b.primary.SetRate(MakeRate(2, 2, kReplace), 0);
-             b.primary.BindPipeline(nullptr);
-         },
-         false, RateFrom::kNoPipeline, 0, kKeep},
-        {"a pass with an attachment names its image",
-         [](Buffers& b) {
-             b.primary.Begin();
-             b.primary.BindPipeline(&kDynamic);
-             b.primary.SetRate(MakeRate(1, 1, kReplace), 1);
-             b.primary.BeginPass(kPassWithImage);
-         },
-         false, RateFrom::kSet, 1, kReplace, 0x10},
-        {"a secondary continuing the pass names the inherited image, with no rate",
-         [](Buffers& b) {
-             b.secondary.Begin(&kPassWithImage);
-             b.secondary.BindPipeline(&kDynamic);
-         },
-         true, RateFrom::kNone, 0, kKeep, 0x10},
-        {"after the pass ends the draw is in none",
-         [](Buffers& b) {
-             b.primary.Begin();
-             b.primary.BindPipeline(&kStatic2x2);
-             b.primary.BeginPass(kPassWithImage);
-             b.primary.EndPass();
-         },
-         false, RateFrom::kPipeline, 2, kKeep},
-    };
-    return cases;
-}
+const Case kCases[] = {
+    {"secondary inherits no rate from the primary that executes it",
+     [](R& P, R& S) { P.Begin(), P.BindPipeline(&kDynamic), P.SetRate(MakeRate(2, 2, kReplace), 1);
+                      S.Begin(), S.BindPipeline(&kDynamic); }, true, RateFrom::kNone, 0, kKeep},
+    {"a rate after the recording ended is in force for no draw",
+     [](R&, R& S) { S.Begin(), S.BindPipeline(&kDynamic), S.End();
+                    EXPECT_FALSE(S.SetRate(MakeRate(2, 2, kReplace), 3)); }, true, RateFrom::kNone, 0, kKeep},
+    {"a new recording starts with no rate",
+     [](R& P, R&) { P.Begin(), P.SetRate(MakeRate(4, 4, kKeep), 0), P.End(), P.Begin(), P.BindPipeline(&kDynamic); },
+     false, RateFrom::kNone, 0, kKeep},
+    {"a rate set before a dynamic pipeline is bound holds",
+     [](R& P, R&) { P.Begin();
+                    EXPECT_TRUE(P.SetRate(MakeRate(2, 2, kReplace), 0));
+                    P.BindPipeline(&kDynamic); },
+     false, RateFrom::kSet, 2, kReplace, 0},
+    {"the last rate set is in force, named by its command",
+     [](R& P, R&) { P.Begin(), P.BindPipeline(&kDynamic), P.SetRate(MakeRate(2, 2, kReplace), 4),
+                    P.SetRate(MakeRate(1, 1, kKeep), 9); }, false, RateFrom::kSet, 1, kKeep, 9},
+    {"a rate set in the secondary holds for later passes of the recording",
+     [](R&, R& S) { S.Begin(), S.BindPipeline(&kDynamic), S.SetRate(MakeRate(4, 4, kKeep), 1),
+                    S.BindPipeline(&kDynamic); }, true, RateFrom::kSet, 4, kKeep, 1},
+    {"a pipeline with its own rate carries it",
+     [](R& P, R&) { P.Begin(), P.SetRate(MakeRate(4, 4, kReplace), 0), P.BindPipeline(&kStatic2x2); },
+     false, RateFrom::kPipeline, 2, kKeep},
+    {"static state overwrites the set rate for a later dynamic pipeline",
+     [](R& P, R&) { P.Begin(), P.SetRate(MakeRate(4, 4, kReplace), 0), P.BindPipeline(&kStatic2x2),
+                    P.BindPipeline(&kDynamic); }, false, RateFrom::kNone, 0, kKeep},
+    {"no pipeline the layer saw",
+     [](R& P, R&) { P.Begin(), P.SetRate(MakeRate(2, 2, kReplace), 0), P.BindPipeline(nullptr); },
+     false, RateFrom::kNoPipeline, 0, kKeep},
+    {"a pass with an attachment names its image",
+     [](R& P, R&) { P.Begin(), P.BindPipeline(&kDynamic), P.SetRate(MakeRate(1, 1, kReplace), 1),
+                    P.BeginPass(kPassWithImage); }, false, RateFrom::kSet, 1, kReplace, 1, 0x10},
+    {"a secondary continuing the pass names the inherited image, with no rate",
+     [](R&, R& S) { S.Begin(&kPassWithImage), S.BindPipeline(&kDynamic); }, true, RateFrom::kNone, 0, kKeep, -1, 0x10},
+    {"after the pass ends the draw is in none",
+     [](R& P, R&) { P.Begin(), P.BindPipeline(&kStatic2x2), P.BeginPass(kPassWithImage), P.EndPass(); },
+     false, RateFrom::kPipeline, 2, kKeep},
+};
 
 TEST(RecordingState, RateInForceAtADraw) {
-    for (const Case& c : Cases()) {
+    for (const Case& c : kCases) {
         SCOPED_TRACE(c.name);
-        Buffers b;
-        c.record(b);
-        const RecordingState& drawn = c.drawInSecondary ? b.secondary : b.primary;
+        R primary, secondary;
+        c.record(primary, secondary);
+        const R& drawn = c.drawInSecondary ? secondary : primary;
         const DrawRate d = drawn.Draw();
         EXPECT_EQ(drawn.Pass() ? drawn.Pass()->view : VK_NULL_HANDLE, View(c.view));
         EXPECT_STREQ(RateFromName(d.from), RateFromName(c.from));
@@ -144,42 +89,25 @@ TEST(RecordingState, RateInForceAtADraw) {
             EXPECT_EQ(d.rate.size.width, c.width);
             EXPECT_EQ(d.rate.ops[1], c.op1);
         }
+        EXPECT_EQ(c.from == RateFrom::kSet ? d.setPosition : -1, c.position);
     }
-}
-
-TEST(RecordingState, TheSetRateNamesItsCommand) {
-    RecordingState s;
-    s.Begin();
-    s.BindPipeline(&kDynamic);
-    s.SetRate(MakeRate(2, 2, kReplace), 4);
-    s.SetRate(MakeRate(1, 1, kKeep), 9);
-    EXPECT_EQ(s.Draw().setPosition, 9);
-    EXPECT_EQ(s.Draw().rate.ops[1], kKeep);
 }
 
 TEST(PipelineRateOf, DynamicStateOrTheChainsRateOrFullRate) {
     VkDynamicState dynamicStates[] = {VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR};
-    VkPipelineDynamicStateCreateInfo dyn = {VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO};
-    dyn.dynamicStateCount = 2;
-    dyn.pDynamicStates = dynamicStates;
+    const VkPipelineDynamicStateCreateInfo dyn = {VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO, nullptr, 0, 2,
+                                                  dynamicStates};
     VkPipelineFragmentShadingRateStateCreateInfoKHR state = {
-        VK_STRUCTURE_TYPE_PIPELINE_FRAGMENT_SHADING_RATE_STATE_CREATE_INFO_KHR};
-    state.fragmentSize = {2, 1};
-    state.combinerOps[1] = kReplace;
+        VK_STRUCTURE_TYPE_PIPELINE_FRAGMENT_SHADING_RATE_STATE_CREATE_INFO_KHR, nullptr, {2, 1}, {kKeep, kReplace}};
     VkPipelineRenderingCreateInfo other = {VK_STRUCTURE_TYPE_PIPELINE_RENDERING_CREATE_INFO, &state};
-
     VkGraphicsPipelineCreateInfo info = {VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO};
-    PipelineRate plain = PipelineRateOf(info);
-    EXPECT_FALSE(plain.dynamic);
-    EXPECT_EQ(plain.rate.size.width * plain.rate.size.height, 1u);
-    EXPECT_EQ(plain.rate.ops[1], kKeep);
-
+    const PipelineRate plain = PipelineRateOf(info);
+    EXPECT_EQ(std::vector<uint64_t>({plain.dynamic, plain.rate.size.width * plain.rate.size.height, plain.rate.ops[1]}),
+              std::vector<uint64_t>({false, 1, kKeep}));
     info.pNext = &other;  // found further down the chain
-    PipelineRate own = PipelineRateOf(info);
-    EXPECT_FALSE(own.dynamic);
-    EXPECT_EQ(own.rate.size.width, 2u);
-    EXPECT_EQ(own.rate.ops[1], kReplace);
-
+    const PipelineRate own = PipelineRateOf(info);
+    EXPECT_EQ(std::vector<uint64_t>({own.dynamic, own.rate.size.width, own.rate.ops[1]}),
+              std::vector<uint64_t>({false, 2, kReplace}));
     info.pDynamicState = &dyn;
     EXPECT_TRUE(PipelineRateOf(info).dynamic);
 }
