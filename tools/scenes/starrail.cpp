@@ -263,7 +263,8 @@ StarRailDevice::StarRailDevice(const Options& o, const vkh::Context* shared)
     for (uint32_t i = 0; i < colorCount_; ++i) {
         // The light pass samples the first two targets.
         const VkImageUsageFlags sampled = i < 2 ? VK_IMAGE_USAGE_SAMPLED_BIT : 0;
-        mainTargets_.push_back(ctx.createImage(mainFormats_[i], extent_, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | sampled));
+        mainTargets_.push_back(
+            ctx.createImage(mainFormats_[i], extent_, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | sampled));
     }
     depth_ = ctx.createImage(kDepthFormat, extent_, VK_IMAGE_USAGE_DEPTH_STENCIL_ATTACHMENT_BIT);
     light_ = ctx.createImage(kLightFormat, extent_, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT | VK_IMAGE_USAGE_SAMPLED_BIT);
