@@ -244,6 +244,9 @@ VkResult ZoVkContextManager::CreateInstanceHooked(const VkInstanceCreateInfo* pC
     InitInstanceInfo(*pInstance, nextGetInstanceProcAddr, apiVersion, std::move(processor), true);
     InitInstanceExtensionFunctions(*pInstance);
     ZoVkInstanceInfo* record = GetInstanceInfoWithLock(GetDispatchKey(*pInstance));
+    if (record != nullptr) {
+        record->surfaceEnabled = Contains(extensions, VK_KHR_SURFACE_EXTENSION_NAME);
+    }
     if (record != nullptr && record->processor) {
         record->processor->PostCreateInstance(&createInfo, pAllocator, pInstance, result);
     }
@@ -287,6 +290,12 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
     if (!instanceRecord->hooked || !settings->HasHookFlags(kHookModulesConfigured | kHookExtensionsReady)) {
         return unhooked();
     }
+    // The present hooks need VK_KHR_swapchain, which needs VK_KHR_surface on the instance
+    // (VUID-vkCreateDevice-ppEnabledExtensionNames-01387); a device that cannot present is left alone.
+    if (!instanceRecord->surfaceEnabled) {
+        ZOVK_LOGW("the instance has no VK_KHR_surface: device not served");
+        return unhooked();
+    }
 
     const std::vector<VkExtensionProperties> available =
         EnumerateExtensions(instanceRecord->functions.vkEnumerateDeviceExtensionProperties, physicalDevice);
@@ -306,7 +315,8 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
     createInfo.enabledExtensionCount = static_cast<uint32_t>(extensions.size());
     createInfo.ppEnabledExtensionNames = extensions.data();
     VkPhysicalDeviceFragmentShadingRateFeaturesKHR shadingRateFeatures{};
-    ChainShadingRateFeatures(*instanceRecord, physicalDevice, extensions, createInfo, shadingRateFeatures);
+    const bool shadingRate =
+        ChainShadingRateFeatures(*instanceRecord, physicalDevice, extensions, createInfo, shadingRateFeatures);
     ZOVK_LOGD("device served");
     for (const std::string& name : toAdd) {
         ZOVK_LOGD("device extension %s added", name.c_str());
@@ -319,6 +329,9 @@ VkResult ZoVkContextManager::CreateDeviceHooked(VkPhysicalDevice physicalDevice,
     InitDeviceInfo(physicalDevice, *pDevice, nextGetDeviceProcAddr, instanceRecord->apiVersion,
                    instanceRecord->processor, true, setDeviceLoaderData);
     InitDeviceExtensionFunctions(*pDevice);
+    if (ZoVkDeviceInfo* record = GetDeviceInfoWithLock(GetDispatchKey(*pDevice))) {
+        record->shadingRateOff = !shadingRate;
+    }
     if (instanceRecord->processor) {
         instanceRecord->processor->PostCreateDevice(physicalDevice, &createInfo, pAllocator, pDevice, result);
     }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "layer/zovk_chain.h"
 #include "settings/zovk_log.h"
 
 namespace vulkan::zovk {
@@ -17,13 +18,16 @@ bool Names(const std::vector<const char*>& extensions, const char* name) {
     return false;
 }
 
-bool ChainHas(const void* next, VkStructureType type) {
-    for (auto* s = static_cast<const VkBaseInStructure*>(next); s != nullptr; s = s->pNext) {
-        if (s->sType == type) {
-            return true;
-        }
+// What the application enables that Vulkan forbids beside fragment shading rates; null if nothing.
+const char* Conflict(const void* chain) {
+    const auto* densityMap = FindInChain<VkPhysicalDeviceFragmentDensityMapFeaturesEXT>(
+        chain, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_DENSITY_MAP_FEATURES_EXT);
+    if (densityMap != nullptr && densityMap->fragmentDensityMap) {
+        return "fragmentDensityMap";
     }
-    return false;
+    const auto* rateImage = FindInChain<VkPhysicalDeviceShadingRateImageFeaturesNV>(
+        chain, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_SHADING_RATE_IMAGE_FEATURES_NV);
+    return rateImage != nullptr && rateImage->shadingRateImage ? "shadingRateImage" : nullptr;
 }
 
 }  // namespace
@@ -35,9 +39,8 @@ bool ChainShadingRateFeatures(const ZoVkInstanceInfo& instance, VkPhysicalDevice
     if (!Names(extensions, VK_KHR_FRAGMENT_SHADING_RATE_EXTENSION_NAME)) {
         return false;
     }
-    // The application's own choice stands: its structure is const and may already say what it needs.
-    if (ChainHas(createInfo.pNext, kType)) {
-        ZOVK_LOGD("the application chains its own fragment shading rate features");
+    if (const char* conflict = Conflict(createInfo.pNext)) {
+        ZOVK_LOGW("the application enables %s: no fragment shading rate, so no VRS, on this device", conflict);
         return false;
     }
     PFN_vkGetPhysicalDeviceFeatures2 features2 = instance.functions.vkGetPhysicalDeviceFeatures2;
@@ -45,7 +48,7 @@ bool ChainShadingRateFeatures(const ZoVkInstanceInfo& instance, VkPhysicalDevice
         features2 = instance.functions.vkGetPhysicalDeviceFeatures2KHR;
     }
     if (features2 == nullptr) {
-        ZOVK_LOGW("no vkGetPhysicalDeviceFeatures2: fragment shading rate features left off");
+        ZOVK_LOGW("no vkGetPhysicalDeviceFeatures2: fragment shading rate features left off, no VRS on this device");
         return false;
     }
     VkPhysicalDeviceFragmentShadingRateFeaturesKHR supported{};
@@ -55,8 +58,19 @@ bool ChainShadingRateFeatures(const ZoVkInstanceInfo& instance, VkPhysicalDevice
     query.pNext = &supported;
     features2(physicalDevice, &query);
     if (!supported.pipelineFragmentShadingRate && !supported.attachmentFragmentShadingRate) {
-        ZOVK_LOGW("the device supports no pipeline or attachment fragment shading rate");
+        ZOVK_LOGW("the device supports no pipeline or attachment fragment shading rate: no VRS on this device");
         return false;
+    }
+    if (const auto* own = FindInChain<VkPhysicalDeviceFragmentShadingRateFeaturesKHR>(createInfo.pNext, kType)) {
+        if ((supported.pipelineFragmentShadingRate && !own->pipelineFragmentShadingRate) ||
+            (supported.attachmentFragmentShadingRate && !own->attachmentFragmentShadingRate)) {
+            ZOVK_LOGW("the application's own fragment shading rate features leave rates off (pipeline %u, "
+                      "attachment %u): no VRS on this device",
+                      own->pipelineFragmentShadingRate, own->attachmentFragmentShadingRate);
+            return false;
+        }
+        ZOVK_LOGD("the application chains its own fragment shading rate features");
+        return true;
     }
     storage = {};
     storage.sType = kType;

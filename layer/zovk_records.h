@@ -31,6 +31,8 @@ struct ZoVkInstanceInfo {
     bool hooked = false;
     VkInstance instance = VK_NULL_HANDLE;
     uint64_t apiVersion = 0;
+    // VK_KHR_surface is enabled: only then may its devices have VK_KHR_swapchain.
+    bool surfaceEnabled = false;
     VkInstanceFunctionTable functions{};
     ZoVkFunctionMap functionMap;
     std::shared_ptr<app::ZoVkProcessorBase> processor;
@@ -47,6 +49,9 @@ struct ZoVkDeviceInfo {
     // The loader's callback that makes a dispatchable object the layer obtained by itself
     // (a queue, a command buffer) usable by the layers below; null when the loader gave none.
     PFN_vkSetDeviceLoaderData setDeviceLoaderData = nullptr;
+    // Set at creation when the device lacks the fragment shading rate features the modules use
+    // (see ChainShadingRateFeatures): they leave such a device alone.
+    bool shadingRateOff = false;
     VkDeviceFunctionTable functions{};
     ZoVkFunctionMap functionMap;
     std::shared_ptr<app::ZoVkProcessorBase> processor;

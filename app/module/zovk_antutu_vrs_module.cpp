@@ -84,7 +84,7 @@ ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkCreateGraphicsPipelines(
     VkDevice device, VkPipelineCache pipelineCache, uint32_t createInfoCount,
     const VkGraphicsPipelineCreateInfo* pCreateInfos, const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines,
     ZoVkNext<&T::vkCreateGraphicsPipelines> next) {
-    if (createInfoCount == 0 || pCreateInfos == nullptr) {
+    if (createInfoCount == 0 || pCreateInfos == nullptr || next.Record().shadingRateOff) {
         return next(device, pipelineCache, createInfoCount, pCreateInfos, pAllocator, pPipelines);
     }
     // The application's structures are const: the extended lists go into copies that live
@@ -154,7 +154,7 @@ ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer co
                                                               const VkRenderPassBeginInfo* pRenderPassBegin,
                                                               VkSubpassContents contents,
                                                               ZoVkNext<&T::vkCmdBeginRenderPass> next) {
-    if (vrsEnabled_.load(std::memory_order_relaxed) && pRenderPassBegin != nullptr &&
+    if (vrsEnabled_.load(std::memory_order_relaxed) && !next.Record().shadingRateOff && pRenderPassBegin != nullptr &&
         config_.InRange(pRenderPassBegin->renderArea.extent.width, pRenderPassBegin->renderArea.extent.height)) {
         SetRate(next.NextLayer(), commandBuffer, *pRenderPassBegin);
     }

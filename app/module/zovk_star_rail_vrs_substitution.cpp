@@ -98,7 +98,8 @@ void ZoVkStarRailVRSModule::ReadTexelSize(DeviceState& state) {
                           ? instance->functions.vkGetPhysicalDeviceProperties2
                           : instance->functions.vkGetPhysicalDeviceProperties2KHR;
     }
-    if (device == nullptr || device->physicalDevice == VK_NULL_HANDLE || properties2 == nullptr) {
+    if (device == nullptr || device->shadingRateOff || device->physicalDevice == VK_NULL_HANDLE ||
+        properties2 == nullptr) {
         texelSize = MyVkExtent2D();
         return;
     }

@@ -37,7 +37,8 @@ protected:
         return ZoVkContextManager::GetInstance()->GetDeviceInfoWithLock(GetDispatchKey(fake.Device()));
     }
     bool ExtensionsReady() { return ZoVkSettings::GetInstance()->HasHookFlags(kHookExtensionsReady); }
-    VkResult CreateInstance(InstanceCreate&& create = InstanceCreate()) {
+    // With VK_KHR_surface: only then may a served device get VK_KHR_swapchain.
+    VkResult CreateInstance(InstanceCreate&& create = InstanceCreate(VK_API_VERSION_1_0, {"VK_KHR_surface"})) {
         VkInstance instance = VK_NULL_HANDLE;
         return ZoVkCreateInstance(&create.info, nullptr, &instance);
     }
@@ -151,7 +152,7 @@ TEST_P(Lacking, TheDeviceIsNotIntercepted) {
     ServeWithTestProcessor();
     fake.instanceExtensions = GetParam().instanceExtensions;
     fake.nullNames = GetParam().nullNames;
-    InstanceCreate instanceCreate;
+    InstanceCreate instanceCreate(VK_API_VERSION_1_0, {"VK_KHR_surface"});
     VkInstance instance = VK_NULL_HANDLE;
     ASSERT_EQ(ZoVkCreateInstance(&instanceCreate.info, nullptr, &instance), VK_SUCCESS);
     const bool served = fake.instanceExtensions == kBothInstanceExtensions;

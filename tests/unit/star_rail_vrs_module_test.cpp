@@ -14,7 +14,6 @@
 #include "app/module/zovk_star_rail_vrs_module.h"
 #include "app/zovk_app_data.h"
 #include "app/zovk_factory.h"
-#include "layer/zovk_device_features.h"
 #include "layer/zovk_entry.h"
 #include "settings/zovk_app_info_monitor.h"
 #include "settings/zovk_settings.h"
@@ -54,18 +53,13 @@ H Made(const FakeNextLayer& fake, const std::string& name, size_t back = 0) {
 class StarRailVrsModuleTest : public ::testing::Test {
 protected:
     M* Serve(const std::string& params = "1920x1080,2400x1080;5;10,12,3000,1;2") {
-        ZoVkSettings* settings = ZoVkSettings::GetInstance();
-        settings->IdentifyApplication(kPackage);
-        auto* data = new ZoVkStarRailData();
-        settings->SetProcessorData(data);
         Json::Value config;
         config["xrender_BaseInfo"] = "2";
         config["vrs_Params"] = params;
-        if (!data->InitProcessorConfigData(config)) {  // also starts the monitor
+        auto processor = zovk_test::ServedDevice::ServeApplication(kPackage, new ZoVkStarRailData(), config);
+        if (processor == nullptr) {
             return nullptr;
         }
-        settings->SetHookFlags(kHookAll);
-        std::shared_ptr<ZoVkProcessorBase> processor = CreateVkProcessor();
         served_ = std::make_unique<zovk_test::ServedDevice>(fake_, processor);
         return static_cast<M*>(processor->GetVkModule(M::PROCESSOR_MODULE_TYPE));
     }
@@ -493,43 +487,4 @@ TEST_F(StarRailVrsModuleTest, ImagesWithoutMemoryAreDestroyedAndNeverUsed) {
     Present(1);
     EXPECT_TRUE(Uploads().empty());
     EXPECT_EQ(BeginPass(primary_, mainClear_, mainFb_), Pair(mainClear_, mainFb_));
-}
-
-// --- device features --------------------------------------------------------------------
-
-VkBool32 gAttachmentSupported = VK_TRUE;
-void VKAPI_CALL Features2(VkPhysicalDevice, VkPhysicalDeviceFeatures2* f) {
-    auto* rate = static_cast<VkPhysicalDeviceFragmentShadingRateFeaturesKHR*>(f->pNext);
-    rate->pipelineFragmentShadingRate = VK_TRUE;
-    rate->primitiveFragmentShadingRate = VK_TRUE;
-    rate->attachmentFragmentShadingRate = gAttachmentSupported;
-}
-
-TEST(ShadingRateFeatures, ChainedOnlyWhenTheExtensionIsEnabledAndTheApplicationChainedNone) {
-    ZoVkInstanceInfo instance;
-    instance.functions.vkGetPhysicalDeviceFeatures2 = Features2;
-    VkPhysicalDeviceFragmentShadingRateFeaturesKHR storage{};
-    VkDeviceCreateInfo info{};
-    info.sType = VK_STRUCTURE_TYPE_DEVICE_CREATE_INFO;
-    const std::vector<const char*> without{"VK_KHR_swapchain"};
-    EXPECT_FALSE(ChainShadingRateFeatures(instance, VK_NULL_HANDLE, without, info, storage));
-
-    const std::vector<const char*> with{"VK_KHR_swapchain", VK_KHR_FRAGMENT_SHADING_RATE_EXTENSION_NAME};
-    VkPhysicalDeviceVulkan11Features other{};
-    other.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_1_FEATURES;
-    info.pNext = &other;
-    ASSERT_TRUE(ChainShadingRateFeatures(instance, VK_NULL_HANDLE, with, info, storage));
-    EXPECT_EQ(info.pNext, &storage);
-    EXPECT_EQ(storage.pNext, &other);
-    EXPECT_TRUE(storage.pipelineFragmentShadingRate && storage.attachmentFragmentShadingRate);
-    EXPECT_FALSE(storage.primitiveFragmentShadingRate) << "the modules never use primitive rates";
-
-    // The application's own structure stands.
-    VkDeviceCreateInfo own{};
-    own.sType = VK_STRUCTURE_TYPE_DEVICE_CREATE_INFO;
-    VkPhysicalDeviceFragmentShadingRateFeaturesKHR theirs{};
-    theirs.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_SHADING_RATE_FEATURES_KHR;
-    own.pNext = &theirs;
-    EXPECT_FALSE(ChainShadingRateFeatures(instance, VK_NULL_HANDLE, with, own, storage));
-    EXPECT_EQ(own.pNext, &theirs);
 }
