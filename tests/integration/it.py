@@ -132,21 +132,24 @@ class Scenario(Session):
         expect(stacks, f"{label}: the loader wrote no {kind} layer call stack" + self.tail(label + ".err"))
         return stacks
 
-    def expect_chain(self, label, *layers, kinds=BOTH):
+    def expect_chain(self, label, *layers, kinds=BOTH, tail=(), library=None):
         """Every call stack holds the layers in this order from the application down (others may sit
-        between), and ours, wherever it is, comes from the build under test."""
-        ours = os.path.realpath(os.path.join(self.build, "libzovk.so"))
+        between) and ends with the layers of TAIL; LIBRARY's layer (name, path; ours from the build under
+        test by default), wherever it is, comes from that path."""
+        mine, path = library or (LAYER, os.path.join(self.build, "libzovk.so"))
         for kind in kinds:
             for stack in self.chains(label, kind):
                 names = [name for name, _ in stack]
-                expect(all(os.path.realpath(lib) == ours for name, lib in stack if name == LAYER),
-                       f"{label}: {kind} loaded {LAYER} from elsewhere than {ours}: {stack}")
+                expect(all(os.path.realpath(lib) == os.path.realpath(path) for name, lib in stack if name == mine),
+                       f"{label}: {kind} loaded {mine} from elsewhere than {path}: {stack}")
                 at = [names.index(layer) if layer in names else -1 for layer in layers]
-                expect(-1 not in at and at == sorted(at),
-                       f"{label}: {kind} call stack {names} does not hold {list(layers)} in this order")
+                expect(-1 not in at and at == sorted(at) and names[len(names) - len(tail):] == list(tail),
+                       f"{label}: {kind} call stack {names} does not hold {list(layers)} in this order, ending {tail}")
 
-    def expect_validation(self, context, allowed=()):
-        """No validation message but those with an id in `allowed`; removes the log for the next run."""
+    def expect_validation(self, context, allowed=(), loaded=False):
+        """No validation message but those with an id in `allowed`; removes the log for the next run.
+        LOADED: the validation layer must have written its log (it logs even when silent)."""
+        expect(not loaded or os.path.exists(self.validation_log), f"{context}: the validation layer wrote no log")
         ids = validation_messages(self.validation_log)
         unexpected = {vuid: n for vuid, n in ids.items() if vuid not in allowed}
         if unexpected:
