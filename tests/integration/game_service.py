@@ -1,19 +1,10 @@
 #!/usr/bin/env python3
 """The layer and the host game service (zovk-gameservice) as separate processes, as on a device. Real
 programs run as Star Rail through the layer, with its debug log on and the validation layer beneath it
-(which must stay silent in every run):
-- fetch_and_register: the configuration fetch first, the build tag line, hook-enable bits 0 and 1, the
-  callback registration (transaction 35) and the monitor-started notice (transaction 29);
-- unconfigured_package: a recognised process the service has no document for stays a pass-through;
-- push_records: records pushed through the service reach the running program's monitor; a malformed
-  one is logged and leaves the layer serving; one for another package never reaches it;
-- service_killed: SIGKILL of the service while the program runs; the program goes on to exit 0;
-- hung_service: a stopped service makes the fetch fail after the bounded wait; the program runs on as a
-  pass-through;
-- scene_report_once: with module 1 configured, {"sceneId":10005} reaches the service exactly once
-  although the program creates several graphics pipelines.
-The long-running program is vkcube under Xvfb with a frame count it never reaches, ended through its
-window (WM_DELETE_WINDOW, as a window manager closes it) once a case is done, in vkcube's normal exit."""
+(which must stay silent in every run), in the cases that the comments below name: the fetch and
+registration, an unconfigured package, pushed records, the service killed, a hung service, and the scene
+reported once. The long-running program is vkcube under Xvfb with a frame count it never reaches, ended
+through its window (WM_DELETE_WINDOW, as a window manager closes it) in vkcube's normal exit."""
 
 import json
 import os
@@ -140,7 +131,8 @@ def game_service(s):
 
     s.start_xvfb()
 
-    # fetch_and_register
+    # fetch_and_register: the configuration fetch first, the build tag line, hook-enable bits 0 and 1, the
+    # callback registration (transaction 35) and the monitor-started notice (transaction 29).
     log = start("service_fetch")
     cube = Vkcube(s, "fetch")
     registered()  # the registration runs on the layer's own thread: waited for before vkcube ends
@@ -157,7 +149,7 @@ def game_service(s):
     status = s.stop_service()
     expect(status == 0, f"the game service exited with status {status} on SIGTERM")
 
-    # unconfigured_package
+    # unconfigured_package: a recognised process the service has no document for stays a pass-through.
     log = start("service_unconfigured")
     s.run("unconfigured", SUMMARY, s.layers(LAYER, VALIDATION), process=OTHER_APP)
     s.expect_validation("unconfigured")
@@ -168,7 +160,8 @@ def game_service(s):
     none("unconfigured.err", "vxxk enf", "an empty document must enable no hooks;")
     s.stop_service()
 
-    # push_records: RECORD, what `push` exits with (0: a layer took it, 1: none did), and the layer's
+    # push_records: pushed records reach the running program's monitor; a malformed one is logged and
+    # leaves the layer serving; one for another package never reaches it. RECORD, what `push` exits with (0: a layer took it, 1: none did), and the layer's
     # parse line (None: the record must not reach the layer). The push returns after the layer's
     # callback has returned: its lines are already written.
     log = start("service_push")
@@ -205,7 +198,8 @@ def game_service(s):
     cube.resize(320, 240)
     cube.close()
 
-    # hung_service: either the lookup or the fetch runs out of time, depending on where the service froze.
+    # hung_service: a stopped service makes the fetch fail after the bounded wait; the program runs on
+    # as a pass-through. Either the lookup or the fetch runs out of time, depending on where the service froze.
     start("service_hung")
     s.service.send_signal(signal.SIGSTOP)
     wait_until(lambda: open(f"/proc/{s.service.pid}/stat").read().rsplit(")", 1)[1].split()[0] == "T", 5,
@@ -219,7 +213,8 @@ def game_service(s):
     status = s.stop_service()
     expect(status == 0, f"the game service, resumed after the layer gave up, exited with status {status}")
 
-    # scene_report_once: vkcube makes one graphics pipeline per swapchain and a new swapchain when its
+    # scene_report_once: with module 1, {"sceneId":10005} reaches the service exactly once although vkcube
+    # makes several graphics pipelines. vkcube makes one graphics pipeline per swapchain and a new swapchain when its
     # window changes size. The capture layer first counts the pipelines that three resizes give, so that
     # the case cannot pass on a program that made only one.
     capture = s.path("scene.gfxr")
