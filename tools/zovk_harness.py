@@ -79,6 +79,15 @@ class Session:
         if asan:
             self.preload = {"LD_PRELOAD": asan.group(1),
                             "ASAN_OPTIONS": "abort_on_error=1:detect_leaks=0:strict_string_checks=0"}
+        # ThreadSanitizer sees the locks of the uninstrumented driver stack (the loader, lavapipe, its
+        # LLVM, the unwinder's frame registry) but not their atomics: what it reports there is not ours.
+        if "libtsan" in ldd:
+            suppressions = os.path.join(self.runtime, "tsan.supp")
+            with open(suppressions, "w") as f:
+                f.write("called_from_lib:libvulkan_lvp\ncalled_from_lib:libLLVM\ncalled_from_lib:libgcc_s\n"
+                        "deadlock:libvulkan.so\n")
+            self.env["TSAN_OPTIONS"] = ":".join(filter(None, (self.env.get("TSAN_OPTIONS"),
+                                                              f"suppressions={suppressions}")))
         self.service = None
         self.service_log = None
         self.xvfb = None
