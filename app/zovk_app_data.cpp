@@ -1,27 +1,33 @@
 #include "app/zovk_app_data.h"
 
+#include "settings/zovk_never_destroyed.h"
+
 namespace vulkan::zovk::app {
 
 namespace {
+
 // Module ids, as bits of the configured module mask.
 constexpr unsigned int kAntutuVrsModule = 1;
 constexpr unsigned int kStarRailVrsModule = 2;
-}  // namespace
 
-// Each table keeps a placeholder under 0; a table holding only that is skipped.
-const ZoVkModuleFunctionTable ZoVkAntutuData::sInstanceFunctions = {{0, {}}};
-const ZoVkModuleFunctionTable ZoVkAntutuData::sDeviceFunctions = {
+// Each table keeps a placeholder under 0; a table holding only that is skipped. Never
+// destroyed: the configuration data refers to them for the life of the process.
+using Table = ZoVkModuleFunctionTable;
+ZoVkNeverDestroyed<const Table> gAntutuInstanceFunctions(Table{{0, {}}});
+ZoVkNeverDestroyed<const Table> gAntutuDeviceFunctions(Table{
     {kAntutuVrsModule, {"vkCmdSetFragmentShadingRateKHR", "vkQueuePresentKHR"}},
     {0, {}},
-};
-const ZoVkModuleFunctionTable ZoVkStarRailData::sInstanceFunctions = {
+});
+ZoVkNeverDestroyed<const Table> gStarRailInstanceFunctions(Table{
     {kStarRailVrsModule, {"vkGetPhysicalDeviceProperties2KHR"}},
     {0, {}},
-};
-const ZoVkModuleFunctionTable ZoVkStarRailData::sDeviceFunctions = {
+});
+ZoVkNeverDestroyed<const Table> gStarRailDeviceFunctions(Table{
     {kStarRailVrsModule, {"vkCmdSetFragmentShadingRateKHR", "vkQueuePresentKHR", "vkCreateRenderPass2KHR"}},
     {0, {}},
-};
+});
+
+}  // namespace
 
 ZoVkAppDataBase::ZoVkAppDataBase(const ZoVkModuleFunctionTable& instanceTable,
                                  const ZoVkModuleFunctionTable& deviceTable)
@@ -46,8 +52,9 @@ const std::vector<std::string>& ZoVkAppDataBase::GetModuleExtensionFunctions(uns
                              : it->second;
 }
 
-ZoVkAntutuData::ZoVkAntutuData() : ZoVkAppDataBase(sInstanceFunctions, sDeviceFunctions) {}
+ZoVkAntutuData::ZoVkAntutuData() : ZoVkAppDataBase(*gAntutuInstanceFunctions.Get(), *gAntutuDeviceFunctions.Get()) {}
 
-ZoVkStarRailData::ZoVkStarRailData() : ZoVkAppDataBase(sInstanceFunctions, sDeviceFunctions) {}
+ZoVkStarRailData::ZoVkStarRailData()
+    : ZoVkAppDataBase(*gStarRailInstanceFunctions.Get(), *gStarRailDeviceFunctions.Get()) {}
 
 }  // namespace vulkan::zovk::app

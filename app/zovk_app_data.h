@@ -21,15 +21,11 @@ private:
 class ZoVkAntutuData : public ZoVkAppDataBase {
 public:
     ZoVkAntutuData();
-    static const ZoVkModuleFunctionTable sInstanceFunctions;
-    static const ZoVkModuleFunctionTable sDeviceFunctions;
 };
 
 class ZoVkStarRailData : public ZoVkAppDataBase {
 public:
     ZoVkStarRailData();
-    static const ZoVkModuleFunctionTable sInstanceFunctions;
-    static const ZoVkModuleFunctionTable sDeviceFunctions;
 };
 
 }  // namespace vulkan::zovk::app

@@ -14,11 +14,15 @@
 #include "app/zovk_processor_base.h"
 #include "app/zovk_processor_data_base.h"
 #include "settings/zovk_log.h"
+#include "settings/zovk_never_destroyed.h"
 #include "settings/zovk_settings.h"
 
 namespace vulkan::zovk::app {
 
 namespace {
+
+using ModuleCreators = std::unordered_map<unsigned int, ZoVkModuleCreator>;
+using ModuleDataCreators = std::unordered_map<unsigned int, ZoVkModuleDataCreator>;
 
 template <typename Map>
 Map MakeRegistry() {
@@ -27,19 +31,21 @@ Map MakeRegistry() {
     return map;
 }
 
+ZoVkNeverDestroyed<ZoVkProcessorCreator> gProcessorCreator;
+ZoVkNeverDestroyed<ModuleCreators> gModuleCreators(MakeRegistry<ModuleCreators>());
+ZoVkNeverDestroyed<ModuleDataCreators> gModuleDataCreators(MakeRegistry<ModuleDataCreators>());
+
 }  // namespace
 
-ZoVkProcessorCreator gCreateProcessorFunc;
+ZoVkProcessorCreator& gCreateProcessorFunc = *gProcessorCreator.Get();
 void (*gModuleCreateInfoFunc)(unsigned int) = nullptr;
-std::unordered_map<unsigned int, ZoVkModuleCreator> gCreateModuleMap =
-    MakeRegistry<std::unordered_map<unsigned int, ZoVkModuleCreator>>();
-std::unordered_map<unsigned int, ZoVkModuleDataCreator> gCreateModuleDataMap =
-    MakeRegistry<std::unordered_map<unsigned int, ZoVkModuleDataCreator>>();
+ModuleCreators& gCreateModuleMap = *gModuleCreators.Get();
+ModuleDataCreators& gCreateModuleDataMap = *gModuleDataCreators.Get();
 
 bool IsSharedProcessor() {
     // Kept as the place where application types sharing one processor would be listed.
-    static const std::unordered_set<unsigned int> shared;
-    return shared.count(ZoVkSettings::GetInstance()->GetApplicationType()) != 0;
+    static ZoVkNeverDestroyed<const std::unordered_set<unsigned int>> shared;
+    return shared.Get()->count(ZoVkSettings::GetInstance()->GetApplicationType()) != 0;
 }
 
 ZoVkProcessorDataBase* CreateProcessorData() {

@@ -19,11 +19,12 @@ using ZoVkProcessorCreator = std::function<std::shared_ptr<ZoVkProcessorBase>()>
 using ZoVkModuleCreator = std::function<module::ZoVkModuleBase*(ZoVkProcessorBase*)>;
 using ZoVkModuleDataCreator = std::function<module::ZoVkModuleDataBase*(const Json::Value&)>;
 
-// Creators, filled in lazily for the running application and its switched-on modules.
-extern ZoVkProcessorCreator gCreateProcessorFunc;
+// Creators, filled in lazily for the running application and its switched-on modules. Never
+// destroyed: a game thread may still create an instance while the process exits.
+extern ZoVkProcessorCreator& gCreateProcessorFunc;
 extern void (*gModuleCreateInfoFunc)(unsigned int);
-extern std::unordered_map<unsigned int, ZoVkModuleCreator> gCreateModuleMap;
-extern std::unordered_map<unsigned int, ZoVkModuleDataCreator> gCreateModuleDataMap;
+extern std::unordered_map<unsigned int, ZoVkModuleCreator>& gCreateModuleMap;
+extern std::unordered_map<unsigned int, ZoVkModuleDataCreator>& gCreateModuleDataMap;
 
 // Whether the running application type shares a processor with another (none does).
 bool IsSharedProcessor();

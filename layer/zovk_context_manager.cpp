@@ -69,7 +69,7 @@ ZoVkInstanceInfo::~ZoVkInstanceInfo() {
     }
 }
 
-ZoVkContextManager ZoVkContextManager::sInstance;
+ZoVkNeverDestroyed<ZoVkContextManager> ZoVkContextManager::sInstance;
 
 ZoVkContextManager::ZoVkContextManager() {
     deviceMap_.max_load_factor(1.0f);

@@ -9,6 +9,7 @@
 
 #include "app/zovk_processor_data_base.h"
 #include "layer/zovk_records.h"
+#include "settings/zovk_never_destroyed.h"
 #include "settings/zovk_settings.h"
 
 namespace vulkan::zovk {
@@ -17,7 +18,7 @@ namespace vulkan::zovk {
 // destruction and address resolution on top of it.
 class ZoVkContextManager {
 public:
-    static ZoVkContextManager* GetInstance() { return &sInstance; }
+    static ZoVkContextManager* GetInstance() { return sInstance.Get(); }
 
     // Lookups by dispatch key. The plain variants lock only when the settings ask for it;
     // they are what the per-call hook code uses.
@@ -87,14 +88,14 @@ public:
     ZoVkContextManager& operator=(const ZoVkContextManager&) = delete;
 
 private:
+    friend class ZoVkNeverDestroyed<ZoVkContextManager>;
     ZoVkContextManager();
-    ~ZoVkContextManager() = default;
+    ~ZoVkContextManager() = delete;
 
-    // Constructed when the library is loaded: the accessor on every hooked call then
-    // needs no initialisation guard. Its records may end processors at exit, which read
-    // the settings: those are a function-local static made on first use, after this
-    // object, so they are destroyed after it.
-    static ZoVkContextManager sInstance;
+    // Built when the library is loaded, so the accessor on every hooked call needs no
+    // initialisation guard; never destroyed, so exit() ends no processor: one would run
+    // modules on settings already gone and call the next layer from a static destructor.
+    static ZoVkNeverDestroyed<ZoVkContextManager> sInstance;
 
     void EraseInstanceInfo(void* key);
     void EraseDeviceInfo(void* key);
@@ -108,7 +109,8 @@ private:
     std::unordered_map<void*, ZoVkInstanceInfo> instanceMap_;
     std::atomic<bool> lockLookups_{true};
 
-    static inline void* const kNoDevice = &sInstance;
+    static inline char sNoDeviceTag;  // its address only
+    static inline void* const kNoDevice = &sNoDeviceTag;
     // Written under deviceLock_ when a device record is made or erased; read without it.
     // A free entry's key is kNoDevice, which no dispatch key equals (not even a null one).
     struct RecentDevice {

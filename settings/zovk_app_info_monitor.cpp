@@ -1,8 +1,5 @@
 #include "settings/zovk_app_info_monitor.h"
 
-#include <sys/inotify.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -31,22 +28,12 @@ constexpr int kPictureMsaa = 54;
 }  // namespace
 
 ZoVkAppInfoMonitor* ZoVkAppInfoMonitor::GetInstance() {
-    static ZoVkAppInfoMonitor monitor;
-    return &monitor;
+    static vulkan::zovk::ZoVkNeverDestroyed<ZoVkAppInfoMonitor> monitor;
+    return monitor.Get();
 }
 
 ZoVkAppInfoMonitor::ZoVkAppInfoMonitor() {
     ZOVK_LOGI("ZoVk AppInfoMonitor construct");
-}
-
-ZoVkAppInfoMonitor::~ZoVkAppInfoMonitor() {
-    if (watchFd_ >= 0 && notifyFd_ >= 0) {
-        inotify_rm_watch(static_cast<int>(notifyFd_), static_cast<int>(watchFd_));
-    }
-    if (notifyFd_ >= 0) {
-        close(static_cast<int>(notifyFd_));
-    }
-    ZOVK_LOGI("ZoVK AppInfoMonitor destroyed");
 }
 
 void ZoVkAppInfoMonitor::Start() {

@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 
+#include "settings/zovk_never_destroyed.h"
+
 namespace android {
 
 // Keeps the in-game state that the game service pushes (scene id, picture settings, the
@@ -40,18 +42,16 @@ public:
     ZoVkAppInfoMonitor& operator=(const ZoVkAppInfoMonitor&) = delete;
 
 private:
+    // Never destroyed: binder threads may deliver a record while the process exits.
+    friend class vulkan::zovk::ZoVkNeverDestroyed<ZoVkAppInfoMonitor>;
     ZoVkAppInfoMonitor();
-    ~ZoVkAppInfoMonitor();
+    ~ZoVkAppInfoMonitor() = delete;
 
     // Stores when the record is for this process; traces otherwise.
     bool ForThisPackage(const std::string& package, const char* mismatchFormat) const;
 
     pthread_t thread_{};
     bool started_ = false;
-    // Kept for release only: nothing opens them in this design.
-    int64_t notifyFd_ = -1;
-    int64_t watchFd_ = -1;
-    int64_t thirdFd_ = -1;
     std::atomic<bool> vrsEnabled_{false};
     std::atomic<int32_t> vrsLevel_{0};
     std::atomic<int32_t> imageQuality_{0};

@@ -6,13 +6,24 @@
 #include <utils/String8.h>
 
 #include "settings/zovk_app_info_monitor.h"
+#include "settings/zovk_never_destroyed.h"
 
 namespace com::veltra::pavune {
 
 using android::binder::Status;
 
-const android::String16 IGameInfoUpdate::descriptor(u"com.veltra.pavune.IGameInfoUpdate");
-android::sp<IGameInfoUpdate> IGameInfoUpdate::sDefaultImpl;
+namespace {
+
+vulkan::zovk::ZoVkNeverDestroyed<const android::String16> gDescriptor(u"com.veltra.pavune.IGameInfoUpdate");
+
+android::sp<IGameInfoUpdate>& DefaultImpl() {
+    static vulkan::zovk::ZoVkNeverDestroyed<android::sp<IGameInfoUpdate>> impl;
+    return *impl.Get();
+}
+
+}  // namespace
+
+const android::String16& IGameInfoUpdate::descriptor = *gDescriptor.Get();
 
 android::sp<IGameInfoUpdate> IGameInfoUpdate::asInterface(const android::sp<android::IBinder>& binder) {
     if (binder == nullptr) {
@@ -29,12 +40,12 @@ bool IGameInfoUpdate::setDefaultImpl(android::sp<IGameInfoUpdate> impl) {
     if (impl == nullptr) {
         return false;
     }
-    sDefaultImpl = std::move(impl);
+    DefaultImpl() = std::move(impl);
     return true;
 }
 
 const android::sp<IGameInfoUpdate>& IGameInfoUpdate::getDefaultImpl() {
-    return sDefaultImpl;
+    return DefaultImpl();
 }
 
 const android::String16& IGameInfoUpdate::getInterfaceDescriptor() const {

@@ -12,7 +12,8 @@ namespace com::veltra::pavune {
 
 class IGameInfoUpdate : public android::IInterface {
 public:
-    static const android::String16 descriptor;
+    // Never destroyed: binder threads check it on every incoming call, during exit too.
+    static const android::String16& descriptor;
     static constexpr uint32_t TRANSACTION_sendToZoGL = android::IBinder::FIRST_CALL_TRANSACTION;
 
     // The local object when `binder` is one, else a proxy on it; null for null.
@@ -22,9 +23,6 @@ public:
 
     virtual const android::String16& getInterfaceDescriptor() const;
     virtual android::binder::Status sendToZoGL(const android::String16& info) = 0;
-
-private:
-    static android::sp<IGameInfoUpdate> sDefaultImpl;
 };
 
 class BpGameInfoUpdate : public android::BpInterface<IGameInfoUpdate> {

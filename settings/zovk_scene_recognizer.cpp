@@ -1,9 +1,14 @@
 #include "settings/zovk_scene_recognizer.h"
 
+#include <type_traits>
+
 #include "settings/zovk_log.h"
 #include "settings/zovk_pavune.h"
 
 namespace pavune = vulkan::zovk::pavune;
+
+// Nothing to destroy at exit, when pipeline creation may still run on the game's threads.
+static_assert(std::is_trivially_destructible_v<StarRailSceneRecognizer>);
 
 StarRailSceneRecognizer* StarRailSceneRecognizer::getInstance() {
     static StarRailSceneRecognizer recognizer;
@@ -23,9 +28,9 @@ uint32_t StarRailSceneRecognizer::sendSceneIdToPavune(int sceneId) {
 }
 
 void StarRailSceneRecognizer::notifyVkMode() {
-    if (notified_) {
+    // A relaxed load keeps later calls as cheap as a plain read; the exchange picks the one sender.
+    if (notified_.load(std::memory_order_relaxed) || notified_.exchange(true, std::memory_order_relaxed)) {
         return;
     }
-    notified_ = true;
     sendSceneIdToPavune(kVulkanModeSceneId);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 // Reports scene ids that the layer recognises back to the game service. Its one use
@@ -15,9 +16,11 @@ public:
     static StarRailSceneRecognizer* getInstance();
 
     uint32_t sendSceneIdToPavune(int sceneId);
-    // Sends the Vulkan-mode scene id on the first call only, whatever that send returns.
+    // Sends the Vulkan-mode scene id on the first call only, whatever that send returns; of
+    // threads that call at once, one sends.
     void notifyVkMode();
 
 private:
-    bool notified_ = false;
+    // Set by pipeline creation on any thread.
+    std::atomic<bool> notified_{false};
 };

@@ -19,20 +19,21 @@ ZoVkSettings::ZoVkSettings()
       layerName_(kZoVkLayerName),
       logDebug_(property_get_bool("vendor.zovk.log.debug", false) != 0) {}
 
-ZoVkSettings::~ZoVkSettings() {
-    app::ReleaseProcessorData(processorData_);
-}
-
 const std::unordered_map<std::string, ZoVkApplicationType>& ZoVkSettings::PackageTable() {
-    static const std::unordered_map<std::string, ZoVkApplicationType> table = {
+    using Table = std::unordered_map<std::string, ZoVkApplicationType>;
+    static ZoVkNeverDestroyed<const Table> table(Table{
         {"com.antutu.benchmark.full:ue", ZOVK_APPLICATION_ANTUTU},
         {"com.miHoYo.hkrpg", ZOVK_APPLICATION_STAR_RAIL},
         {"com.HoYoverse.hkrpgoversea", ZOVK_APPLICATION_STAR_RAIL},
-    };
-    return table;
+    });
+    return *table.Get();
 }
 
 void ZoVkSettings::InitDataInfo() {
+    std::call_once(dataInfoOnce_, [this] { InitDataInfoOnce(); });
+}
+
+void ZoVkSettings::InitDataInfoOnce() {
     const std::string path = android::base::StringPrintf("/proc/%d/cmdline", pid_);
     std::string content;
     if (!android::base::ReadFileToString(path, &content, false)) {
@@ -72,8 +73,8 @@ app::ZoVkProcessorDataBase* ZoVkSettings::GetProcessorData() {
     if (processorData_ != nullptr) {
         return processorData_;
     }
-    static app::ZoVkProcessorDataBase defaultData;
-    return &defaultData;
+    static ZoVkNeverDestroyed<app::ZoVkProcessorDataBase> defaultData;
+    return defaultData.Get();
 }
 
 std::vector<std::string> ZoVkSettings::Split(const std::string& text, const std::string& delimiters) {

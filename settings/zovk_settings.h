@@ -12,6 +12,7 @@
 
 #include "app/zovk_processor_data_base.h"
 #include "settings/zovk_application_type.h"
+#include "settings/zovk_never_destroyed.h"
 
 namespace vulkan::zovk {
 
@@ -31,14 +32,16 @@ static_assert(sizeof(kZoVkLayerName) == 22, "the layer name has 21 letters");
 // hook-enable flags and the logging switch.
 class ZoVkSettings {
 public:
-    // On the path of every hooked call: kept inline.
+    // On the path of every hooked call: kept inline. Never destroyed: modules, binder
+    // threads and the game's own threads may read the settings while the process exits.
     static ZoVkSettings* GetInstance() {
-        static ZoVkSettings settings;
-        return &settings;
+        static ZoVkNeverDestroyed<ZoVkSettings> settings;
+        return settings.Get();
     }
 
-    // Reads the process name and identifies the application. Meant to run once, from
-    // createInstance.
+    // Reads the process name and identifies the application, on the first call only (from
+    // createInstance): later calls change nothing, since live processors and modules point
+    // into the configuration data.
     void InitDataInfo();
     // Identification from the raw contents of /proc/<pid>/cmdline; true when recognised.
     bool IdentifyApplication(const std::string& cmdline);
@@ -93,9 +96,12 @@ public:
     ZoVkSettings& operator=(const ZoVkSettings&) = delete;
 
 private:
+    friend class ZoVkNeverDestroyed<ZoVkSettings>;
     ZoVkSettings();
-    ~ZoVkSettings();
+    ~ZoVkSettings() = delete;
+    void InitDataInfoOnce();
 
+    std::once_flag dataInfoOnce_;
     // Replaced by the fetch and cleared by a death notice on a binder thread.
     mutable std::mutex remoteLock_;
     android::sp<android::IBinder> remoteService_;
