@@ -64,16 +64,11 @@ struct VrsDevice {
         if (getenv("ZOVK_BINDER_DIR") == nullptr && mkdtemp(binderDir) != nullptr) {
             setenv("ZOVK_BINDER_DIR", binderDir, 1);  // no service there: the monitor gives up at once
         }
-        ZoVkSettings* settings = ZoVkSettings::GetInstance();
-        settings->IdentifyApplication(kPackage);
-        auto* data = new ZoVkStarRailData();
-        settings->SetProcessorData(data);
         Json::Value config;
         config["xrender_BaseInfo"] = "2";
         config["vrs_Params"] = "1920x1080;5;10,12,3000,1;2";
-        data->InitProcessorConfigData(config);
-        settings->SetHookFlags(kHookAll);
-        served = std::make_unique<zovk_test::ServedDevice>(fake, CreateVkProcessor());
+        served = std::make_unique<zovk_test::ServedDevice>(
+            fake, zovk_test::ServedDevice::ServeApplication(kPackage, new ZoVkStarRailData(), config));
 
         const VkRenderPass light = CreatePass({{VK_FORMAT_B10G11R11_UFLOAT_PACK32, VK_ATTACHMENT_LOAD_OP_CLEAR},
                                                {VK_FORMAT_D24_UNORM_S8_UINT, VK_ATTACHMENT_LOAD_OP_LOAD}});

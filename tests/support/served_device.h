@@ -8,15 +8,34 @@
 #include <utility>
 #include <vector>
 
+#include <json/value.h>
+
+#include "app/zovk_factory.h"
 #include "app/zovk_processor_base.h"
+#include "app/zovk_processor_data_base.h"
 #include "layer/zovk_context_manager.h"
 #include "layer/zovk_entry.h"
+#include "settings/zovk_settings.h"
 #include "tests/support/fake_next_layer.h"
 
 namespace zovk_test {
 
 class ServedDevice {
 public:
+    // The process recognised as `package`, its configuration accepted into `data`, and the
+    // processor the factory makes for it; null when the configuration is refused.
+    static std::shared_ptr<vulkan::zovk::app::ZoVkProcessorBase> ServeApplication(
+        const char* package, vulkan::zovk::app::ZoVkProcessorDataBase* data, const Json::Value& config) {
+        vulkan::zovk::ZoVkSettings* settings = vulkan::zovk::ZoVkSettings::GetInstance();
+        settings->IdentifyApplication(package);
+        settings->SetProcessorData(data);
+        if (!data->InitProcessorConfigData(config)) {  // also starts the monitor
+            return nullptr;
+        }
+        settings->SetHookFlags(vulkan::zovk::kHookAll);
+        return vulkan::zovk::app::CreateVkProcessor();
+    }
+
     ServedDevice(FakeNextLayer& fake, const std::shared_ptr<vulkan::zovk::app::ZoVkProcessorBase>& processor)
         : fake_(fake) {
         auto* manager = vulkan::zovk::ZoVkContextManager::GetInstance();

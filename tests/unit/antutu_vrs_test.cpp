@@ -50,15 +50,10 @@ std::string Size(const VkExtent2D& e) { return std::to_string(e.width) + "x" + s
 class AntutuVrsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ZoVkSettings* settings = ZoVkSettings::GetInstance();
-        ASSERT_TRUE(settings->IdentifyApplication(kPackage));
-        auto* data = new ZoVkAntutuData();
-        settings->SetProcessorData(data);
         Json::Value config = SizeRange(kSizeRange);
         config["xrender_BaseInfo"] = "1";
-        ASSERT_TRUE(data->InitProcessorConfigData(config));  // also starts the monitor
-        settings->SetHookFlags(kHookAll);
-        std::shared_ptr<ZoVkProcessorBase> processor = CreateVkProcessor();
+        auto processor = zovk_test::ServedDevice::ServeApplication(kPackage, new ZoVkAntutuData(), config);
+        ASSERT_NE(processor, nullptr);
         ASSERT_NE(processor->GetVkModule(ZoVkAntutuVRSModule::PROCESSOR_MODULE_TYPE), nullptr);
         served_ = std::make_unique<zovk_test::ServedDevice>(fake_, processor);
         processor_ = processor.get();

@@ -53,18 +53,13 @@ H Made(const FakeNextLayer& fake, const std::string& name, size_t back = 0) {
 class StarRailVrsModuleTest : public ::testing::Test {
 protected:
     M* Serve(const std::string& params = "1920x1080,2400x1080;5;10,12,3000,1;2") {
-        ZoVkSettings* settings = ZoVkSettings::GetInstance();
-        settings->IdentifyApplication(kPackage);
-        auto* data = new ZoVkStarRailData();
-        settings->SetProcessorData(data);
         Json::Value config;
         config["xrender_BaseInfo"] = "2";
         config["vrs_Params"] = params;
-        if (!data->InitProcessorConfigData(config)) {  // also starts the monitor
+        auto processor = zovk_test::ServedDevice::ServeApplication(kPackage, new ZoVkStarRailData(), config);
+        if (processor == nullptr) {
             return nullptr;
         }
-        settings->SetHookFlags(kHookAll);
-        std::shared_ptr<ZoVkProcessorBase> processor = CreateVkProcessor();
         served_ = std::make_unique<zovk_test::ServedDevice>(fake_, processor);
         return static_cast<M*>(processor->GetVkModule(M::PROCESSOR_MODULE_TYPE));
     }
