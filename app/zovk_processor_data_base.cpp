@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <regex>
 #include <set>
 
 #include "app/zovk_factory.h"
 #include "app/zovk_module_base.h"
 #include "settings/zovk_app_info_monitor.h"
 #include "settings/zovk_log.h"
+#include "settings/zovk_never_destroyed.h"
 #include "settings/zovk_settings.h"
 
 namespace vulkan::zovk::app {
@@ -31,6 +33,12 @@ void RemoveIdFromFunctions(std::unordered_map<std::string, std::vector<unsigned 
 }
 
 }  // namespace
+
+struct ZoVkProcessorDataBase::CompiledPattern {
+    std::regex regex;
+};
+
+ZoVkProcessorDataBase::ZoVkProcessorDataBase() = default;
 
 ZoVkProcessorDataBase::~ZoVkProcessorDataBase() {
     for (auto& [id, data] : moduleData) {
@@ -109,7 +117,7 @@ bool ZoVkProcessorDataBase::InitProcessorConfigData(const Json::Value& config) {
             if (pieces.size() == 3 && ParseSwitch(pieces[0], &check) && ParseSwitch(pieces[1], &lock)) {
                 checkRenderThread = check;
                 useLock = lock;
-                renderThreadPattern = pieces[2];
+                SetRenderThreadPattern(pieces[2]);
             } else if (!pieces.empty()) {
                 ZOVK_LOGW("xrender_CheckMainInfo \"%s\" is not check;lock;pattern; thread check off",
                           checkMain.c_str());
@@ -134,6 +142,35 @@ bool ZoVkProcessorDataBase::InitProcessorConfigData(const Json::Value& config) {
     ZoVkSettings::GetInstance()->SetHookFlags(kHookModulesConfigured);
     android::ZoVkAppInfoMonitor::GetInstance()->Start();
     return true;
+}
+
+void ZoVkProcessorDataBase::SetRenderThreadPattern(const std::string& pattern) {
+    renderThreadPattern_ = pattern;
+    renderThreadRegex_.reset();
+    if (pattern.size() > kMaxRenderThreadPattern) {
+        ZOVK_LOGW("render thread pattern of %zu characters is longer than %zu; no thread is served", pattern.size(),
+                  kMaxRenderThreadPattern);
+        return;
+    }
+    try {
+        renderThreadRegex_ = std::make_unique<const CompiledPattern>(CompiledPattern{std::regex(pattern)});
+    } catch (const std::exception& e) {
+        ZOVK_LOGW("render thread pattern \"%s\" is not a valid expression (%s); no thread is served", pattern.c_str(),
+                  e.what());
+    }
+}
+
+bool ZoVkProcessorDataBase::IsRenderThread(const char* threadName) const {
+    if (!renderThreadRegex_) {
+        return false;
+    }
+    try {
+        return std::regex_match(threadName, renderThreadRegex_->regex);
+    } catch (const std::exception& e) {
+        ZOVK_LOGW("render thread pattern \"%s\" failed on \"%s\" (%s)", renderThreadPattern_.c_str(), threadName,
+                  e.what());
+        return false;
+    }
 }
 
 void ZoVkProcessorDataBase::InitModuleIdArray(unsigned long mask) {
@@ -161,8 +198,8 @@ bool ZoVkProcessorDataBase::InitProcessorModuleData(unsigned int id, const Json:
 }
 
 const std::vector<std::string>& ZoVkProcessorDataBase::GetModuleExtensionFunctions(unsigned int, bool) {
-    static const std::vector<std::string> none;
-    return none;
+    static ZoVkNeverDestroyed<const std::vector<std::string>> none;
+    return *none.Get();
 }
 
 bool ZoVkProcessorDataBase::HasModuleId(unsigned int id) const {

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <memory>
+#include <string>
 
 #include <json/value.h>
-#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -22,7 +24,7 @@ using ZoVkModuleFunctionTable = std::unordered_map<unsigned int, std::vector<std
 // module needs which extension function.
 class ZoVkProcessorDataBase {
 public:
-    ZoVkProcessorDataBase() = default;
+    ZoVkProcessorDataBase();
     virtual ~ZoVkProcessorDataBase();
 
     virtual void ParsePayloadData(const std::string&) {}
@@ -52,6 +54,14 @@ public:
     bool RemoveInstanceExtensionFunction(const std::string& name);
     bool RemoveDeviceExtensionFunction(const std::string& name);
 
+    // The render-thread check's pattern: compiled here, once, when the configuration sets it,
+    // so that instance creation only matches. An invalid or over-long one matches no thread.
+    static constexpr size_t kMaxRenderThreadPattern = 128;
+    void SetRenderThreadPattern(const std::string& pattern);
+    const std::string& RenderThreadPattern() const { return renderThreadPattern_; }
+    // Whether the thread's whole name matches.
+    bool IsRenderThread(const char* threadName) const;
+
     ZoVkProcessorDataBase(const ZoVkProcessorDataBase&) = delete;
     ZoVkProcessorDataBase& operator=(const ZoVkProcessorDataBase&) = delete;
 
@@ -61,11 +71,14 @@ public:
     std::unordered_map<std::string, std::vector<unsigned int>> deviceExtensionFunctions;
     bool checkRenderThread = false;
     bool useLock = false;
-    std::string renderThreadPattern;
     unsigned long moduleMask = 0;
     bool removeExtensionFunctions = false;
 
 private:
+    struct CompiledPattern;
+    std::string renderThreadPattern_;
+    std::unique_ptr<const CompiledPattern> renderThreadRegex_;
+
     using FunctionModules = std::unordered_map<std::string, std::vector<unsigned int>>;
     static void Collect(const std::vector<unsigned int>& ids, const ZoVkModuleFunctionTable& table,
                         FunctionModules& functions);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -55,17 +54,11 @@ LinkInfo* FindLayerLink(const CreateInfo* pCreateInfo, VkStructureType sType) {
     return FindLayerChainElement<LinkInfo>(pCreateInfo, sType, VK_LAYER_LINK_INFO);
 }
 
-// Whether the calling thread's whole name matches the configured pattern.
-bool OnRenderThread(const std::string& pattern) {
+// Whether the calling thread is the one the configuration names.
+bool OnRenderThread(const app::ZoVkProcessorDataBase& data) {
     char name[17] = {};
     prctl(PR_GET_NAME, name, 0, 0, 0);
-    try {
-        return std::regex_match(name, std::regex(pattern));
-    } catch (const std::regex_error& e) {
-        ZOVK_LOGW("render thread pattern \"%s\" is not a valid expression (%s); instance not served",
-                  pattern.c_str(), e.what());
-        return false;
-    }
+    return data.IsRenderThread(name);
 }
 
 bool Contains(const std::vector<const char*>& names, const std::string& name) {
@@ -187,7 +180,7 @@ VkResult ZoVkContextManager::CreateInstanceHooked(const VkInstanceCreateInfo* pC
     };
 
     ZoVkSettings* settings = ZoVkSettings::GetInstance();
-    if (settings->CheckRenderThread() && !OnRenderThread(settings->GetProcessorData()->renderThreadPattern)) {
+    if (settings->CheckRenderThread() && !OnRenderThread(*settings->GetProcessorData())) {
         return unhooked();
     }
     if (!settings->HasHookFlags(kHookModulesConfigured)) {

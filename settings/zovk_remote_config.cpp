@@ -1,6 +1,8 @@
 // The game service's client, and the configuration fetch: the service answers a recognised
 // process with a JSON document whose "configs" object decides which modules run.
+#include <cstddef>
 #include <functional>
+#include <string>
 
 #include <json/reader.h>
 
@@ -132,6 +134,77 @@ void ZoVkSettings::SetRemoteService(const android::sp<android::IBinder>& service
     remoteService_ = service;
 }
 
+namespace {
+
+// What a configuration document may be before the JSON reader sees it. The reader recurses per
+// level and throws past its own depth limit, an abort where jsoncpp is built without
+// exceptions; the service's documents are a few hundred bytes, two levels deep.
+constexpr size_t kMaxDocumentSize = 64 * 1024;
+constexpr size_t kMaxDepth = 32;
+constexpr size_t kMaxStringLength = 4096;
+constexpr size_t kMaxMembers = 1024;
+
+std::string Bound(const char* what, size_t limit, const char* unit) {
+    return std::string(what) + " " + std::to_string(limit) + " " + unit;
+}
+
+// Which bound `text` exceeds; empty when none. Strings and comments are skipped as the reader
+// skips them, so that every bracket it would nest on is counted.
+std::string ExceededBound(const std::string& text) {
+    if (text.size() > kMaxDocumentSize) {
+        return Bound("larger than", kMaxDocumentSize, "bytes");
+    }
+    size_t depth = 0;
+    size_t members[kMaxDepth + 1] = {};
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char next = i + 1 < text.size() ? text[i + 1] : '\0';
+        switch (text[i]) {
+            case '"': {
+                const size_t start = i + 1;
+                for (i = start; i < text.size() && text[i] != '"'; ++i) {
+                    i += text[i] == '\\' ? 1 : 0;
+                }
+                if (i - start > kMaxStringLength) {
+                    return Bound("a string longer than", kMaxStringLength, "bytes");
+                }
+                break;
+            }
+            case '/':
+                if (next == '/') {
+                    i = text.find_first_of("\r\n", i);
+                } else if (next == '*') {
+                    i = text.find("*/", i + 2);
+                    i += i != std::string::npos ? 1 : 0;
+                }
+                if (i == std::string::npos) {
+                    return "";  // the comment runs to the end, for the reader too
+                }
+                break;
+            case '[':
+            case '{':
+                if (++depth > kMaxDepth) {
+                    return Bound("nested deeper than", kMaxDepth, "levels");
+                }
+                members[depth] = 1;
+                break;
+            case ']':
+            case '}':
+                depth -= depth > 0 ? 1 : 0;
+                break;
+            case ',':
+                if (depth > 0 && ++members[depth] > kMaxMembers) {
+                    return Bound("more than", kMaxMembers, "members in one object or array");
+                }
+                break;
+            default:
+                break;
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
 uint32_t ZoVkSettings::InitZoVKPrefs() {
     std::string json;
     const pavune::Outcome outcome = pavune::Client::FetchConfig(processName_.c_str(), &json);
@@ -147,6 +220,11 @@ uint32_t ZoVkSettings::InitZoVKPrefs() {
 }
 
 int ZoVkSettings::ReadFromPavune(const std::string& json) {
+    const std::string excess = ExceededBound(json);
+    if (!excess.empty()) {
+        ZOVK_LOGW("configuration from the game service ignored: %s", excess.c_str());
+        return 0;
+    }
     Json::Value root;
     Json::Reader reader;
     if (!reader.parse(json, root, true)) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <json/value.h>
 
 #include "app/zovk_processor_data_base.h"
 #include "layer/zovk_context_manager.h"
@@ -196,26 +197,33 @@ TEST_F(Creation, DestroyRunsTheProcessorsHooksAroundTheNextLayer) {
 }
 
 struct ThreadCase {
-    const char* pattern;
+    std::string pattern;
     const char* threadName;
     bool served;
 };
 class RenderThread : public Creation, public ::testing::WithParamInterface<ThreadCase> {};
 
+// The pattern comes with the configuration and is compiled there, once: an invalid or over-long
+// one serves no thread, and creation says nothing more about it.
 TEST_P(RenderThread, OnlyTheNamedThreadIsServed) {
     auto* data = new vulkan::zovk::app::ZoVkProcessorDataBase;
-    data->checkRenderThread = true;
-    data->renderThreadPattern = GetParam().pattern;
+    Json::Value config;
+    config["xrender_BaseInfo"] = "1";
+    config["xrender_CheckMainInfo"] = "1;1;" + GetParam().pattern;
+    data->InitProcessorConfigData(config);  // no module here, but the thread check is set
+    ASSERT_TRUE(data->checkRenderThread);
     ZoVkSettings::GetInstance()->SetProcessorData(data);
     ServeWithTestProcessor();
     InstanceCreate create;
     VkResult result = VK_ERROR_UNKNOWN;
+    testing::internal::CaptureStderr();
     std::thread creator([&] {
         pthread_setname_np(pthread_self(), GetParam().threadName);
         VkInstance instance = VK_NULL_HANDLE;
         result = ZoVkCreateInstance(&create.info, nullptr, &instance);
     });
     creator.join();
+    EXPECT_EQ(testing::internal::GetCapturedStderr().find("pattern"), std::string::npos);
     ASSERT_EQ(result, VK_SUCCESS);
     ASSERT_NE(InstanceRecord(), nullptr);
     EXPECT_EQ(InstanceRecord()->hooked, GetParam().served);
@@ -223,12 +231,15 @@ TEST_P(RenderThread, OnlyTheNamedThreadIsServed) {
     EXPECT_EQ(fake.seenInstanceCreateInfo == &create.info, !GetParam().served);
 }
 
+const std::string kLongest = "RenderThread|" + std::string(115, 'x');  // 128 characters
 INSTANTIATE_TEST_SUITE_P(Names, RenderThread,
                          ::testing::Values(ThreadCase{"RenderThread", "RenderThread", true},
                                            ThreadCase{"RenderThread", "UnityMain", false},
                                            ThreadCase{"RenderThread", "RenderThread2", false},
                                            ThreadCase{"Render.*", "RenderThread2", true},
-                                           ThreadCase{"(Render", "RenderThread", false}),
+                                           ThreadCase{"(Render", "RenderThread", false},
+                                           ThreadCase{kLongest, "RenderThread", true},
+                                           ThreadCase{kLongest + "x", "RenderThread", false}),
                          [](const auto& param) { return "Case" + std::to_string(param.index); });
 
 }  // namespace

@@ -60,7 +60,7 @@ TEST(ProcessorConfig, TheMaskAndTheThreadSwitchesOfEveryShape) {
         ZoVkStarRailData data;
         data.checkRenderThread = true;
         data.useLock = true;
-        data.renderThreadPattern = "old";
+        data.SetRenderThreadPattern("old");
         EXPECT_EQ(data.InitProcessorConfigData(Parse(c.config)), !c.modules.empty()) << c.config;
         EXPECT_EQ(data.moduleIds, c.modules) << c.config;
         for (const unsigned int id : c.modules) {
@@ -68,7 +68,7 @@ TEST(ProcessorConfig, TheMaskAndTheThreadSwitchesOfEveryShape) {
         }
         EXPECT_EQ(data.checkRenderThread, c.check) << c.config;
         EXPECT_EQ(data.useLock, c.lock) << c.config;
-        EXPECT_EQ(data.renderThreadPattern, c.pattern) << c.config;
+        EXPECT_EQ(data.RenderThreadPattern(), c.pattern) << c.config;
         // Module 2 needs functions; nothing else does, and an erased module needs nothing.
         EXPECT_EQ(data.deviceExtensionFunctions.count("vkCreateRenderPass2KHR"), data.HasModuleId(2) ? 1u : 0u);
         EXPECT_EQ(data.instanceExtensionFunctions.empty(), !data.HasModuleId(2)) << c.config;

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <tuple>
 #include <fstream>
@@ -14,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include <android-base/file.h>
 #include <android/log.h>
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
@@ -24,6 +27,7 @@
 
 #include "app/zovk_factory.h"
 #include "app/zovk_processor_data_base.h"
+#include "layer/zovk_entry.h"
 #include "settings/zovk_app_info_monitor.h"
 #include "settings/zovk_game_info_update.h"
 #include "settings/zovk_log_switch.h"
@@ -241,6 +245,80 @@ TEST_F(GameServiceTest, FetchResultCodesAndWhatTheServiceIsAsked) {
     EXPECT_EQ(Settings()->GetRemoteService(), nullptr);
     Monitor()->NotifyMonitorStarted();  // a death leaves nobody to tell
     EXPECT_TRUE(service->Requests(29).empty());
+}
+
+// Bounded before the JSON reader sees the text: it recurses per level and throws past its own
+// limit, an abort where jsoncpp is built without exceptions.
+TEST_F(GameServiceTest, DocumentsBeyondTheBoundsArePassedOverWithAWarning) {
+    const auto config = [](const std::string& value) {
+        return R"({"configs":{"xrender_BaseInfo":"1","x":)" + value + "}}";
+    };
+    const auto nested = [](size_t levels) { return std::string(levels, '[') + std::string(levels, ']'); };
+    std::string members = "[0";
+    for (int i = 1; i < 1024; ++i) {
+        members += ",0";
+    }
+    struct Case {
+        std::string document;
+        const char* refused;  // null: accepted
+    };
+    const Case cases[] = {
+        {config(nested(30)), nullptr},  // 32 levels with the document's own two
+        {config(nested(31)), "nested deeper than 32 levels"},
+        {config(nested(20000)), "nested deeper than 32 levels"},
+        {config('"' + std::string(4096, 'a') + '"'), nullptr},
+        {config('"' + std::string(4097, 'a') + '"'), "a string longer than 4096 bytes"},
+        {config(members + "]"), nullptr},
+        {config(members + ",0]"), "more than 1024 members in one object or array"},
+        {config("0" + std::string(65000, ' ')), nullptr},
+        {config("0" + std::string(66000, ' ')), "larger than 65536 bytes"},
+        // Brackets in strings and comments are text; a quote in a comment opens no string.
+        {config(R"("\")" + std::string(40, '[') + '"'), nullptr},
+        {config("/* \"" + nested(40) + " */ 0"), nullptr},
+        {config("// \"\n" + nested(2000)), "nested deeper than 32 levels"},
+        {config("// \"\r" + nested(2000)), "nested deeper than 32 levels"},
+    };
+    for (const Case& c : cases) {
+        Settings()->ClearHookFlags(vulkan::zovk::kHookAll);
+        Settings()->SetProcessorData(vulkan::zovk::app::CreateProcessorData());
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Settings()->ReadFromPavune(c.document), 0);
+        const std::string log = testing::internal::GetCapturedStderr();
+        const std::string shown = c.document.substr(0, 60) + "... (" + std::to_string(c.document.size()) + ")";
+        EXPECT_EQ(Settings()->HasHookFlags(vulkan::zovk::kHookConfigAccepted), c.refused == nullptr) << shown;
+        if (c.refused != nullptr) {
+            EXPECT_NE(log.find(std::string("configuration from the game service ignored: ") + c.refused),
+                      std::string::npos)
+                << shown << log.substr(0, 300);
+        }
+    }
+}
+
+// The platform may call createInstance again (a second loader, the library opened twice): live
+// processors keep the configuration data they point to, and the service is not asked again.
+TEST_F(GameServiceTest, ALaterCreateInstanceChangesNothing) {
+    // /proc/self/cmdline reads the process's own argument memory: the game's name goes there.
+    const std::string game = kStarRail;
+    if (std::strlen(program_invocation_name) >= game.size()) {
+        std::memcpy(program_invocation_name, game.c_str(), game.size() + 1);
+    }
+    std::string cmdline;
+    android::base::ReadFileToString("/proc/self/cmdline", &cmdline);
+    if (cmdline.c_str() != game) {
+        GTEST_SKIP() << "this process's name cannot be changed (an emulator?)";
+    }
+    sp<FakePavune> service = StartService();
+    service->document = R"({"configs":{"xrender_BaseInfo":"1"}})";
+    EXPECT_EQ(createInstance(), &impl);
+    vulkan::zovk::app::ZoVkProcessorDataBase* data = Settings()->GetProcessorData();
+    const uint32_t flags = Settings()->GetHookFlags();
+    ASSERT_TRUE(Settings()->HasHookFlags(vulkan::zovk::kHookConfigAccepted));
+    service->document = R"({"configs":{"xrender_BaseInfo":"3"}})";
+    EXPECT_EQ(createInstance(), &impl);
+    ASSERT_EQ(Settings()->GetProcessorData(), data);
+    EXPECT_EQ(data->moduleIds, std::vector<unsigned int>{1});
+    EXPECT_EQ(Settings()->GetHookFlags(), flags);
+    EXPECT_EQ(service->Requests(30).size(), 1u);
 }
 
 TEST_F(GameServiceTest, TheSceneReportIsSentOnceWhateverTheFirstSendGave) {
