@@ -187,7 +187,7 @@ TEST_F(EntryPoints, ResolversAnswerTheLayersOwnNamesAndPassEveryOtherThrough) {
 
 TEST_F(EntryPoints, HooksComeBackOnlyWithAllThreeLowBitsSetAndForEveryHandleOfTheDevice) {
     ServeWithTestProcessor();
-    InstanceCreate instanceCreate;
+    InstanceCreate instanceCreate(VK_API_VERSION_1_0, {"VK_KHR_surface"});  // a device that can present
     VkInstance instance = VK_NULL_HANDLE;
     ASSERT_EQ(ZoVkCreateInstance(&instanceCreate.info, nullptr, &instance), VK_SUCCESS);
     DeviceCreate deviceCreate;
