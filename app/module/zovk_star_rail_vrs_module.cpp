@@ -107,28 +107,27 @@ bool ZoVkStarRailVRSModule::Untrack(std::unordered_set<VkCommandBuffer>& set, Vk
     return true;
 }
 
-void ZoVkStarRailVRSModule::SetLightSecondaryRecording(DeviceState& state, bool recording) {
-    if (state.lightSecondaryRecording != recording) {
-        state.lightSecondaryRecording = recording;
-        if (recording) {
-            lightRecordings_.fetch_add(1, std::memory_order_relaxed);
-        } else {
-            lightRecordings_.fetch_sub(1, std::memory_order_relaxed);
-        }
+void ZoVkStarRailVRSModule::StartLightRecording(DeviceState& state, VkCommandBuffer commandBuffer) {
+    const auto [entry, made] = state.lightRecordings.insert_or_assign(commandBuffer, DeviceState::LightRecording{});
+    entry->second.coarse = state.coarseRateActive;
+    if (made) {
+        lightRecordings_.fetch_add(1, std::memory_order_relaxed);
     }
-    if (!recording) {
-        state.lightDrawCounter = 0;
+}
+
+void ZoVkStarRailVRSModule::StopLightRecording(DeviceState& state, VkCommandBuffer commandBuffer) {
+    if (state.lightRecordings.erase(commandBuffer) != 0) {
+        lightRecordings_.fetch_sub(1, std::memory_order_relaxed);
     }
 }
 
 void ZoVkStarRailVRSModule::ForgetCommandBuffer(DeviceState& state, VkCommandBuffer commandBuffer) {
     for (PassState* pass : {&state.mainPass, &state.lightPass}) {
         Untrack(pass->passCommandBuffers, commandBuffer);
-        if (Untrack(pass->secondaryCommandBuffers, commandBuffer) && pass == &state.lightPass) {
-            // The light secondary being recorded will never reach its end.
-            SetLightSecondaryRecording(state, false);
-        }
+        Untrack(pass->secondaryCommandBuffers, commandBuffer);
     }
+    // A light secondary being recorded that will never reach its end.
+    StopLightRecording(state, commandBuffer);
 }
 
 void ZoVkStarRailVRSModule::OnDeviceDestroy(VkDevice device) {
@@ -169,7 +168,8 @@ void ZoVkStarRailVRSModule::ReleaseDeviceObjects(DeviceState& state) {
         DestroyTemplateBuffers(state, buffers);
     }
     state.renderpassBuilder.Release();
-    SetLightSecondaryRecording(state, false);
+    lightRecordings_.fetch_sub(static_cast<uint32_t>(state.lightRecordings.size()), std::memory_order_relaxed);
+    state.lightRecordings.clear();
     ClearFlags(state, ~0u);
 }
 

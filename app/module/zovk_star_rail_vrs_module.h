@@ -110,10 +110,14 @@ public:
         uint64_t frameCounter = 0;
         bool imagesMade = false;     // images and templates exist; their first uploads wait for a present
         bool countedActive = false;  // counted in activeDevices_
-        // Recording: the game records one light secondary at a time.
-        bool lightSecondaryRecording = false;
+        // The light secondaries being recorded, each with its draws counted and whether the
+        // attachment rate is the last one it set; a new one starts from the device's last.
+        struct LightRecording {
+            uint64_t draws = 0;
+            bool coarse = false;
+        };
+        std::unordered_map<VkCommandBuffer, LightRecording> lightRecordings;
         bool coarseRateActive = false;
-        uint64_t lightDrawCounter = 0;
         bool missingRateCommandLogged = false;
         bool zeroTexelSizeLogged = false;
         bool queueLogged = false;
@@ -129,7 +133,8 @@ public:
     void ClearFlags(DeviceState& state, uint32_t bits);
     void Track(std::unordered_set<VkCommandBuffer>& set, VkCommandBuffer commandBuffer);
     bool Untrack(std::unordered_set<VkCommandBuffer>& set, VkCommandBuffer commandBuffer);
-    void SetLightSecondaryRecording(DeviceState& state, bool recording);
+    void StartLightRecording(DeviceState& state, VkCommandBuffer commandBuffer);
+    void StopLightRecording(DeviceState& state, VkCommandBuffer commandBuffer);
     // Forgets a command buffer the game freed, reset or begins again.
     void ForgetCommandBuffer(DeviceState& state, VkCommandBuffer commandBuffer);
     // Resolution index of a size, or a negative number when it is not configured.
@@ -163,7 +168,7 @@ public:
     // Read without the lock by the calls of every draw and pass; changed under it.
     std::atomic<uint32_t> activeDevices_{0};       // devices whose substitution is active
     std::atomic<uint32_t> trackedCommandBuffers_{0};  // in any device's command-buffer sets
-    std::atomic<uint32_t> lightRecordings_{0};     // devices recording a light secondary
+    std::atomic<uint32_t> lightRecordings_{0};     // light secondaries being recorded
 };
 
 }  // namespace vulkan::zovk::app::module

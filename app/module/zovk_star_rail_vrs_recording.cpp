@@ -82,7 +82,7 @@ ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuf
             } else if (FindSubstitutes(state->lightPass, inheritance.renderPass, inheritance.framebuffer, pass,
                                        framebuffer)) {
                 Track(state->lightPass.secondaryCommandBuffers, commandBuffer);
-                SetLightSecondaryRecording(*state, true);
+                StartLightRecording(*state, commandBuffer);
                 found = true;
                 ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN Light secondary cmb: %llu",
                                HandleNumber(commandBuffer));
@@ -225,21 +225,25 @@ ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdDrawIndexed(VkCommandBuffer comm
     if (lightRecordings_.load(std::memory_order_relaxed) != 0) {
         std::lock_guard<std::mutex> lock(mutex_);
         DeviceState* state = State(next.Record().device, false);
-        if (state != nullptr && state->lightSecondaryRecording && Active(*state)) {
-            ++state->lightDrawCounter;
+        const auto recording =
+            state != nullptr ? state->lightRecordings.find(commandBuffer) : decltype(state->lightRecordings)::iterator();
+        if (state != nullptr && recording != state->lightRecordings.end() && Active(*state)) {
+            DeviceState::LightRecording& light = recording->second;
+            const uint64_t draw = ++light.draws;
             // Unsigned comparison on purpose: a negative configured bound reads as a huge one.
-            const uint64_t draw = state->lightDrawCounter;
             const bool fullRateDraw = static_cast<uint64_t>(moduleData->fullRateDrawFirst) <= draw &&
                                       draw <= static_cast<uint64_t>(moduleData->fullRateDrawLast) &&
                                       indexCount == static_cast<uint32_t>(moduleData->fullRateIndexCount) &&
                                       instanceCount == static_cast<uint32_t>(moduleData->fullRateInstanceCount);
-            if (!fullRateDraw && !state->coarseRateActive) {
-                SetRate(*state, next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
-                state->coarseRateActive = true;
-            } else if (fullRateDraw && state->coarseRateActive) {
-                SetRate(*state, next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR);
-                state->coarseRateActive = false;
-                SetFlags(*state, kFullRateDrawSwitched);
+            if (fullRateDraw == light.coarse) {
+                SetRate(*state, next.NextLayer(), commandBuffer,
+                        fullRateDraw ? VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR
+                                     : VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
+                light.coarse = !fullRateDraw;
+                state->coarseRateActive = light.coarse;
+                if (fullRateDraw) {
+                    SetFlags(*state, kFullRateDrawSwitched);
+                }
             }
         }
     }
@@ -252,9 +256,8 @@ ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkEndCommandBuffer(VkCommandBuffe
         // Whether or not the device is still active: a level dropped mid-recording must not
         // leave the light secondary counted as recording.
         std::lock_guard<std::mutex> lock(mutex_);
-        DeviceState* state = State(next.Record().device, false);
-        if (state != nullptr && state->lightPass.secondaryCommandBuffers.count(commandBuffer) != 0) {
-            SetLightSecondaryRecording(*state, false);
+        if (DeviceState* state = State(next.Record().device, false)) {
+            StopLightRecording(*state, commandBuffer);
         }
     }
     return next(commandBuffer);
