@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """A game's whole life through the layer: the Star Rail scene under its process name, the game service
-pushing scene 1058 and VRS level 1 at its first present, the validation layer and the emulation layer
+pushing scene 1058 and VRS level 1 once the layer registers, the validation layer and the emulation layer
 on lavapipe. The scene keeps two devices on one instance presenting in turn, records each frame's
 secondaries on four threads (three main-pass parts and the light pass, each thread with its own pool)
 and every ten frames makes its passes, framebuffers and pipelines again on a fifth thread while the
@@ -11,7 +11,7 @@ Each must exit 0 with no sanitizer report and no validation message but the allo
 validation layer's object tracker reports every object still alive at vkDestroyDevice as an error, so
 anything of the layer's left on either device fails several_devices; its thread-safety checks catch
 calls on one object from two threads at once. On each device, in every frame from the first one it
-substitutes on, the VRS module must substitute both passes and set the rates exactly as with one thread:
+substitutes on (before the first re-creation), the VRS module must substitute both passes and set the rates exactly as with one thread:
 the attachment rate on each main-pass part after its draws, and in the light secondary the configured
 eleventh draw at full rate and the three after it at the attachment rate. The emulation trace is cut
 into each device's frames at the presents on its queue (the devices record one at a time)."""
@@ -23,7 +23,7 @@ from it import LAYER, VALIDATION, ROOT, allowlist, expect, layer_lines, main, re
 import zovk_run_starrail
 
 APP = "com.miHoYo.hkrpg"
-FRAMES, DEVICES, THREADS, RECREATE = 30, 2, 4, 10
+FRAMES, DEVICES, THREADS, RECREATE = 60, 2, 4, 10
 SANITIZER_REPORT = r"(ERROR|WARNING): \w+Sanitizer|runtime error:"
 
 
@@ -61,8 +61,9 @@ def life(exit_alive):
         argv = [s.tool("scenes/zovk-scene-starrail"), "--frames", str(FRAMES), "--devices", str(DEVICES),
                 "--threads", str(THREADS), "--recreate-passes", str(RECREATE)] + ["--exit-alive"] * exit_alive
         program = s.launch("scene", argv, s.layers(LAYER, VALIDATION, emulation="", trace=trace), process=APP)
-        wait_until(lambda: program.poll() is not None or b'"present"' in read_bytes(trace), s.timeout,
-                   "the first present")
+        # As soon as the layer has registered its callback: the scene is still making its devices.
+        wait_until(lambda: program.poll() is not None or b" register " in read_bytes(s.service_log), s.timeout,
+                   "the layer's registration with the game service")
         for record in (f"1 {APP} 1058", f"6 {APP} 1"):
             expect(s.push(record) == 0, f"no layer took the record {record}")
         s.wait("scene", program)
@@ -94,7 +95,7 @@ def life(exit_alive):
                f"presents per queue: { {q: len(f) for q, f in per_device.items()} }")
         for device, device_frames in enumerate(per_device.values(), 1):
             substituted = [n for n, f in enumerate(device_frames) if f["secondaries"]]
-            expect(substituted and substituted[0] < FRAMES // 2,
+            expect(substituted and substituted[0] < RECREATE,
                    f"device {device}: substituted in frames {substituted}")
             expect(sum(f["uploads"] for f in device_frames) >= 2, f"device {device}: no shading-rate image filled")
             for f in device_frames[substituted[0]:]:

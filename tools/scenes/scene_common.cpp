@@ -1,5 +1,6 @@
 #include "scene_common.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -553,13 +554,25 @@ void runOnThreads(uint32_t threads, const std::vector<std::function<void()>>& jo
         for (const auto& job : jobs) job();
         return;
     }
+    // Released together, as a job system's workers are, so that the recordings overlap.
+    std::atomic<uint32_t> waiting{threads + (beside ? 1 : 0)};
+    auto startTogether = [&waiting] {
+        waiting.fetch_sub(1);
+        while (waiting.load() != 0) std::this_thread::yield();
+    };
     std::vector<std::thread> running;
     for (uint32_t t = 0; t < threads; ++t) {
-        running.emplace_back([&jobs, threads, t] {
+        running.emplace_back([&jobs, &startTogether, threads, t] {
+            startTogether();
             for (size_t j = t; j < jobs.size(); j += threads) jobs[j]();
         });
     }
-    if (beside) running.emplace_back(beside);
+    if (beside) {
+        running.emplace_back([&beside, &startTogether] {
+            startTogether();
+            beside();
+        });
+    }
     for (std::thread& thread : running) thread.join();
 }
 
