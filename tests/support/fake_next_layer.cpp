@@ -356,6 +356,7 @@ VkResult VKAPI_CALL FakeNextLayer::SetDeviceLoaderData(VkDevice device, void* ob
 }
 
 int FakeNextLayer::Count(Event::Kind kind, const std::string& name) const {
+    std::lock_guard<std::mutex> lock(gRecordLock);  // threads may still be recording
     int n = 0;
     for (const Event& e : events) {
         n += e.kind == kind && e.name == name ? 1 : 0;
@@ -370,6 +371,7 @@ std::string Hex(uint64_t value) {
 }
 
 std::vector<std::string> FakeNextLayer::Args(const std::string& name) const {
+    std::lock_guard<std::mutex> lock(gRecordLock);  // threads may still be recording
     std::vector<std::string> args;
     for (const Event& e : events) {
         if (e.kind == Event::kCall && e.name == name) args.push_back(e.args);
@@ -378,6 +380,7 @@ std::vector<std::string> FakeNextLayer::Args(const std::string& name) const {
 }
 
 std::vector<std::string> FakeNextLayer::Log(const std::set<std::string>& names) const {
+    std::lock_guard<std::mutex> lock(gRecordLock);  // threads may still be recording
     std::vector<std::string> log;
     for (const Event& e : events) {
         if (e.kind == Event::kCall && (names.empty() || names.count(e.name) != 0)) {
@@ -388,6 +391,7 @@ std::vector<std::string> FakeNextLayer::Log(const std::set<std::string>& names) 
 }
 
 std::vector<std::string> FakeNextLayer::CallLog() const {
+    std::lock_guard<std::mutex> lock(gRecordLock);  // threads may still be recording
     std::vector<std::string> log;
     for (const Event& e : events) {
         if (e.kind != Event::kQuery) {
