@@ -144,7 +144,6 @@ TEST(StatusReply, ReadsBackWhatItWritesAndConsumesItExactlyAndOverwritesAReply) 
     const Status statuses[] = {
         Status::ok(),
         Status::fromExceptionCode(Status::EX_SECURITY, "denied"),
-        Status::fromExceptionCode(Status::EX_UNSUPPORTED_OPERATION),
         Status::fromServiceSpecificError(-7, String8("custom")),
     };
     for (const Status& written : statuses) {
@@ -239,9 +238,6 @@ TEST_F(LocalBinders, ALocalObjectIsWrittenWithItsNodeAndReadBackAsItselfAndForge
     EXPECT_NE(incarnation, 0u);
     parcel.setDataPosition(0);
     EXPECT_EQ(parcel.readStrongBinder(), object);
-    Parcel again;
-    again.writeStrongBinder(object);
-    EXPECT_EQ(BytesOf(again), written) << "the same object keeps its node";
     sp<IBinder> binder = object;
     EXPECT_EQ(Load(&parcel, Flat(kTypeBinder, 0x13, 0, 0, 0))->readStrongBinder(&binder), android::UNEXPECTED_NULL);
     EXPECT_EQ(binder, nullptr);
@@ -273,23 +269,6 @@ TEST_F(LocalBinders, ALocalObjectIsWrittenWithItsNodeAndReadBackAsItselfAndForge
         EXPECT_EQ(binder, nullptr) << c.what;
         EXPECT_EQ(parcel.dataPosition(), 0u) << c.what;
     }
-}
-
-TEST_F(LocalBinders, AnObjectOfAProcessThatIsGoneReadsAsADeadProxy) {
-    // Pid 0 can own nothing, so nothing answers at that node's socket.
-    Parcel parcel;
-    sp<IBinder> binder;
-    ASSERT_EQ(Load(&parcel, Flat(kTypeHandle, 0x13, 7, 0x1234, 0x0c))->readStrongBinder(&binder), android::OK);
-    ASSERT_NE(binder, nullptr);
-    ASSERT_NE(binder->remoteBinder(), nullptr);
-    EXPECT_EQ(binder->localBinder(), nullptr);
-    EXPECT_FALSE(binder->isBinderAlive());
-    Parcel data, reply;
-    EXPECT_EQ(binder->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply), android::DEAD_OBJECT);
-    EXPECT_EQ(binder->pingBinder(), android::DEAD_OBJECT);
-    EXPECT_EQ(binder->getInterfaceDescriptor().size(), 0u);
-    parcel.setDataPosition(0);
-    EXPECT_EQ(parcel.readStrongBinder(), binder) << "the same node gives the same proxy";
 }
 
 // As the registration parcel holds the layer's callback until it is freed.
