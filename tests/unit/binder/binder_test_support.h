@@ -9,11 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -71,11 +69,6 @@ public:
         }
         return names;
     }
-    bool HasNodeOf(pid_t pid) const {
-        const std::string prefix = ".node-" + std::to_string(pid) + "-";
-        const auto names = Entries();
-        return std::any_of(names.begin(), names.end(), [&](const std::string& n) { return n.rfind(prefix, 0) == 0; });
-    }
 
 private:
     std::string root_;
@@ -94,15 +87,12 @@ inline android::sp<android::IBinder> Find(const char* name) {
     return android::defaultServiceManager()->checkService(android::String16(name));
 }
 
-// A service that echoes, tells its pid, and holds and calls back the binders it is sent.
+// A service that echoes and tells its pid.
 class TestService : public android::BBinder {
 public:
     static inline const android::String16 kDescriptor{"zovk.test.IService"};
     enum : uint32_t {
         ECHO = FIRST_CALL_TRANSACTION,  // token, string -> no exception, the string
-        HOLD,                           // binder -> kept (FORGET: dropped)
-        FORGET,
-        CALL_HELD,                      // -> WHO on the kept binder
         WHO,                            // -> our pid
     };
 
@@ -117,7 +107,6 @@ public:
 protected:
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                  uint32_t flags) override {
-        std::lock_guard<std::mutex> guard(lock_);
         switch (code) {
             case ECHO:
                 if (!data.enforceInterface(kDescriptor)) {
@@ -125,24 +114,12 @@ protected:
                 }
                 reply->writeNoException();
                 return reply->writeString16(data.readString16());
-            case HOLD:
-                held_ = data.readStrongBinder();
-                return android::OK;
-            case FORGET:
-                held_.clear();
-                return android::OK;
-            case CALL_HELD:
-                return reply->writeInt32(held_ != nullptr ? Call(held_, WHO) : -2);
             case WHO:
                 return reply->writeInt32(getpid());
             default:
                 return BBinder::onTransact(code, data, reply, flags);
         }
     }
-
-private:
-    std::mutex lock_;
-    android::sp<android::IBinder> held_;
 };
 
 // A TestService in a child process, registered under `name` and serving until killed; the
