@@ -1,10 +1,7 @@
 #!/usr/bin/env python3
-"""The layer and the host game service (zovk-gameservice) as separate processes, as on a device. Real
-programs run as Star Rail through the layer, with its debug log on and the validation layer beneath it
-(which must stay silent in every run), in the cases that the comments below name: the fetch and
-registration, an unconfigured package, pushed records, the service killed, a hung service, and the scene
-reported once. The long-running program is vkcube under Xvfb with a frame count it never reaches, ended
-through its window (WM_DELETE_WINDOW, as a window manager closes it) in vkcube's normal exit."""
+"""The layer and the host game service (zovk-gameservice) as separate processes: programs run as Star Rail
+through the layer (debug log on, the validation layer beneath it silent) in the cases named below. vkcube
+runs with a frame count it never reaches and is ended through its window (WM_DELETE_WINDOW)."""
 
 import json
 import os
@@ -86,10 +83,6 @@ class Vkcube:
     def resize(self, width, height):
         x11_request(self.s.env["DISPLAY"], self.window, ("resize", width, height))
 
-    def resize_three_times(self):
-        for size in ((320, 240), (400, 300), (256, 256)):
-            self.resize(*size)
-
     def close(self):
         expect(self.program.poll() is None, f"{self.label}: vkcube ended (status {self.program.returncode}) "
                "before it was closed" + self.s.tail(self.label + ".err"))
@@ -144,7 +137,6 @@ def game_service(s):
     once(log, rf"^transaction 29 monitor-started {APP}$", "the monitor-started notice")
     once("fetch.err", rf"vxxk v: 2025052101, n: {APP}$", "the build tag line after the fetch")
     once("fetch.err", r"vxxk enf: 3$", "hook-enable bits 0 and 1 after the accepted configuration")
-    once("fetch.err", r"ZoVK BnGameInfoUpdate register success$", "the registration success line")
     none("fetch.err", SERVICE_TROUBLE, "with the service up, the layer")
     status = s.stop_service()
     expect(status == 0, f"the game service exited with status {status} on SIGTERM")
@@ -160,10 +152,8 @@ def game_service(s):
     none("unconfigured.err", "vxxk enf", "an empty document must enable no hooks;")
     s.stop_service()
 
-    # push_records: pushed records reach the running program's monitor; a malformed one is logged and
-    # leaves the layer serving; one for another package never reaches it. RECORD, what `push` exits with (0: a layer took it, 1: none did), and the layer's
-    # parse line (None: the record must not reach the layer). The push returns after the layer's
-    # callback has returned: its lines are already written.
+    # push_records: RECORD, what `push` exits with (0: a layer took it), the layer's parse line (None: it
+    # must not reach the layer). The push returns after the layer's callback did: its lines are written.
     log = start("service_push")
     cube = Vkcube(s, "push_records")
     registered()
@@ -213,26 +203,17 @@ def game_service(s):
     status = s.stop_service()
     expect(status == 0, f"the game service, resumed after the layer gave up, exited with status {status}")
 
-    # scene_report_once: with module 1, {"sceneId":10005} reaches the service exactly once although vkcube
-    # makes several graphics pipelines. vkcube makes one graphics pipeline per swapchain and a new swapchain when its
-    # window changes size. The capture layer first counts the pipelines that three resizes give, so that
-    # the case cannot pass on a program that made only one.
-    capture = s.path("scene.gfxr")
-    cube = Vkcube(s, "scene_count", ("VK_LAYER_LUNARG_gfxreconstruct",), GFXRECON_CAPTURE_FILE=capture,
-                  GFXRECON_CAPTURE_FILE_TIMESTAMP="false", GFXRECON_LOG_LEVEL="warning")
-    cube.resize_three_times()
-    cube.close()
-    info = subprocess.run(["gfxrecon-info", capture], capture_output=True, text=True).stdout
-    pipelines = int((re.search(r"Total graphics pipelines:\s*(\d+)", info) or [0, 0])[1])
-    expect(pipelines >= 2, f"vkcube made {pipelines} graphics pipeline(s) with three resizes; the case needs several")
+    # scene_report_once: {"sceneId":10005} reaches the service once although vkcube makes a graphics
+    # pipeline per swapchain, and a new swapchain at each resize.
     log = start("service_scene")
     cube = Vkcube(s, "scene")
     registered()
-    cube.resize_three_times()
+    for size in ((320, 240), (400, 300), (256, 256)):
+        cube.resize(*size)
     cube.close()
     expect("sendSceneIdToPavune" in s.text("scene.err"),
            "the scene report module never ran: the layer did not intercept vkCreateGraphicsPipelines")
-    once(log, r'^transaction 3 scene-report 1 \{"sceneId":10005\}$', f"the scene report for {pipelines} pipelines")
+    once(log, r'^transaction 3 scene-report 1 \{"sceneId":10005\}$', "the scene report")
     once(log, r"^transaction 3 ", "scene reports of any kind")
     s.stop_service()
 
