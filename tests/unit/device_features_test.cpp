@@ -67,7 +67,6 @@ TEST(ShadingRateFeatures, OnlyWhereVulkanAllowsThemBesideWhatTheApplicationEnabl
         const char* warning;  // null: nothing logged
     } cases[] = {
         {"no extension", false, &other, VK_TRUE, VK_TRUE, false, false, nullptr},
-        {"the layer's own", true, &other, VK_TRUE, VK_TRUE, true, true, nullptr},
         {"no attachment rate on the device", true, &other, VK_TRUE, VK_FALSE, true, true, nullptr},
         {"no rate on the device", true, &other, VK_FALSE, VK_FALSE, false, false, "supports no"},
         {"a fragment density map", true, &densityMap, VK_TRUE, VK_TRUE, false, false, "fragmentDensityMap"},
