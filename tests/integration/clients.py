@@ -2,8 +2,7 @@
 """Programs nobody here wrote, through the layer on the Khronos loader and lavapipe with the validation
 layer beneath it: each must succeed, the validation layer must stay silent, and the loader must have
 stacked application -> ... -> zovkshadingrateengine -> validation -> driver for every instance and
-device. Where a program with the same settings but without our layer is not clean on this machine, that
-is reported as such rather than blamed on the layer."""
+device."""
 
 import re
 
@@ -22,8 +21,6 @@ def vulkaninfo_through_layer(s):
 def vkcube_through_layer(s):
     """vkcube, 100 frames on an X11 swapchain under Xvfb."""
     s.start_xvfb()
-    s.run("alone", VKCUBE, s.layers(VALIDATION))
-    s.expect_validation("the environment: vkcube WITHOUT the layer")
     s.run("vkcube", VKCUBE, s.layers(LAYER, VALIDATION, loader_debug=True))
     s.expect_chain("vkcube", LAYER, VALIDATION)
     s.expect_validation("vkcube through the layer")
@@ -49,10 +46,6 @@ def stacked_layers(s):
     overlays = dict(ENABLE_VKBASALT="1", VKBASALT_CONFIG_FILE=s.path("vkBasalt.conf"), VKBASALT_LOG_LEVEL="debug",
                     MANGOHUD="1", MANGOHUD_CONFIG="fps,frametime,frame_timing")
     s.start_xvfb()
-    s.run("overlays", VKCUBE, {**s.layers(VALIDATION, loader_debug=True), **overlays})
-    for layer in (basalt, hud):
-        s.expect_chain("overlays", layer, VALIDATION, kinds=["vkCreateDevice"])
-    s.expect_validation("the environment: vkcube with vkBasalt and MangoHud, WITHOUT the layer")
     s.run("stacked", VKCUBE, {**s.layers(LAYER, VALIDATION, loader_debug=True), **overlays})
     for layer in (basalt, hud):
         s.expect_chain("stacked", layer, LAYER, VALIDATION)

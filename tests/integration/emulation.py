@@ -1,14 +1,9 @@
 #!/usr/bin/env python3
 """The tools beneath the layer, under the validation layer on lavapipe:
-- emulation_probe: fsr_probe through the validation layer stacked on the shading-rate emulation layer,
-  once per preset and once with none (the default). Each run must stack validation -> emulation ->
-  driver, leave the validation layer silent, render exactly the pixels of `fsr_probe --plain` without
-  the emulation layer, report the preset's features, properties and rates, and leave exactly the
-  expected trace: the render pass, its framebuffer, the rates and draws at their positions in the
-  primary and the secondary, the uploaded bytes equal to what the probe wrote. An unknown preset must
-  fail instance creation, and env.sh must refuse it.
-- scenes_starrail, scenes_antutu: each scene for 3 frames at 1920x1080, silent validation, a last frame
-  with rendered geometry (thousands of colours, not a flat one)."""
+- emulation_probe: fsr_probe on the emulation layer, per preset and with none: stacked validation ->
+  emulation -> driver, silent validation, the pixels of `fsr_probe --plain`, the preset's features,
+  properties and rates, the expected trace; an unknown preset fails instance creation and env.sh.
+- scenes_starrail, scenes_antutu: 3 frames at 1920x1080, silent validation, a last frame of thousands of colours."""
 
 import filecmp
 import os
@@ -96,22 +91,12 @@ def emulation_probe(s):
         uploaded = out.get("uploadBytes", "")
         expect(len(uploaded) == 2 * width * height, f"{label}: the probe uploaded {len(uploaded) // 2} bytes")
 
-        # The trace, line by line; handles the probe cannot see (the validation layer wraps them) must
-        # agree with each other.
         lines = read_trace(trace)
         want = expected_trace(name, texel, fragment, width, height, cbs, uploaded)
         expect(len(lines) == len(want), f"{label}: {len(lines)} trace lines, expected {len(want)}")
         for n, (got, wanted) in enumerate(zip(lines, want), 1):
             wrong = {k: got.get(k) for k, v in wanted.items() if got.get(k) != v}
             expect(not wrong, f"{label}: trace line {n} ({wanted['event']}) has {str(wrong)[:300]}")
-        device, rp, fb, begin, up1, up2, summary = (lines[i] for i in (0, 1, 2, 8, 14, 15, 16))
-        expect(fb["renderPass"] == rp["renderPass"] and fb["view"] is not None and (
-            begin["renderPass"], begin["framebuffer"], begin["view"]) == (rp["renderPass"], fb["framebuffer"],
-                                                                         fb["view"]),
-               f"{label}: the framebuffer or the begin names other objects")
-        expect(up1["image"] == up2["image"] and up1["buffer"] != up2["buffer"] and
-               summary["device"] == device["device"],
-               f"{label}: the uploads or the summary name other objects")
 
     # An unknown preset stops instance creation, and env.sh refuses it before that.
     status = s.run("bad", [probe, s.path("bad.png")], {**s.layers(emulation=""), "ZOVK_FSR_PRESET": "32x32-8x8"},

@@ -1,11 +1,6 @@
-"""What the integration scenarios share, on top of zovk-run's harness (tools/zovk_harness.py): a clean
-session per scenario pinned to lavapipe, runs bounded in time with their exit status checked, the
-loader's layer call stacks, the validation messages against the allowlist, and a vkcube capture
-replayed headless.
-
-A scenario file passes main() its scenarios by name; ctest runs `FILE.py BUILD_DIR NAME`. Each run
-LABEL leaves LABEL.out and LABEL.err in the scenario's folder; ZOVK_IT_KEEP_TMP=1 keeps the folder.
-"""
+"""What the integration scenarios share, on zovk-run's harness (tools/zovk_harness.py). A scenario file
+passes main() its scenarios by name; ctest runs `FILE.py BUILD_DIR NAME`. Each run LABEL leaves LABEL.out
+and LABEL.err in the scenario's folder; ZOVK_IT_KEEP_TMP=1 keeps the folder."""
 
 import filecmp
 import glob
@@ -157,10 +152,6 @@ class Scenario(Session):
         if os.path.exists(self.validation_log):
             os.remove(self.validation_log)
 
-    # ---- a vkcube capture, replayed headless ---------------------------------------------------------
-    # gfxreconstruct 0.9.18: capture settings from GFXRECON_* variables; the replayer takes --wsi
-    # headless, --screenshots N1,N2,... (1-based) and --screenshot-dir, and writes screenshot_frame_N.bmp.
-
     def capture_vkcube(self, frames):
         """Captures vkcube (the capture layer alone, under Xvfb) and replays it plainly."""
         self.start_xvfb()
@@ -199,10 +190,9 @@ class Scenario(Session):
                    f"screenshot {shot} differs between the plain replay and the replay through {what}")
 
     def close(self):
-        for program in self.programs:
-            if program.poll() is None:
-                program.kill()
-                program.wait()
+        for program in (p for p in self.programs if p.poll() is None):
+            program.kill()
+            program.wait()
         super().close()
 
 
