@@ -9,9 +9,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -69,6 +71,11 @@ public:
         }
         return names;
     }
+    bool HasNodeOf(pid_t pid) const {
+        const std::string prefix = ".node-" + std::to_string(pid) + "-";
+        const auto names = Entries();
+        return std::any_of(names.begin(), names.end(), [&](const std::string& n) { return n.rfind(prefix, 0) == 0; });
+    }
 
 private:
     std::string root_;
@@ -87,13 +94,15 @@ inline android::sp<android::IBinder> Find(const char* name) {
     return android::defaultServiceManager()->checkService(android::String16(name));
 }
 
-// A service that echoes and tells its pid.
+// A service that echoes, tells its pid, and holds and calls back the binder it is sent.
 class TestService : public android::BBinder {
 public:
     static inline const android::String16 kDescriptor{"zovk.test.IService"};
     enum : uint32_t {
         ECHO = FIRST_CALL_TRANSACTION,  // token, string -> no exception, the string
         WHO,                            // -> our pid
+        HOLD,                           // binder -> kept (none: the kept one dropped)
+        CALL_HELD,                      // -> WHO on the kept binder
     };
 
     const android::String16& getInterfaceDescriptor() const override { return kDescriptor; }
@@ -107,6 +116,7 @@ public:
 protected:
     android::status_t onTransact(uint32_t code, const android::Parcel& data, android::Parcel* reply,
                                  uint32_t flags) override {
+        std::lock_guard<std::mutex> guard(lock_);
         switch (code) {
             case ECHO:
                 if (!data.enforceInterface(kDescriptor)) {
@@ -116,10 +126,19 @@ protected:
                 return reply->writeString16(data.readString16());
             case WHO:
                 return reply->writeInt32(getpid());
+            case HOLD:
+                held_ = data.readStrongBinder();
+                return android::OK;
+            case CALL_HELD:
+                return reply->writeInt32(held_ != nullptr ? Call(held_, WHO) : -2);
             default:
                 return BBinder::onTransact(code, data, reply, flags);
         }
     }
+
+private:
+    std::mutex lock_;
+    android::sp<android::IBinder> held_;
 };
 
 // A TestService in a child process, registered under `name` and serving until killed; the

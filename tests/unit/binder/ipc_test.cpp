@@ -115,12 +115,29 @@ TEST_F(Ipc, CallsReachTheServiceFoundByNameAndTheCalleesStatusComesBack) {
     EXPECT_EQ(service->transact(IBinder::FIRST_CALL_TRANSACTION + 100, empty, &reply), android::UNKNOWN_TRANSACTION);
     EXPECT_EQ(service->transact(TestService::ECHO, empty, nullptr), android::BAD_TYPE) << "no reply wanted";
     EXPECT_EQ(Echo(service, "x", "zovk.test.IOther"), android::BAD_TYPE);
+    // As the game service keeps the layer's callback after the layer dropped its own reference.
+    sp<TestService> callback = new TestService();
+    const android::wp<TestService> weak = callback;
+    Parcel held;
+    held.writeStrongBinder(callback);
+    ASSERT_EQ(service->transact(TestService::HOLD, held, &reply), android::OK);
+    held.freeData();
+    callback.clear();
+    ASSERT_NE(weak.promote(), nullptr);
+    EXPECT_EQ(TestService::Call(service, TestService::CALL_HELD), getpid()) << "called back in this process";
+    EXPECT_TRUE(dir_.HasNodeOf(getpid()));
+    TestService::Call(service, TestService::HOLD);  // nothing held now
+    EXPECT_TRUE(Eventually([&] { return weak.promote() == nullptr; }));
+    EXPECT_TRUE(Eventually([&] { return !dir_.HasNodeOf(getpid()); }));
     EXPECT_EQ(Find("absent"), nullptr);
     for (const char* bad : {"../escape", ".node-1-1", ""}) {
         EXPECT_EQ(Register(bad), android::BAD_VALUE) << bad;
     }
     EXPECT_EQ(android::defaultServiceManager()->addService(String16("null"), nullptr), android::INVALID_OPERATION);
     EXPECT_EQ(Find("../escape"), nullptr);
+    const sp<IBinder> local = new TestService();
+    ASSERT_EQ(android::defaultServiceManager()->addService(String16("mine"), local), android::OK);
+    EXPECT_EQ(Find("mine"), local);
 }
 
 class Recipient : public IBinder::DeathRecipient {
@@ -224,7 +241,7 @@ TEST_F(Ipc, DirectoriesThatOthersCouldReachAreRefused) {
     }
 }
 
-TEST_F(Ipc, SocketsLeaveWithTheirProcess) {
+TEST_F(Ipc, SocketsLeaveWithTheirProcessOrAreSweptByTheNext) {
     const pid_t exiting = fork();
     if (exiting == 0) {
         Parcel parcel;
@@ -235,6 +252,14 @@ TEST_F(Ipc, SocketsLeaveWithTheirProcess) {
     waitpid(exiting, &status, 0);
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_TRUE(dir_.Entries().empty());
+
+    const sp<IBinder> stale = StartChild();
+    const pid_t killed = child_->pid();
+    child_->KillAndReap();
+    ASSERT_TRUE(dir_.HasNodeOf(killed));
+    ASSERT_EQ(Register("echo"), android::OK) << "the stale name is taken over";
+    EXPECT_FALSE(dir_.HasNodeOf(killed));
+    EXPECT_NE(Find("echo"), nullptr);
 }
 
 // --- peers that do not follow the transport ---------------------------------------------------

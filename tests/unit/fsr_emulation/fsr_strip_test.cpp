@@ -2,6 +2,7 @@
 // probe renders through them on lavapipe with the rate attachment first; lavapipe ignores layouts,
 // barriers and usage, so those, and the shapes the probe does not build, are checked here.
 #include <gtest/gtest.h>
+#include <vulkan/vk_layer.h>
 
 #include <vector>
 
@@ -82,6 +83,8 @@ TEST(RenderPass2, RateAttachmentsGoEveryReferenceFollowsNothingOfTheExtensionSta
          {1, 16, 16, 0, 1}},
         {"another one in subpass 1", [](RatePass& p) { p.subpasses[1].pNext = &p.rate2; }, {1, 3},
          {2, 0, kUnused, 1, kUnused, 1, kUnused}, {1, 16, 16, 0, 3, 8, 8, 1}},
+        {"a rate info without an attachment", [](RatePass& p) { p.rateRef.attachment = kUnused; }, {},
+         {4, 0, 3, 2, 3, 2, kUnused, 3, 1}, {}},
     };
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.name);
@@ -131,6 +134,30 @@ const struct {
     Values (*run)(Arena&);
     Values want;
 } kRewrites[] = {
+    {"device creation: the name and the features go; the chain is copied whole up to a node of unknown size",
+     [](Arena& a) {
+         VkBaseInStructure unknown = {VkStructureType(0x7ffffff0), nullptr};
+         VkPhysicalDeviceVulkan13Features f13 = {VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_3_FEATURES, &unknown};
+         f13.maintenance4 = VK_TRUE;  // its last member
+         VkPhysicalDeviceFragmentShadingRateFeaturesKHR rate = {
+             VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_SHADING_RATE_FEATURES_KHR, &f13};
+         VkPhysicalDeviceFeatures2 f2 = {VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FEATURES_2, &rate};
+         VkLayerDeviceLink next = {};
+         VkLayerDeviceCreateInfo link = {VK_STRUCTURE_TYPE_LOADER_DEVICE_CREATE_INFO, &f2, VK_LAYER_LINK_INFO, {&next}};
+         const char* names[3] = {"VK_KHR_swapchain", VK_KHR_FRAGMENT_SHADING_RATE_EXTENSION_NAME, "VK_EXT_other"};
+         const VkDeviceCreateInfo info = {VK_STRUCTURE_TYPE_DEVICE_CREATE_INFO, &link, 0, 0, nullptr, 0, nullptr, 3,
+                                          names};
+         const VkDeviceCreateInfo* o = StripDeviceCreateInfo(a, &info);
+         auto* copy = static_cast<const VkPhysicalDeviceVulkan13Features*>(
+             FindInChain(o->pNext, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_3_FEATURES));
+         const char* const* kept = o->ppEnabledExtensionNames;
+         return Cat(ChainTypes(o->pNext),
+                    V(static_cast<const VkLayerDeviceCreateInfo*>(o->pNext)->u.pLayerInfo == &next, copy != &f13,
+                      copy->maintenance4, copy->pNext == &unknown, o->enabledExtensionCount, kept[0] == names[0],
+                      kept[1] == names[2]));
+     },
+     V(VK_STRUCTURE_TYPE_LOADER_DEVICE_CREATE_INFO, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FEATURES_2,
+       VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_3_FEATURES, 0x7ffffff0, true, true, VK_TRUE, true, 2, true, true)},
     {"render pass 1, barriers and submissions: layouts, stages and access",
      [](Arena& a) {
          const VkAttachmentDescription att = {0, VK_FORMAT_R8_UINT, VK_SAMPLE_COUNT_1_BIT, {}, {}, {}, {}, kRateLayout,
