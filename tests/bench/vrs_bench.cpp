@@ -74,35 +74,22 @@ struct VrsDevice {
                                                {VK_FORMAT_D24_UNORM_S8_UINT, VK_ATTACHMENT_LOAD_OP_LOAD}});
         const VkFramebuffer framebuffer =
             CreateFramebuffer(CreatePass({{VK_FORMAT_B10G11R11_UFLOAT_PACK32, VK_ATTACHMENT_LOAD_OP_DONT_CARE},
-                                          {VK_FORMAT_D24_UNORM_S8_UINT, VK_ATTACHMENT_LOAD_OP_DONT_CARE}}));
+                                          {VK_FORMAT_D24_UNORM_S8_UINT, VK_ATTACHMENT_LOAD_OP_DONT_CARE}}), 2);
         const auto main = [&](VkAttachmentLoadOp op) {
             return CreatePass({{VK_FORMAT_R8G8B8A8_SRGB, op}, {VK_FORMAT_R8G8B8A8_UNORM, op},
                                {VK_FORMAT_R8G8B8A8_UNORM, op}, {VK_FORMAT_R8G8B8A8_UNORM, op},
                                {VK_FORMAT_D24_UNORM_S8_UINT, op}});
         };
         const VkRenderPass mainPass = main(VK_ATTACHMENT_LOAD_OP_CLEAR);
-        const VkFramebuffer mainFramebuffer = CreateFramebuffer(main(VK_ATTACHMENT_LOAD_OP_DONT_CARE));
+        const VkFramebuffer mainFramebuffer = CreateFramebuffer(main(VK_ATTACHMENT_LOAD_OP_DONT_CARE), 5);
         SetLevel(1);
         present = served->Call<PFN_vkQueuePresentKHR>("vkQueuePresentKHR");
         draw = served->Call<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed");
         present(fake.Queue(), &presentInfo);  // uploads the images, opens the level and scene gates
         // A main pass at the configured resolution: level changes upload its patterns.
-        VkRenderPassBeginInfo pass{};
-        pass.sType = VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO;
-        pass.renderPass = mainPass;
-        pass.framebuffer = mainFramebuffer;
-        pass.renderArea.extent = {1920, 1080};
-        served->Call<PFN_vkCmdBeginRenderPass>("vkCmdBeginRenderPass")(Primary(), &pass,
-                                                                        VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
+        served->BeginPass(Primary(), mainPass, mainFramebuffer, {1920, 1080});
         served->Call<PFN_vkCmdEndRenderPass>("vkCmdEndRenderPass")(Primary());
-        VkCommandBufferInheritanceInfo inheritance{};
-        inheritance.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_INHERITANCE_INFO;
-        inheritance.renderPass = light;
-        inheritance.framebuffer = framebuffer;
-        VkCommandBufferBeginInfo begin{};
-        begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
-        begin.pInheritanceInfo = &inheritance;
-        served->Call<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer")(Secondary(), &begin);
+        served->BeginSecondary(Secondary(), light, framebuffer);
         fake.Clear();
 
         // From here the next layer does nothing.
@@ -125,20 +112,8 @@ struct VrsDevice {
         served->CreatePass(attachments, &pass);
         return pass;
     }
-    VkFramebuffer CreateFramebuffer(VkRenderPass pass) {
-        const std::vector<VkImageView> views(fake.Args("vkCreateRenderPass").back().find("attachments=5") == 0 ? 5 : 2,
-                                             Handle<VkImageView>(0x77));
-        VkFramebufferCreateInfo info{};
-        info.sType = VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO;
-        info.renderPass = pass;
-        info.attachmentCount = static_cast<uint32_t>(views.size());
-        info.pAttachments = views.data();
-        info.width = 1920;
-        info.height = 1080;
-        info.layers = 1;
-        VkFramebuffer framebuffer = VK_NULL_HANDLE;
-        served->Call<PFN_vkCreateFramebuffer>("vkCreateFramebuffer")(fake.Device(), &info, nullptr, &framebuffer);
-        return framebuffer;
+    VkFramebuffer CreateFramebuffer(VkRenderPass pass, uint32_t attachments) {
+        return served->CreateFramebuffer(pass, attachments, 1920, 1080);
     }
     static void SetLevel(int level) {
         auto* monitor = android::ZoVkAppInfoMonitor::GetInstance();

@@ -77,6 +77,44 @@ public:
         return reinterpret_cast<Pfn>(::ZoVkGetDeviceProcAddr(fake_.Device(), name));
     }
 
+    // A framebuffer of `attachments` placeholder views on `pass`, created as the game would.
+    VkFramebuffer CreateFramebuffer(VkRenderPass pass, uint32_t attachments, uint32_t width, uint32_t height) const {
+        const std::vector<VkImageView> views(attachments, reinterpret_cast<VkImageView>(uintptr_t{0x77}));
+        VkFramebufferCreateInfo info{};
+        info.sType = VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO;
+        info.renderPass = pass;
+        info.attachmentCount = attachments;
+        info.pAttachments = views.data();
+        info.width = width;
+        info.height = height;
+        info.layers = 1;
+        VkFramebuffer framebuffer = VK_NULL_HANDLE;
+        Call<PFN_vkCreateFramebuffer>("vkCreateFramebuffer")(fake_.Device(), &info, nullptr, &framebuffer);
+        return framebuffer;
+    }
+    // Begins a pass, or a secondary continuing one, as the game would; false when the layer
+    // wrote into the game's own structure.
+    bool BeginPass(VkCommandBuffer cb, VkRenderPass pass, VkFramebuffer framebuffer, VkExtent2D area) const {
+        VkRenderPassBeginInfo begin{};
+        begin.sType = VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO;
+        begin.renderPass = pass;
+        begin.framebuffer = framebuffer;
+        begin.renderArea.extent = area;
+        Call<PFN_vkCmdBeginRenderPass>("vkCmdBeginRenderPass")(cb, &begin, VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
+        return begin.renderPass == pass && begin.framebuffer == framebuffer;
+    }
+    bool BeginSecondary(VkCommandBuffer cb, VkRenderPass pass, VkFramebuffer framebuffer) const {
+        VkCommandBufferInheritanceInfo inheritance{};
+        inheritance.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_INHERITANCE_INFO;
+        inheritance.renderPass = pass;
+        inheritance.framebuffer = framebuffer;
+        VkCommandBufferBeginInfo begin{};
+        begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
+        begin.pInheritanceInfo = &inheritance;
+        Call<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer")(cb, &begin);
+        return inheritance.renderPass == pass && inheritance.framebuffer == framebuffer;
+    }
+
 private:
     static VkResult VKAPI_CALL SetLoaderData(VkDevice, void*) { return VK_SUCCESS; }
     FakeNextLayer& fake_;

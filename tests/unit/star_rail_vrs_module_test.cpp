@@ -81,18 +81,7 @@ protected:
         return CreatePass({{VK_FORMAT_B10G11R11_UFLOAT_PACK32, color}, {VK_FORMAT_D24_UNORM_S8_UINT, depth}});
     }
     VkFramebuffer CreateFramebuffer(VkRenderPass pass, uint32_t attachments, uint32_t w = 1920, uint32_t h = 1080) {
-        std::vector<VkImageView> views(attachments, Handle<VkImageView>(0x77));
-        VkFramebufferCreateInfo info{};
-        info.sType = VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO;
-        info.renderPass = pass;
-        info.attachmentCount = attachments;
-        info.pAttachments = views.data();
-        info.width = w;
-        info.height = h;
-        info.layers = 1;
-        VkFramebuffer framebuffer = VK_NULL_HANDLE;
-        Call<PFN_vkCreateFramebuffer>("vkCreateFramebuffer")(fake_.Device(), &info, nullptr, &framebuffer);
-        return framebuffer;
+        return served_->CreateFramebuffer(pass, attachments, w, h);
     }
     // Main and light passes on both variants, framebuffers on the framebuffer variants; the
     // substitutes of the clear passes and of the framebuffers as the next layer made them.
@@ -116,26 +105,13 @@ protected:
         present.sType = VK_STRUCTURE_TYPE_PRESENT_INFO_KHR;
         EXPECT_EQ(Call<PFN_vkQueuePresentKHR>("vkQueuePresentKHR")(fake_.Queue(), &present), VK_SUCCESS);
     }
+    // What the next layer was asked to begin; the game's own structures stay as they were.
     std::string BeginPass(VkCommandBuffer cb, VkRenderPass pass, VkFramebuffer fb, uint32_t w = 1920) {
-        VkRenderPassBeginInfo begin{};
-        begin.sType = VK_STRUCTURE_TYPE_RENDER_PASS_BEGIN_INFO;
-        begin.renderPass = pass;
-        begin.framebuffer = fb;
-        begin.renderArea.extent = {w, 1080};
-        Call<PFN_vkCmdBeginRenderPass>("vkCmdBeginRenderPass")(cb, &begin, VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
-        EXPECT_EQ(begin.renderPass, pass) << "the game's begin info was written";
+        EXPECT_TRUE(served_->BeginPass(cb, pass, fb, {w, 1080})) << "the game's begin info was written";
         return fake_.Args("vkCmdBeginRenderPass").back();
     }
     std::string BeginSecondary(VkCommandBuffer cb, VkRenderPass pass, VkFramebuffer fb) {
-        VkCommandBufferInheritanceInfo inheritance{};
-        inheritance.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_INHERITANCE_INFO;
-        inheritance.renderPass = pass;
-        inheritance.framebuffer = fb;
-        VkCommandBufferBeginInfo begin{};
-        begin.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
-        begin.pInheritanceInfo = &inheritance;
-        Call<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer")(cb, &begin);
-        EXPECT_EQ(inheritance.renderPass, pass) << "the game's inheritance info was written";
+        EXPECT_TRUE(served_->BeginSecondary(cb, pass, fb)) << "the game's inheritance info was written";
         return fake_.Args("vkBeginCommandBuffer").back();
     }
     static std::string Pair(VkRenderPass pass, VkFramebuffer fb) { return "pass=" + Hex(pass) + " framebuffer=" + Hex(fb); }
