@@ -85,12 +85,6 @@ class FragmentTest(unittest.TestCase):
         self.catalog = gen.build_catalog(self.registry, FRAGMENT_EXTENSIONS)
         self.instance, self.device = gen.build_tables(self.registry, self.catalog)
 
-    def test_level_follows_first_parameter_and_aliases(self):
-        instance = {"vkCreateInstance", "vkEnumerateInstanceVersion", "vkGetPhysicalDeviceFoo",
-                    "vkDestroySurfaceKHR", "vkGetPhysicalDeviceFoo2KHR"}
-        names = instance | {"vkGetDeviceProcAddr", "vkQueueSubmit", "vkCmdDraw", "vkCmdCopy2KHR"}
-        self.assertEqual({n for n in names if self.registry.is_instance_level(n)}, instance)
-
     def test_catalog_rows(self):
         # Other vendors' interaction commands (vkCmdSetSwizzleNV, vkCmdSomethingNV) and Vulkan SC parts
         # are left out; a core name only for an alias of a known core command of a version with slots;
