@@ -78,11 +78,15 @@ ZoVkStarRailVRSModule::DeviceState* ZoVkStarRailVRSModule::State(VkDevice device
 
 void ZoVkStarRailVRSModule::SetFlags(DeviceState& state, uint32_t bits) {
     state.vrsFlags |= bits;
-    ClearFlags(state, 0);
+    CountActive(state);
 }
 
 void ZoVkStarRailVRSModule::ClearFlags(DeviceState& state, uint32_t bits) {
     state.vrsFlags &= ~bits;
+    CountActive(state);
+}
+
+void ZoVkStarRailVRSModule::CountActive(DeviceState& state) {
     if (Active(state) != state.countedActive) {
         state.countedActive = Active(state);
         if (state.countedActive) {
@@ -142,6 +146,16 @@ void ZoVkStarRailVRSModule::OnDeviceDestroy(VkDevice device) {
 }
 
 void ZoVkStarRailVRSModule::ReleaseDeviceObjects(DeviceState& state) {
+    // The counters the hooked calls read first forget the device whatever happens below.
+    for (PassState* pass : {&state.mainPass, &state.lightPass}) {
+        for (auto* set : {&pass->passCommandBuffers, &pass->secondaryCommandBuffers}) {
+            trackedCommandBuffers_.fetch_sub(static_cast<uint32_t>(set->size()), std::memory_order_relaxed);
+            set->clear();
+        }
+    }
+    lightRecordings_.fetch_sub(static_cast<uint32_t>(state.lightRecordings.size()), std::memory_order_relaxed);
+    state.lightRecordings.clear();
+    ClearFlags(state, ~0u);
     const ZoVkDeviceInfo* record = ZoVkContextManager::GetInstance()->GetDeviceInfo(GetDispatchKey(state.device));
     if (record == nullptr) {
         ZOVK_LOGE("Star Rail VRS: the objects of a device without a record cannot be released");
@@ -155,22 +169,11 @@ void ZoVkStarRailVRSModule::ReleaseDeviceObjects(DeviceState& state) {
         for (ShadingRateImageInfo& image : pass->images) {
             state.renderpassBuilder.destroyShadingRateImage(image);
         }
-        for (VkCommandBuffer commandBuffer : std::vector<VkCommandBuffer>(pass->passCommandBuffers.begin(),
-                                                                          pass->passCommandBuffers.end())) {
-            ForgetCommandBuffer(state, commandBuffer);
-        }
-        for (VkCommandBuffer commandBuffer : std::vector<VkCommandBuffer>(pass->secondaryCommandBuffers.begin(),
-                                                                          pass->secondaryCommandBuffers.end())) {
-            ForgetCommandBuffer(state, commandBuffer);
-        }
     }
     for (std::vector<TemplateBuffer>& buffers : state.templateBuffers) {
         DestroyTemplateBuffers(state, buffers);
     }
     state.renderpassBuilder.Release();
-    lightRecordings_.fetch_sub(static_cast<uint32_t>(state.lightRecordings.size()), std::memory_order_relaxed);
-    state.lightRecordings.clear();
-    ClearFlags(state, ~0u);
 }
 
 }  // namespace vulkan::zovk::app::module

@@ -131,6 +131,8 @@ public:
     bool Active(const DeviceState& state) const { return (state.vrsFlags & kActive) == kActive; }
     void SetFlags(DeviceState& state, uint32_t bits);
     void ClearFlags(DeviceState& state, uint32_t bits);
+    // Keeps activeDevices_ in step with the device's flags.
+    void CountActive(DeviceState& state);
     void Track(std::unordered_set<VkCommandBuffer>& set, VkCommandBuffer commandBuffer);
     bool Untrack(std::unordered_set<VkCommandBuffer>& set, VkCommandBuffer commandBuffer);
     void StartLightRecording(DeviceState& state, VkCommandBuffer commandBuffer);
