@@ -1,17 +1,12 @@
-// Settings: the string and number readers of every configuration parser, identification by
-// process name, the host property stand-in, and the layer's side of the game service (the
-// configuration fetch, the callback interface, the monitor of in-game state, the scene
-// report) against an in-process service.
+// Settings: identification by process name and the layer's side of the game service (the
+// configuration bounds, a second createInstance, the scene report, the monitor of in-game
+// state) against an in-process service.
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <tuple>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,7 +16,6 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/Status.h>
-#include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <utils/String8.h>
 
@@ -29,8 +23,6 @@
 #include "app/zovk_processor_data_base.h"
 #include "layer/zovk_entry.h"
 #include "settings/zovk_app_info_monitor.h"
-#include "settings/zovk_game_info_update.h"
-#include "settings/zovk_log_switch.h"
 #include "settings/zovk_pavune.h"
 #include "settings/zovk_scene_recognizer.h"
 #include "settings/zovk_settings.h"
@@ -44,12 +36,8 @@ using android::Parcel;
 using android::sp;
 using android::String16;
 using android::binder::Status;
-using com::veltra::pavune::BnGameInfoUpdate;
-using com::veltra::pavune::BpGameInfoUpdate;
-using com::veltra::pavune::IGameInfoUpdate;
 using vulkan::zovk::ZoVkSettings;
 using Strings = std::vector<std::string>;
-using Decimal = ZoVkSettings::Decimal;
 
 constexpr char kStarRail[] = "com.miHoYo.hkrpg";
 
@@ -61,48 +49,7 @@ android::ZoVkAppInfoMonitor* Monitor() {
     return android::ZoVkAppInfoMonitor::GetInstance();
 }
 
-// --- readers -----------------------------------------------------------------------------------
-
-// Split's runs between delimiters are read through the configuration tables that use them.
-TEST(ParseDecimal, DigitsOnlyUpToTheBoundAndOneLineForText) {
-    struct Case {
-        const char* text;
-        uint64_t max;
-        Decimal result;
-        uint64_t value;  // when kOk
-        bool logged;     // the "isIntChar is not int" line
-    };
-    const uint64_t all = ~0ull;
-    const Case cases[] = {
-        {"", all, Decimal::kNotDecimal, 0, false},
-        {"007", all, Decimal::kOk, 7, false},
-        {"4294967296", all, Decimal::kOk, 4294967296ull, false},
-        {"18446744073709551615", all, Decimal::kOk, all, false},
-        {"18446744073709551616", all, Decimal::kTooLarge, 0, false},
-        {"2147483647", 2147483647, Decimal::kOk, 2147483647, false},
-        {"2147483648", 2147483647, Decimal::kTooLarge, 0, false},
-        {"0000000000000000000000000", 0, Decimal::kOk, 0, false},
-        {"5", 0, Decimal::kTooLarge, 0, false},
-        {"12a", all, Decimal::kNotDecimal, 0, true},
-        {"-1", all, Decimal::kNotDecimal, 0, true},
-        {"+1", all, Decimal::kNotDecimal, 0, true},
-        {" 1", all, Decimal::kNotDecimal, 0, true},
-        {"1.5", all, Decimal::kNotDecimal, 0, true},
-        {"\xd9\xa3", all, Decimal::kNotDecimal, 0, true},  // an Arabic-Indic digit
-    };
-    for (const Case& c : cases) {
-        uint64_t value = 12345;
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(ZoVkSettings::ParseDecimal(c.text, c.max, &value), c.result) << c.text;
-        const std::string log = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(value, c.result == Decimal::kOk ? c.value : 12345u) << c.text;
-        const std::string line = std::string("isIntChar is not int: ") + c.text;
-        EXPECT_EQ(log.find(line) != std::string::npos, c.logged) << c.text << ": " << log;
-        EXPECT_EQ(log.find("isIntChar", log.find("isIntChar") + 1), std::string::npos) << "one line only: " << log;
-    }
-}
-
-// --- identification and switches ---------------------------------------------------------------
+// --- identification ----------------------------------------------------------------------------
 
 // The integration run covers the recognised names and a case change; these are the near misses.
 TEST(IdentifyApplication, OnlyTheExactFirstCommandLineArgumentCounts) {
@@ -116,45 +63,6 @@ TEST(IdentifyApplication, OnlyTheExactFirstCommandLineArgumentCounts) {
     EXPECT_TRUE(Settings()->IdentifyApplication(std::string("com.miHoYo.hkrpg\0--mode\0fast\0", 29)));
     EXPECT_EQ(Settings()->GetApplicationType(), vulkan::ZOVK_APPLICATION_STAR_RAIL);
     EXPECT_STREQ(Settings()->GetProcessName().c_str(), kStarRail);
-}
-
-TEST(Switches, DefaultsWithoutConfigurationDataAreConservative) {
-    EXPECT_TRUE(Settings()->UseLock());
-    EXPECT_FALSE(Settings()->CheckRenderThread());
-    EXPECT_FALSE(Settings()->IsDebuggable());
-    vulkan::zovk::app::ZoVkProcessorDataBase* shared = Settings()->GetProcessorData();
-    ASSERT_NE(shared, nullptr);
-    EXPECT_EQ(Settings()->GetProcessorData(), shared);
-}
-
-// The host stand-in for system properties, and the one switch the layer reads from them.
-TEST(Properties, BooleansAsLibcutilsSpellsThemTheLastWinsAndTheLogSwitchIsReadOnce) {
-    char path[] = "/tmp/zovk_properties_XXXXXX";
-    close(mkstemp(path));
-    setenv("ZOVK_PROPERTIES", path, 1);
-    std::ofstream(path) << "t1=1\nt2=y\nt3=yes\nt4=on\n  t5  =  true  \nf1=0\nf2=n\nf3=no\nf4=off\nf5=false\n"
-                           "# c=1\nmaybe=maybe\nupper=TRUE\nempty=\nlast=0\nlast=1\nno equals sign\n"
-                           "vendor.zovk.log.debug=true\n";
-    for (const char* key : {"t1", "t2", "t3", "t4", "t5", "last"}) {
-        EXPECT_EQ(property_get_bool(key, 0), 1) << key;
-    }
-    for (const char* key : {"f1", "f2", "f3", "f4", "f5"}) {
-        EXPECT_EQ(property_get_bool(key, 1), 0) << key;
-    }
-    for (const char* key : {"maybe", "upper", "empty", "unset", "# c"}) {
-        EXPECT_EQ(property_get_bool(key, 0), 0) << key;
-        EXPECT_EQ(property_get_bool(key, 1), 1) << key;
-    }
-    EXPECT_TRUE(vulkan::zovk::IsLogDebug());
-    std::ofstream(path) << "vendor.zovk.log.debug=false\n";
-    EXPECT_TRUE(Settings()->IsLogDebug()) << "read once per process";
-    testing::internal::CaptureStderr();
-    Monitor()->UpdateAppInfo("1 other.package 5");  // an info line: written only with the switch on
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("s_er_p:other.package"), std::string::npos);
-    std::remove(path);
-    EXPECT_EQ(property_get_bool("t1", 0), 0) << "a missing file is an unset property";
-    unsetenv("ZOVK_PROPERTIES");
-    EXPECT_EQ(property_get_bool("t1", 0), 0);
 }
 
 // --- the game service ----------------------------------------------------------------------------
@@ -221,31 +129,6 @@ protected:
     }
     BinderDir dir_;
 };
-
-TEST_F(GameServiceTest, FetchResultCodesAndWhatTheServiceIsAsked) {
-    EXPECT_EQ(Settings()->InitZoVKPrefs(), 2u);
-    EXPECT_EQ(Settings()->GetRemoteService(), nullptr);
-
-    sp<FakePavune> service = StartService();
-    // 3: the call failed, 4: an exception, 5: an empty document, 0: an unusable one.
-    const std::tuple<android::status_t, int32_t, const char*, uint32_t> fetches[] = {
-        {android::UNKNOWN_TRANSACTION, 0, "", 3u}, {OK, Status::EX_ILLEGAL_STATE, "", 4u}, {OK, 0, "", 5u},
-        {OK, 0, "{}", 0u}, {OK, 0, "{\"configs\":", 0u}, {OK, 0, "[1,2]", 0u},
-        {OK, 0, "{\"configs\":{\"xrender_BaseInfo\":\"0\"}}", 0u}};
-    for (const auto& [status, exception, document, code] : fetches) {
-        service->fetchStatus = status;
-        service->fetchException = exception;
-        service->document = document;
-        EXPECT_EQ(Settings()->InitZoVKPrefs(), code) << document;
-        EXPECT_EQ(Settings()->GetHookFlags(), 0u) << document;
-    }
-    EXPECT_EQ(service->Requests(30), std::vector<Strings>(7, Strings{"30", kStarRail}));
-    EXPECT_NE(Settings()->GetRemoteService(), nullptr);
-    Settings()->OnRemoteServiceDied();
-    EXPECT_EQ(Settings()->GetRemoteService(), nullptr);
-    Monitor()->NotifyMonitorStarted();  // a death leaves nobody to tell
-    EXPECT_TRUE(service->Requests(29).empty());
-}
 
 // Bounded before the JSON reader sees the text: it recurses per level and throws past its own
 // limit, an abort where jsoncpp is built without exceptions.
@@ -330,49 +213,6 @@ TEST_F(GameServiceTest, TheSceneReportIsSentOnceWhateverTheFirstSendGave) {
     // What a report sends; one per process with several pipelines is game_service.py's scene_report_once.
     EXPECT_EQ(StarRailSceneRecognizer().sendSceneIdToPavune(-7), StarRailSceneRecognizer::kSent);
     EXPECT_EQ(service->Requests(3), (std::vector<Strings>{{"3", "1", "{\"sceneId\":-7}"}}));
-}
-
-// The stub's answers over its transaction, and what reaches the monitor; a proxy whose peer knows
-// no transaction falls back to the default implementation.
-TEST_F(GameServiceTest, IncomingCallsReachTheMonitorOnlyWhenWellFormed) {
-    Monitor()->Start();
-    const sp<BnGameInfoUpdate> stub = new BnGameInfoUpdate();
-    EXPECT_EQ(IGameInfoUpdate::asInterface(stub).get(), stub.get());
-    struct Case {
-        const char* token;
-        uint32_t code;
-        const char16_t* record;  // null: a null string
-        android::status_t result;
-        int32_t exception;
-        int sceneId;
-    };
-    const char* pavune = vulkan::zovk::pavune::kInterfaceToken;
-    const char* update = "com.veltra.pavune.IGameInfoUpdate";
-    const Case cases[] = {
-        {pavune, 1, u"1 com.miHoYo.hkrpg 12", android::BAD_TYPE, 0, 0},
-        {update, 2, u"1 com.miHoYo.hkrpg 13", android::UNKNOWN_TRANSACTION, 0, 0},
-        {update, 1, nullptr, OK, Status::EX_NULL_POINTER, 0},
-        {update, 1, u"1 com.miHoYo.hkrpg 12", OK, 0, 12},
-    };
-    for (const Case& c : cases) {
-        Parcel data;
-        Parcel reply;
-        data.writeInterfaceToken(String16(c.token));
-        data.writeString16(c.record, c.record != nullptr ? std::char_traits<char16_t>::length(c.record) : 0);
-        EXPECT_EQ(stub->transact(c.code, data, &reply), c.result) << c.token << " " << c.code;
-        if (c.result == OK) {
-            Status status;
-            EXPECT_EQ(status.readFromParcel(reply), OK);
-            EXPECT_EQ(status.exceptionCode(), c.exception);
-        }
-        EXPECT_EQ(Monitor()->GetSceneId(), c.sceneId);
-    }
-    const sp<BpGameInfoUpdate> proxy = new BpGameInfoUpdate(new android::BBinder());  // knows no transaction
-    EXPECT_EQ(proxy->sendToZoGL(String16("1 com.miHoYo.hkrpg 14")).transactionError(), android::UNKNOWN_TRANSACTION);
-    EXPECT_FALSE(IGameInfoUpdate::setDefaultImpl(nullptr));
-    ASSERT_TRUE(IGameInfoUpdate::setDefaultImpl(stub));
-    EXPECT_TRUE(proxy->sendToZoGL(String16("1 com.miHoYo.hkrpg 14")).isOk());
-    EXPECT_EQ(Monitor()->GetSceneId(), 14);
 }
 
 // --- the monitor's records -----------------------------------------------------------------------
