@@ -1,6 +1,5 @@
-// Instance and device creation and destruction through the loader's link: the gates that
-// decide whether a processor serves the object, what the next layer receives on either path,
-// and the processor's calls around creation and destruction.
+// Instance and device creation through the loader's link: the gates that decide whether a
+// processor serves the object, and what the next layer receives on either path.
 #include <pthread.h>
 
 #include <set>
@@ -50,20 +49,6 @@ protected:
 
     FakeNextLayer fake;
 };
-
-TEST_F(Creation, WithoutALoaderLinkNothingIsCreated) {
-    InstanceCreate noLink;
-    noLink.info.pNext = nullptr;
-    EXPECT_EQ(CreateInstance(std::move(noLink)), VK_ERROR_INITIALIZATION_FAILED);
-    InstanceCreate callbackOnly;  // an element of the right type that is not the link
-    callbackOnly.layerInfo.function = VK_LOADER_DATA_CALLBACK;
-    EXPECT_EQ(CreateInstance(std::move(callbackOnly)), VK_ERROR_INITIALIZATION_FAILED);
-    DeviceCreate noDeviceLink;
-    noDeviceLink.info.pNext = nullptr;
-    EXPECT_EQ(CreateDevice(std::move(noDeviceLink)), VK_ERROR_INITIALIZATION_FAILED);
-    EXPECT_TRUE(fake.events.empty());
-    EXPECT_EQ(InstanceRecord(), nullptr);
-}
 
 TEST_F(Creation, AFailedNextLayerCreateRecordsNothing) {
     fake.createInstanceResult = VK_ERROR_INCOMPATIBLE_DRIVER;
@@ -119,23 +104,6 @@ TEST_F(Creation, AServedInstanceRunsAtLeastAtVersion12WithItsNeededExtensionsAdd
     EXPECT_EQ(fake.seenInstanceExtensions, (Names{"VK_KHR_surface", "VK_KHR_get_physical_device_properties2"}));
 }
 
-TEST_F(Creation, AServedDeviceSharesTheInstancesProcessorWithItsNeededExtensionsAddedOnce) {
-    ServeWithTestProcessor();
-    ASSERT_EQ(CreateInstance(), VK_SUCCESS);
-    fake.events.clear();
-    ASSERT_EQ(CreateDevice(), VK_SUCCESS);
-    EXPECT_EQ(fake.seenDeviceExtensions, Names{"VK_KHR_swapchain"});
-    ZoVkDeviceInfo* record = DeviceRecord();
-    ASSERT_NE(record, nullptr);
-    EXPECT_EQ(record->processor, InstanceRecord()->processor);
-    EXPECT_EQ(record->processor->GetDeviceInfo(), record);
-    EXPECT_TRUE(ExtensionsReady());
-    EXPECT_EQ(fake.CallLog(), (Names{"vkEnumerateDeviceExtensionProperties", "vkEnumerateDeviceExtensionProperties",
-                                     "vkCreateDevice", "PostCreateDevice"}));
-    ASSERT_EQ(CreateDevice(DeviceCreate({"VK_KHR_swapchain"})), VK_SUCCESS);
-    EXPECT_EQ(fake.seenDeviceExtensions, Names{"VK_KHR_swapchain"});
-}
-
 // A next layer that lacks what the layer needs: an instance extension (the instance passes
 // through unchanged, as in a process without a configured module), an instance function (the
 // instance is recorded served, but its fill failed), a device extension, or vkQueuePresentKHR,
@@ -179,22 +147,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Lack{kBothInstanceExtensions, {}, {}},
                       Lack{kBothInstanceExtensions, {"vkQueuePresentKHR"}, {"VK_KHR_swapchain"}}),
     [](const auto& param) { return "Case" + std::to_string(param.index); });
-
-TEST_F(Creation, DestroyRunsTheProcessorsHooksAroundTheNextLayer) {
-    ServeWithTestProcessor();
-    ASSERT_EQ(CreateInstance(), VK_SUCCESS);
-    ASSERT_EQ(CreateDevice(), VK_SUCCESS);
-    fake.events.clear();
-    ZoVkDestroyDevice(fake.Device(), nullptr);
-    EXPECT_EQ(fake.CallLog(), (Names{"PreDestroyDevice", "vkDestroyDevice", "PostDestroyDevice"}));
-    EXPECT_EQ(DeviceRecord(), nullptr);
-    EXPECT_EQ(TestProcessorStats::onEnd, 0) << "modules live until their instance goes";
-    fake.events.clear();
-    ZoVkDestroyInstance(fake.Instance(), nullptr);
-    EXPECT_EQ(fake.CallLog(), (Names{"PreDestroyInstance", "vkDestroyInstance", "PostDestroyInstance", "OnEnd"}));
-    EXPECT_EQ(InstanceRecord(), nullptr);
-    EXPECT_EQ(TestProcessorStats::onEnd, 1);
-}
 
 struct ThreadCase {
     std::string pattern;
