@@ -1,4 +1,4 @@
-// The exported entry points and the registries behind them: the enumeration answers, both
+// The exported entry points and the registries behind them: the layer enumeration answers, both
 // address resolvers with their null-handle rules and their gating by the hook-enable flags,
 // the records kept per dispatch key, and their removal by the destroy operations only.
 #include <cstring>
@@ -99,45 +99,6 @@ protected:
     ZoVkInstanceInfo* InstanceRecord() { return manager->GetInstanceInfoWithLock(GetDispatchKey(fake.Instance())); }
     ZoVkDeviceInfo* DeviceRecord() { return manager->GetDeviceInfoWithLock(GetDispatchKey(fake.Device())); }
 };
-
-TEST_F(EntryPoints, ExtensionQueriesAnswerForThisLayerAndPassTheRestThrough) {
-    const char* own = Settings()->GetLayerName().c_str();
-    uint32_t count = 5;
-    EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties(nullptr, &count, nullptr), VK_ERROR_LAYER_NOT_PRESENT);
-    EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties("VK_LAYER_other", &count, nullptr), VK_ERROR_LAYER_NOT_PRESENT);
-    EXPECT_EQ(count, 5u);
-    VkExtensionProperties property{};
-    property.specVersion = 42;
-    EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties(own, &count, &property), VK_SUCCESS);
-    EXPECT_EQ(count, 0u);
-    EXPECT_EQ(property.specVersion, 42u);
-    EXPECT_EQ(ZoVkEnumerateInstanceExtensionProperties(own, nullptr, nullptr), VK_SUCCESS);
-
-    // Without an instance record: this layer lists nothing, other layers' counts stay.
-    count = 7;
-    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(VK_NULL_HANDLE, own, &count, nullptr), VK_SUCCESS);
-    EXPECT_EQ(count, 0u);
-    count = 7;
-    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(VK_NULL_HANDLE, "VK_LAYER_other", &count, nullptr), VK_SUCCESS);
-    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(VK_NULL_HANDLE, nullptr, &count, nullptr), VK_SUCCESS);
-    EXPECT_EQ(count, 7u);
-    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(fake.PhysicalDevice(), nullptr, &count, nullptr), VK_SUCCESS);
-    EXPECT_EQ(count, 0u) << "a physical device of an instance never seen";
-    EXPECT_TRUE(fake.events.empty());
-
-    // The next layer's VK_INCOMPLETE and its lowered count come back unchanged.
-    fake.deviceExtensions = {"VK_KHR_swapchain", "VK_KHR_fragment_shading_rate"};
-    CreatePassThrough();
-    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(fake.PhysicalDevice(), nullptr, &count, nullptr), VK_SUCCESS);
-    EXPECT_EQ(count, 2u);
-    VkExtensionProperties properties[2] = {};
-    count = 1;
-    EXPECT_EQ(ZoVkEnumerateDeviceExtensionProperties(fake.PhysicalDevice(), "VK_LAYER_other", &count, properties),
-              VK_INCOMPLETE);
-    EXPECT_EQ(count, 1u);
-    EXPECT_STREQ(properties[0].extensionName, "VK_KHR_swapchain");
-    EXPECT_EQ(fake.Calls("vkEnumerateDeviceExtensionProperties"), 2);
-}
 
 // --- address resolution -----------------------------------------------------------------------
 
