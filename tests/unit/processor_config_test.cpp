@@ -1,6 +1,5 @@
-// The configuration data and the factories: which modules a configuration switches on, the
-// creation-path switches, the extension-function lists that switch modules off again, and the
-// processor and modules each application gets.
+// The configuration data: which modules a configuration switches on, the creation-path
+// switches, and the extension-function lists shared by modules.
 #include <gtest/gtest.h>
 
 #include <json/reader.h>
@@ -9,7 +8,6 @@
 #include <vector>
 
 #include "app/zovk_app_data.h"
-#include "app/zovk_factory.h"
 #include "settings/zovk_settings.h"
 #include "tests/unit/binder/binder_test_support.h"
 
@@ -105,42 +103,6 @@ TEST(ProcessorData, ErasingAModuleKeepsFunctionsOthersStillNeed) {
     EXPECT_TRUE(data.deviceExtensionFunctions.empty());
     EXPECT_FALSE(data.HasAnyModuleId());
     data.EraseModuleId(2);  // not there any more: nothing happens
-}
-
-TEST(ProcessorData, MissingFunctionsEraseTheModulesThatNeedThem) {
-    SharedNeedsData checked;
-    checked.CheckDeviceExtensionFunctions([](const std::string& name) { return name == "vkCmdSetFragmentShadingRateKHR"; });
-    EXPECT_EQ(checked.moduleIds, Ids{2});
-    checked.InitDeviceExtensionFunctions([](const std::string&) { return false; });  // none could be filled
-    EXPECT_FALSE(checked.HasAnyModuleId());
-
-    ZoVkProcessorDataBase plain;
-    EXPECT_FALSE(plain.RemoveDeviceExtensionFunction("vkQueuePresentKHR")) << "removal needs the switch";
-    SharedNeedsData removed;
-    EXPECT_TRUE(removed.RemoveDeviceExtensionFunction("vkNotAFunction"));
-    EXPECT_EQ(removed.moduleIds.size(), 2u);
-    EXPECT_TRUE(removed.RemoveDeviceExtensionFunction("vkQueuePresentKHR"));
-    EXPECT_FALSE(removed.HasAnyModuleId());
-}
-
-TEST(Factory, OtherApplicationsGetNoProcessorAndNothingThrows) {
-    ZoVkSettings::GetInstance()->SetApplicationType(vulkan::ZOVK_APPLICATION_NONE);
-    EXPECT_EQ(CreateProcessorData(), nullptr);
-    InitProcessorCreateInfo();
-    EXPECT_EQ(CreateVkProcessor(), nullptr);  // no creator: no processor, and no throw
-
-    ZoVkSettings::GetInstance()->SetApplicationType(static_cast<vulkan::ZoVkApplicationType>(7));
-    ZoVkProcessorDataBase* other = CreateProcessorData();
-    ASSERT_NE(other, nullptr);
-    EXPECT_TRUE(other->removeExtensionFunctions);
-    ReleaseProcessorData(other);
-    InitProcessorCreateInfo();
-    EXPECT_EQ(CreateVkProcessor(), nullptr);
-    InitModuleCreateInfo(1);
-    EXPECT_EQ(CreateProcessorVkModule(1, nullptr), nullptr);
-    EXPECT_EQ(CreateProcessorModuleData(1, Json::Value()), nullptr);
-    ReleaseProcessorVkModule(nullptr);
-    ReleaseProcessorModuleData(nullptr);
 }
 
 }  // namespace
