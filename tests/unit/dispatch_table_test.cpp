@@ -1,10 +1,9 @@
-// The dispatch tables: the name-to-slot maps, filling by API version, extension slots served
+// The dispatch tables: filling by API version, extension slots served
 // by their promoted core functions, and lazy filling on resolution.
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "layer/generated/zovk_extension_catalog_data.h"
 #include "layer/zovk_context_manager.h"
 #include "layer/zovk_dispatch_table.h"
 #include "layer/zovk_extension_catalog.h"
@@ -47,21 +46,6 @@ protected:
     VkDeviceFunctionTable deviceTable;
     ZoVkFunctionMap deviceMap;
 };
-
-// The extension fillers need a slot for every catalog function, and for its core name, in the
-// table of its level. (The tables and their slot lists are written from one list by the
-// generator, whose tests check it; their sizes are asserted where they are declared.)
-TEST_F(Tables, EveryCatalogFunctionHasASlotAtItsLevel) {
-    ASSERT_GT(kExtensionCatalogEntryCount, 200u);
-    for (size_t i = 0; i < kExtensionCatalogEntryCount; ++i) {
-        const VkExtensionCatalogEntry& entry = kExtensionCatalogEntries[i];
-        const ZoVkFunctionMap& map = entry.instanceLevel ? instanceMap : deviceMap;
-        EXPECT_EQ(map.count(entry.name), 1u) << entry.name;
-        if (entry.coreName[0] != '\0') {
-            EXPECT_EQ(map.count(entry.coreName), 1u) << entry.name << " -> " << entry.coreName;
-        }
-    }
-}
 
 // E.g. a 1.0 instance has every 1.1 slot null although the next layer offers them; extension
 // commands are never fetched here. A slot left empty is filled on its first resolution.
