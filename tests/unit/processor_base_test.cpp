@@ -1,5 +1,5 @@
-// The processor base: module registration, the order of tear-down, module creation in
-// OnBegin, and the record setters.
+// The processor base: module registration, the order of tear-down, and module creation in
+// OnBegin.
 #include <string>
 #include <vector>
 
@@ -98,25 +98,6 @@ TEST(ProcessorBase, OnBeginKeepsOnlyTheModulesThatStayValid) {
     processor.InitVkDeviceHooks();
     EXPECT_TRUE(gModuleLog.empty());
     processor.OnEnd();
-}
-
-TEST(ProcessorBase, RecordSettersNotifyOncePerNewRecord) {
-    TestProcessor processor;
-    vulkan::zovk::ZoVkDeviceInfo first, second;
-    processor.SetDeviceInfo(&first);
-    processor.SetDeviceInfo(&first);
-    processor.SetDeviceInfo(nullptr);
-    EXPECT_EQ(TestProcessorStats::gotDeviceInfo, 1);
-    EXPECT_EQ(processor.GetDeviceInfo(), &first);
-    processor.SetDeviceInfo(&second);
-    EXPECT_EQ(TestProcessorStats::gotDeviceInfo, 2);
-    EXPECT_EQ(processor.GetDeviceInfo(), &second);
-    vulkan::zovk::ZoVkInstanceInfo instance;
-    processor.SetInstanceInfo(nullptr);
-    processor.SetInstanceInfo(&instance);
-    processor.SetInstanceInfo(&instance);
-    EXPECT_EQ(TestProcessorStats::gotInstanceInfo, 1);
-    EXPECT_EQ(processor.GetInstanceHookFunction("vkNeverSet"), nullptr);
 }
 
 }  // namespace
