@@ -59,7 +59,6 @@ void ReadEverywhere(const Parcel& parcel) {
         },
         [&] { parcel.enforceInterface(descriptor); },
         [&] { parcel.read(buffer, std::min(parcel.dataAvail(), sizeof(buffer))); },
-        [&] { parcel.readInplace(7); },
     };
     const size_t end = std::min<size_t>(parcel.dataSize() + 4, 512);
     for (size_t pos = 0; pos <= end; ++pos) {
@@ -67,14 +66,6 @@ void ReadEverywhere(const Parcel& parcel) {
             parcel.setDataPosition(pos);
             read();
         }
-    }
-    // And a stream of mixed reads, each from where the last stopped.
-    parcel.setDataPosition(0);
-    for (size_t before = 1; parcel.dataAvail() > 0 && parcel.dataPosition() != before;) {
-        before = parcel.dataPosition();
-        parcel.readString16(&text);
-        parcel.readNullableStrongBinder(&binder);
-        parcel.readInt32();
     }
 }
 
