@@ -91,18 +91,6 @@ TEST(VrsParams, OnlyAStringOrNothingIsAccepted) {
     }
 }
 
-TEST(VrsParams, ResolutionLookupFindsTheFirstExactMatch) {
-    const ZoVkStarRailVRSModuleData d(Config("1920x1080,2400x1080,1920x1080,1080x1920"));
-    const ZoVkStarRailVRSModuleData empty(Config(""));
-    const struct {
-        const ZoVkStarRailVRSModuleData& data;
-        uint32_t width, height, index;
-    } cases[] = {{d, 1920, 1080, 0}, {d, 1080, 1920, 3}, {d, 1920, 1081, 0xFFFFFFFF}, {empty, 0, 0, 0xFFFFFFFF}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.data.mainPassResContains(c.width, c.height), c.index) << c.width << "x" << c.height;
-    }
-}
-
 // Fills a w x h image in a buffer with guard bytes behind it; the guard must stay.
 Texels Fill(uint32_t templateIndex, uint32_t w, uint32_t h) {
     constexpr size_t kGuard = 16;
@@ -111,23 +99,6 @@ Texels Fill(uint32_t templateIndex, uint32_t w, uint32_t h) {
     EXPECT_EQ(Texels(buffer.end() - kGuard, buffer.end()), Texels(kGuard, 0xAA)) << "written past " << w << "x" << h;
     buffer.resize(size_t{w} * h);
     return buffer;
-}
-
-// Hand-worked for 8 x 4 (the centre column is x = 4). Templates: main 1 (its ellipse's centre
-// row 1, rx = 4/3, ry = 2: x = 4 of row 3 lies on the boundary), main 2 (the same, then an
-// outer ring round row 2), light 1 (row 2, rx = 2, ry = 1.5), light 2 (inner and outer rings).
-TEST(ShadingRatePatterns, EightByFourByteForByte) {
-    const Texels expected[4] = {{1, 1, 1, 0, 0, 0, 1, 1, 1, 1, 1, 0, 0, 0, 1, 1,  //
-                                 1, 1, 1, 0, 0, 0, 1, 1, 1, 1, 1, 1, 0, 1, 1, 1},
-                                {5, 5, 5, 0, 0, 0, 5, 5, 5, 5, 1, 0, 0, 0, 1, 5,  //
-                                 5, 5, 1, 0, 0, 0, 1, 5, 5, 5, 1, 1, 0, 1, 1, 5},
-                                {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 1, 1,  //
-                                 1, 1, 0, 0, 0, 0, 0, 1, 1, 1, 1, 0, 0, 0, 1, 1},
-                                {5, 5, 5, 5, 1, 5, 5, 5, 5, 5, 1, 1, 0, 1, 1, 5,  //
-                                 5, 5, 1, 0, 0, 0, 1, 5, 5, 5, 1, 1, 0, 1, 1, 5}};
-    for (uint32_t k = 0; k < 4; ++k) {
-        EXPECT_EQ(Fill(k, 8, 4), expected[k]) << "template " << k;
-    }
 }
 
 TEST(ShadingRatePatterns, EdgeSizesAndTemplatesBeyondTheFourWriteOnlyWhatTheyShould) {
@@ -144,17 +115,6 @@ TEST(ShadingRatePatterns, EdgeSizesAndTemplatesBeyondTheFourWriteOnlyWhatTheySho
     Texels left(64, 0xAA);
     EXPECT_FALSE(fillShadingRateTemplate(4, left.data(), 8, 8));
     EXPECT_EQ(left, Texels(64, 0xAA));
-}
-
-TEST(ShadingRatePatterns, ImageSizeIsTheResolutionInWholeTexels) {
-    const struct {
-        MyVkExtent2D resolution, texel, size;
-    } cases[] = {{{15, 15}, {16, 16}, {0, 0}}, {{1920, 1080}, {0, 16}, {0, 67}}};  // 0, not a division by zero
-    for (const auto& c : cases) {
-        const MyVkExtent2D size = shadingRateImageSize(c.resolution, c.texel);
-        EXPECT_EQ(std::make_pair(size.width, size.height), std::make_pair(c.size.width, c.size.height))
-            << c.resolution.width << "x" << c.resolution.height << " / " << c.texel.width << "x" << c.texel.height;
-    }
 }
 
 }  // namespace

@@ -18,7 +18,6 @@
 namespace {
 
 using namespace vulkan::zovk;
-using app::module::ShadingRateImageInfo;
 using zovk_test::FakeNextLayer;
 using zovk_test::Hex;
 using Log = std::vector<std::string>;
@@ -27,13 +26,7 @@ constexpr VkImageLayout kRateLayout = VK_IMAGE_LAYOUT_FRAGMENT_SHADING_RATE_ATTA
 constexpr VkImageLayout kColorLayout = VK_IMAGE_LAYOUT_COLOR_ATTACHMENT_OPTIMAL;
 constexpr VkImageLayout kDepthLayout = VK_IMAGE_LAYOUT_DEPTH_STENCIL_ATTACHMENT_OPTIMAL;
 constexpr VkImageLayout kGeneral = VK_IMAGE_LAYOUT_GENERAL;
-constexpr VkImageLayout kTransfer = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
 constexpr VkMemoryPropertyFlags kHost = VK_MEMORY_PROPERTY_HOST_VISIBLE_BIT | VK_MEMORY_PROPERTY_HOST_COHERENT_BIT;
-
-template <typename H>
-H Handle(uint64_t value) {
-    return reinterpret_cast<H>(static_cast<uintptr_t>(value));
-}
 
 template <typename S>
 S Struct(VkStructureType type) {
@@ -140,8 +133,6 @@ protected:
         fake_.onBind = [this](const char* name, uint64_t object, VkDeviceMemory memory) {
             fake_.events.push_back({zovk_test::Event::kCall, name, nullptr, Hex(object) + " memory=" + Hex(memory)});
         };
-        // Called right after the fake recorded the free.
-        fake_.onFreeCommandBuffers = [this](VkCommandPool pool) { fake_.events.back().args = "pool=" + Hex(pool); };
     }
     // Starts a case afresh: an empty log, handles from 0x1000, and what fails.
     void Reset(const std::string& fail = "") {
@@ -253,74 +244,6 @@ TEST_F(VrsBuilderTest, PassesGainTheRateAttachmentInEverySubpass) {
     }
 }
 
-// Each failure gives no framebuffer and says why.
-TEST_F(VrsBuilderTest, FramebufferFailuresAreLogged) {
-    const VkImageView views[2] = {Handle<VkImageView>(0xA1), Handle<VkImageView>(0xA2)};
-    const VkFramebufferCreateInfo info{
-        VK_STRUCTURE_TYPE_FRAMEBUFFER_CREATE_INFO, nullptr, 0, Handle<VkRenderPass>(0xB), 2, views, 1280, 720, 1};
-    VkFramebufferCreateInfo imageless = info;
-    imageless.flags = VK_FRAMEBUFFER_CREATE_IMAGELESS_BIT;
-    imageless.pAttachments = nullptr;
-    const auto image = Handle<VkImage>(0xE);
-    const std::string framebuffer = "vkCreateFramebuffer pass=c attachments=3 made=";
-    const struct {
-        const char* name;
-        VkImage image;
-        VkImageView view;
-        const VkFramebufferCreateInfo* info;
-        const char* fail;
-        Log creates;
-        const char* logged;
-    } cases[] = {
-        {"imageless: no views to carry", image, Handle<VkImageView>(0xF), &imageless, "", {}, "failed to create vrs"},
-        {"framebuffer fails", image, Handle<VkImageView>(0xF), &info, "vkCreateFramebuffer", {framebuffer + "0"},
-         "failed to create vrs"},
-        {"view fails", image, VK_NULL_HANDLE, &info, "vkCreateImageView", {"vkCreateImageView image=e made=0"},
-         "failed to create texture image view!"},
-        {"neither image nor view", VK_NULL_HANDLE, VK_NULL_HANDLE, &info, "", {}, ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Reset(c.fail);
-        ShadingRateImageInfo rate;
-        rate.image = c.image;
-        rate.imageView = c.view;
-        VkFramebuffer made = VK_NULL_HANDLE;
-        const std::string log =
-            Logged([&] { made = builder_.createVRSFramebuffer(Handle<VkRenderPass>(0xC), *c.info, rate); });
-        EXPECT_EQ(fake_.Log(), c.creates);
-        EXPECT_EQ(made, VK_NULL_HANDLE);
-        EXPECT_NE(log.find(c.logged), std::string::npos) << log;
-    }
-}
-
-// The rate is added to the game's dynamic states, not listed twice (invalid) where it already is.
-TEST_F(VrsBuilderTest, PipelineGetsTheRateAsDynamicStateOnceAndTheSubstitutePass) {
-    const VkDynamicState rate = VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR;
-    const VkPipelineDynamicStateCreateInfo given{VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO, nullptr, 0, 1,
-                                                 &rate};
-    std::vector<VkDynamicState> sent;
-    fake_.onPipeline = [&](const VkGraphicsPipelineCreateInfo& i) {
-        sent.assign(i.pDynamicState->pDynamicStates,
-                    i.pDynamicState->pDynamicStates + i.pDynamicState->dynamicStateCount);
-    };
-    auto info = Struct<VkGraphicsPipelineCreateInfo>(VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO);
-    info.renderPass = Handle<VkRenderPass>(0x1B);
-    for (const VkPipelineDynamicStateCreateInfo* states : {&given, static_cast<decltype(&given)>(nullptr)}) {
-        info.pDynamicState = states;
-        Reset();
-        EXPECT_EQ(builder_.createVRSPipelineCreateInfo(VK_NULL_HANDLE, nullptr, info, Handle<VkRenderPass>(0x1D)),
-                  Handle<VkPipeline>(0x1000));
-        EXPECT_EQ(sent, std::vector<VkDynamicState>{rate});
-        EXPECT_EQ(fake_.Log(), Log{"vkCreateGraphicsPipelines pass=1d made=1000"});
-    }
-    Reset("vkCreateGraphicsPipelines");
-    const std::string log = Logged([&] {
-        EXPECT_EQ(builder_.createVRSPipelineCreateInfo(VK_NULL_HANDLE, nullptr, info, info.renderPass), VK_NULL_HANDLE);
-    });
-    EXPECT_NE(log.find("failed to create gp"), std::string::npos) << log;
-}
-
 // The fake's memory types: 0 device-local, 1 host-visible and coherent, 2 both, 3 host-visible.
 // Images get device-local memory whatever is asked; without a type that has the properties, type 0. A failed or refused create gives a null handle; so does a failed allocation,
 // after destroying the object.
@@ -363,113 +286,6 @@ TEST_F(VrsBuilderTest, ImagesAndBuffersGetTheirMemoryBoundOrFailLogged) {
         EXPECT_EQ(made, c.calls.empty() || c.calls.back().find("vkBind") != 0 ? 0 : 0x1000u);
         EXPECT_TRUE(c.logged == nullptr ? log.empty() : log.find(c.logged) != std::string::npos) << log;
     }
-}
-
-// Two uploads and two Releases: the helper's own pool on the first graphics family, made once
-// and destroyed once; the application's pool when that cannot be made, never destroyed;
-// nothing at all without either; no submission without a graphics family; a submit queue, when
-// set, instead of the first graphics queue (fetched once until Release).
-TEST_F(VrsBuilderTest, OneShotWorkUsesTheOwnPoolMadeOnceUntilRelease) {
-    const VkQueueFamilyProperties compute{VK_QUEUE_COMPUTE_BIT, 1, 0, {1, 1, 1}};
-    const VkQueueFamilyProperties graphics{VK_QUEUE_GRAPHICS_BIT, 1, 0, {1, 1, 1}};
-    const struct {
-        const char* name;
-        std::vector<VkQueueFamilyProperties> families;
-        bool poolFails;
-        uint64_t appPool;
-        const char* created;  // the own pool's create, if tried
-        const char* pool;     // recorded on, if any
-        const char* family;   // submitted to, if any
-        bool submitQueue;     // set to a queue of the application's
-    } cases[] = {
-        {"own pool", {compute, graphics}, false, 0xA99, "family=1 made=1000", "1000", "1", false},
-        {"application's pool", {graphics}, true, 0xA99, "family=0 made=0", "a99", "0", false},
-        {"no pool", {graphics}, true, 0, "family=0 made=0", nullptr, nullptr, false},
-        {"no graphics family", {compute}, false, 0xA99, nullptr, "a99", nullptr, false},
-        {"submit queue", {graphics}, false, 0, "family=0 made=1000", "1000", "0", true},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Reset(c.poolFails ? "vkCreateCommandPool" : "");
-        fake_.queueFamilies = c.families;
-        builder_.SetCommandPool(Handle<VkCommandPool>(c.appPool));
-        zovk_test::FakeObject appQueue{&fake_.deviceDispatch};
-        builder_.SetSubmitQueue(c.submitQueue ? reinterpret_cast<VkQueue>(&appQueue) : VK_NULL_HANDLE);
-        const std::string log = Logged([&] {
-            builder_.updateImageDataFromBuffer(Handle<VkImage>(1), 4, 4, Handle<VkBuffer>(2));
-            builder_.updateImageDataFromBuffer(Handle<VkImage>(1), 4, 4, Handle<VkBuffer>(2));
-        });
-        builder_.Release();
-        builder_.Release();
-
-        const std::string pool = c.pool == nullptr ? "" : std::string("pool=") + c.pool;
-        Log calls;
-        if (c.created != nullptr) calls.push_back("vkCreateCommandPool " + std::string(c.created));
-        for (int i = 0; i < 2 && c.pool != nullptr; ++i) {
-            calls.push_back("vkAllocateCommandBuffers " + pool);
-            if (c.family != nullptr && !c.submitQueue && i == 0) {
-                calls.push_back("vkGetDeviceQueue family=" + std::string(c.family));
-            }
-            if (c.family != nullptr) calls.push_back("vkQueueSubmit");
-            calls.push_back("vkFreeCommandBuffers " + pool);
-        }
-        if (c.created != nullptr && !c.poolFails) calls.push_back("vkDestroyCommandPool 1000");
-        EXPECT_EQ(fake_.Log({"vkCreateCommandPool", "vkAllocateCommandBuffers", "vkGetDeviceQueue", "vkQueueSubmit",
-                             "vkFreeCommandBuffers", "vkDestroyCommandPool"}),
-                  calls);
-        for (const zovk_test::Event& e : fake_.events) {
-            EXPECT_TRUE(e.name != "vkQueueSubmit" || e.handle == (c.submitQueue ? &appQueue : &fake_.queue));
-        }
-        EXPECT_EQ(log.find("failed to allocate command buffers") != std::string::npos, c.pool == nullptr) << log;
-    }
-}
-
-// Layouts outside the table are logged; the barrier is still recorded and submitted.
-TEST_F(VrsBuilderTest, TransitionsFollowTheLayoutTable) {
-    using Barrier = std::tuple<VkAccessFlags, VkAccessFlags, VkPipelineStageFlags, VkPipelineStageFlags>;
-    Barrier seen{};
-    fake_.onBarrier = [&](VkPipelineStageFlags src, VkPipelineStageFlags dst, const VkImageMemoryBarrier& b) {
-        seen = {b.srcAccessMask, b.dstAccessMask, src, dst};
-    };
-    const struct {
-        VkImageLayout from, to;
-        Barrier barrier;
-    } cases[] = {
-        {kTransfer, kRateLayout,
-         {VK_ACCESS_TRANSFER_WRITE_BIT, VK_ACCESS_INPUT_ATTACHMENT_READ_BIT, VK_PIPELINE_STAGE_TRANSFER_BIT,
-          VK_PIPELINE_STAGE_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR}},
-        {kGeneral, kRateLayout, {0, 0, 0, 0}},
-    };
-    for (const auto& c : cases) {
-        const std::string layouts = std::to_string(c.from) + "->" + std::to_string(c.to);
-        SCOPED_TRACE(layouts);
-        Reset();
-        const std::string log =
-            Logged([&] { builder_.transitionImageLayout(Handle<VkImage>(0x77), VK_FORMAT_R8_UINT, c.from, c.to); });
-        EXPECT_EQ(log.find("failed to transition image layout!") != std::string::npos, std::get<2>(c.barrier) == 0);
-        EXPECT_EQ(fake_.Log({"vkCmdPipelineBarrier", "vkQueueSubmit"}),
-                  (Log{"vkCmdPipelineBarrier image=77 " + layouts, "vkQueueSubmit"}));
-        EXPECT_EQ(seen, c.barrier);
-    }
-}
-
-TEST_F(VrsBuilderTest, AnEmptyUploadDoesNothing) {
-    const unsigned char texels[6] = {1, 2, 3, 4, 5, 6};
-    builder_.updateImageDataFromPtr(Handle<VkImage>(0x9), 0, 2, texels);
-    builder_.updateImageDataFromBuffer(Handle<VkImage>(0x9), 3, 0, Handle<VkBuffer>(0x2));
-    EXPECT_EQ(fake_.Log(), Log{});
-}
-
-TEST_F(VrsBuilderTest, DestroyingAShadingRateImageFreesEachPartOnce) {
-    ShadingRateImageInfo info;
-    info.image = Handle<VkImage>(0x31);
-    info.imageView = Handle<VkImageView>(0x32);
-    info.memory = Handle<VkDeviceMemory>(0x33);
-    builder_.destroyShadingRateImage(info);
-    builder_.destroyShadingRateImage(info);
-    info.image = Handle<VkImage>(0x34);  // an image alone
-    builder_.destroyShadingRateImage(info);
-    EXPECT_EQ(fake_.Log(), (Log{"vkDestroyImageView 32", "vkDestroyImage 31", "vkFreeMemory 33", "vkDestroyImage 34"}));
 }
 
 }  // namespace

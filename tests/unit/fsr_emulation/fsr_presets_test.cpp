@@ -21,13 +21,6 @@ std::string Describe(const std::vector<VkPhysicalDeviceFragmentShadingRateKHR>& 
 
 // The exact values per preset are the emulation probe's to check (tests/integration/emulation.py):
 // these are the rules any preset must follow.
-TEST(Presets, NamesAreExact) {
-    EXPECT_STREQ(FindPreset(nullptr)->name, "16x16-4x4");
-    EXPECT_EQ(FindPreset(""), FindPreset(nullptr));
-    EXPECT_EQ(FindPreset("16X16-4x4"), nullptr);
-    EXPECT_EQ(FindPreset("4x4"), nullptr);
-}
-
 class EveryPreset : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(EveryPreset, RatesFollowTheOrderAndLimits) {
@@ -64,21 +57,6 @@ TEST_P(EveryPreset, RatesFollowTheOrderAndLimits) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Fsr, EveryPreset, ::testing::Values("16x16-4x4", "8x8-2x2", "8x8-4x4"));
-
-TEST(Presets, SingleSampleDeviceGetsASmallerCoverage) {
-    int marker = 0;
-    VkPhysicalDeviceFragmentShadingRatePropertiesKHR props = {
-        VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_SHADING_RATE_PROPERTIES_KHR, &marker};
-    FillProperties(*FindPreset("8x8-2x2"), VK_SAMPLE_COUNT_1_BIT, &props);
-    EXPECT_EQ(props.pNext, &marker);
-    EXPECT_EQ(props.maxFragmentShadingRateRasterizationSamples, VK_SAMPLE_COUNT_1_BIT);
-    EXPECT_EQ(props.maxFragmentShadingRateCoverageSamples, 4u);
-    for (const auto& r : Rates(*FindPreset("8x8-2x2"), VK_SAMPLE_COUNT_1_BIT)) {
-        if (r.fragmentSize.width * r.fragmentSize.height > 1) {
-            EXPECT_EQ(r.sampleCounts, VkSampleCountFlags(1));
-        }
-    }
-}
 
 }  // namespace
 }  // namespace fsr

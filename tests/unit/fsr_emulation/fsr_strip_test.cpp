@@ -2,7 +2,6 @@
 // probe renders through them on lavapipe with the rate attachment first; lavapipe ignores layouts,
 // barriers and usage, so those, and the shapes the probe does not build, are checked here.
 #include <gtest/gtest.h>
-#include <vulkan/vk_layer.h>
 
 #include <vector>
 
@@ -19,11 +18,6 @@ Values V(T... values) {
 Values Cat(Values a, const Values& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
-}
-Values ChainTypes(const void* chain) {
-    Values types;
-    for (auto* n = static_cast<const VkBaseInStructure*>(chain); n != nullptr; n = n->pNext) types.push_back(n->sType);
-    return types;
 }
 
 constexpr VkImageLayout kRateLayout = VK_IMAGE_LAYOUT_FRAGMENT_SHADING_RATE_ATTACHMENT_OPTIMAL_KHR;
@@ -134,30 +128,6 @@ const struct {
     Values (*run)(Arena&);
     Values want;
 } kRewrites[] = {
-    {"device creation: the name and the features go; the chain is copied whole up to a node of unknown size",
-     [](Arena& a) {
-         VkBaseInStructure unknown = {VkStructureType(0x7ffffff0), nullptr};
-         VkPhysicalDeviceVulkan13Features f13 = {VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_3_FEATURES, &unknown};
-         f13.maintenance4 = VK_TRUE;  // its last member
-         VkPhysicalDeviceFragmentShadingRateFeaturesKHR rate = {
-             VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_SHADING_RATE_FEATURES_KHR, &f13};
-         VkPhysicalDeviceFeatures2 f2 = {VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FEATURES_2, &rate};
-         VkLayerDeviceLink next = {};
-         VkLayerDeviceCreateInfo link = {VK_STRUCTURE_TYPE_LOADER_DEVICE_CREATE_INFO, &f2, VK_LAYER_LINK_INFO, {&next}};
-         const char* names[3] = {"VK_KHR_swapchain", VK_KHR_FRAGMENT_SHADING_RATE_EXTENSION_NAME, "VK_EXT_other"};
-         const VkDeviceCreateInfo info = {VK_STRUCTURE_TYPE_DEVICE_CREATE_INFO, &link, 0, 0, nullptr, 0, nullptr, 3,
-                                          names};
-         const VkDeviceCreateInfo* o = StripDeviceCreateInfo(a, &info);
-         auto* copy = static_cast<const VkPhysicalDeviceVulkan13Features*>(
-             FindInChain(o->pNext, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_3_FEATURES));
-         const char* const* kept = o->ppEnabledExtensionNames;
-         return Cat(ChainTypes(o->pNext),
-                    V(static_cast<const VkLayerDeviceCreateInfo*>(o->pNext)->u.pLayerInfo == &next, copy != &f13,
-                      copy->maintenance4, copy->pNext == &unknown, o->enabledExtensionCount, kept[0] == names[0],
-                      kept[1] == names[2]));
-     },
-     V(VK_STRUCTURE_TYPE_LOADER_DEVICE_CREATE_INFO, VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FEATURES_2,
-       VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_VULKAN_1_3_FEATURES, 0x7ffffff0, true, true, VK_TRUE, true, 2, true, true)},
     {"render pass 1, barriers and submissions: layouts, stages and access",
      [](Arena& a) {
          const VkAttachmentDescription att = {0, VK_FORMAT_R8_UINT, VK_SAMPLE_COUNT_1_BIT, {}, {}, {}, {}, kRateLayout,
@@ -233,30 +203,6 @@ const struct {
      // An image needs some usage; the application uploads into one that had only the rate usage.
      V(2, 2, VK_IMAGE_USAGE_COLOR_ATTACHMENT_BIT, kSampled, 2, 12, 2, true, true, 1, 10, kSampled,
        VK_IMAGE_USAGE_TRANSFER_DST_BIT, VK_IMAGE_USAGE_TRANSFER_DST_BIT, VK_IMAGE_USAGE_TRANSFER_DST_BIT)},
-    {"pipelines and dynamic rendering: the dynamic state, the static rate, the flag, the attachment info",
-     [](Arena& a) {
-         const VkDynamicState states[3] = {VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_FRAGMENT_SHADING_RATE_KHR,
-                                           VK_DYNAMIC_STATE_SCISSOR};
-         const VkPipelineDynamicStateCreateInfo dyn = {VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO, nullptr, 0,
-                                                       3, states};
-         VkPipelineRenderingCreateInfo rendering = {VK_STRUCTURE_TYPE_PIPELINE_RENDERING_CREATE_INFO};
-         VkPipelineFragmentShadingRateStateCreateInfoKHR rate = {
-             VK_STRUCTURE_TYPE_PIPELINE_FRAGMENT_SHADING_RATE_STATE_CREATE_INFO_KHR, &rendering};
-         VkGraphicsPipelineCreateInfo pipe = {VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO, &rate,
-                                              VK_PIPELINE_CREATE_RENDERING_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR |
-                                                  VK_PIPELINE_CREATE_DISABLE_OPTIMIZATION_BIT};
-         pipe.pDynamicState = &dyn;
-         VkDeviceGroupRenderPassBeginInfo group = {VK_STRUCTURE_TYPE_DEVICE_GROUP_RENDER_PASS_BEGIN_INFO};
-         VkRenderingFragmentShadingRateAttachmentInfoKHR attachment = {
-             VK_STRUCTURE_TYPE_RENDERING_FRAGMENT_SHADING_RATE_ATTACHMENT_INFO_KHR, &group};
-         const VkRenderingInfo info = {VK_STRUCTURE_TYPE_RENDERING_INFO, &attachment};
-         const VkGraphicsPipelineCreateInfo* o = StripGraphicsPipelines(a, &pipe, 1);
-         const VkPipelineDynamicStateCreateInfo& d = *o->pDynamicState;
-         return Cat(Cat(ChainTypes(o->pNext), ChainTypes(StripRenderingInfo(a, &info)->pNext)),
-                    V(d.dynamicStateCount, d.pDynamicStates[0], d.pDynamicStates[1], o->flags));
-     },
-     V(VK_STRUCTURE_TYPE_PIPELINE_RENDERING_CREATE_INFO, VK_STRUCTURE_TYPE_DEVICE_GROUP_RENDER_PASS_BEGIN_INFO, 2,
-       VK_DYNAMIC_STATE_VIEWPORT, VK_DYNAMIC_STATE_SCISSOR, VK_PIPELINE_CREATE_DISABLE_OPTIMIZATION_BIT)},
 };
 
 TEST(Rewrites, NothingOfTheExtensionReachesTheDriver) {

@@ -15,13 +15,6 @@
 namespace fsr {
 namespace {
 
-TEST(TraceLine, EscapesWhatJsonRequires) {
-    TraceLine line("x");
-    line.Str("s", "a\"b\\c\nd\x01").Num("n", -5).Bool("b", false).Handle("h", 0).Handle("g", 0xabc);
-    EXPECT_EQ(line.Text(),
-              "{\"event\":\"x\",\"s\":\"a\\\"b\\\\c\\u000ad\\u0001\",\"n\":-5,\"b\":false,\"h\":null,\"g\":\"0xabc\"}\n");
-}
-
 // The trace file is chosen once per process, so this is the only test that writes one.
 TEST(Trace, ConcurrentWritersNeverSplitALine) {
     char path[] = "/tmp/fsr_trace_test.XXXXXX";
