@@ -48,16 +48,6 @@ std::vector<std::string> Names(const char* const* names, uint32_t count) {
     return names == nullptr ? std::vector<std::string>() : std::vector<std::string>(names, names + count);
 }
 
-template <typename LayerCreateInfo>
-const void* LinkOf(const void* pNext, VkStructureType sType) {
-    for (auto* p = static_cast<const VkBaseInStructure*>(pNext); p != nullptr; p = p->pNext) {
-        if (p->sType == sType) {
-            return reinterpret_cast<const LayerCreateInfo*>(p)->u.pLayerInfo;
-        }
-    }
-    return nullptr;
-}
-
 VkResult Enumerate(const std::vector<std::string>& offered, uint32_t* pCount, VkExtensionProperties* pProperties) {
     if (pProperties == nullptr) {
         *pCount = static_cast<uint32_t>(offered.size());
@@ -79,8 +69,6 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateInstance(const VkInstanceCreateInfo* pCreat
     fake.seenInstanceCreateInfo = pCreateInfo;
     fake.seenApiVersion = pCreateInfo->pApplicationInfo->apiVersion;
     fake.seenInstanceExtensions = Names(pCreateInfo->ppEnabledExtensionNames, pCreateInfo->enabledExtensionCount);
-    fake.seenLayerInfo =
-        LinkOf<VkLayerInstanceCreateInfo>(pCreateInfo->pNext, VK_STRUCTURE_TYPE_LOADER_INSTANCE_CREATE_INFO);
     if (fake.createInstanceResult >= 0) {
         *pInstance = reinterpret_cast<VkInstance>(fake.instanceToCreate);
     }
@@ -93,8 +81,6 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateDevice(VkPhysicalDevice physicalDevice, con
     FakeNextLayer& fake = *gCurrent;
     fake.seenDeviceCreateInfo = pCreateInfo;
     fake.seenDeviceExtensions = Names(pCreateInfo->ppEnabledExtensionNames, pCreateInfo->enabledExtensionCount);
-    fake.seenLayerInfo =
-        LinkOf<VkLayerDeviceCreateInfo>(pCreateInfo->pNext, VK_STRUCTURE_TYPE_LOADER_DEVICE_CREATE_INFO);
     if (fake.createDeviceResult >= 0) {
         *pDevice = reinterpret_cast<VkDevice>(fake.deviceToCreate);
     }
@@ -129,9 +115,8 @@ ZOVK_FAKE(vkQueuePresentKHR, VkResult, VkQueue, const VkPresentInfoKHR*)
 ZOVK_FAKE(vkQueueSubmit, VkResult, VkQueue, uint32_t, const VkSubmitInfo*, VkFence)
 ZOVK_FAKE(vkUnmapMemory, void, VkDevice, VkDeviceMemory)
 #undef ZOVK_FAKE
-VKAPI_ATTR void VKAPI_CALL Fake_vkFreeCommandBuffers(VkDevice d, VkCommandPool pool, uint32_t, const VkCommandBuffer*) {
+VKAPI_ATTR void VKAPI_CALL Fake_vkFreeCommandBuffers(VkDevice d, VkCommandPool, uint32_t, const VkCommandBuffer*) {
     Record(Event::kCall, "vkFreeCommandBuffers", d);
-    if (gCurrent != nullptr && gCurrent->onFreeCommandBuffers) gCurrent->onFreeCommandBuffers(pool);
 }
 VKAPI_ATTR void VKAPI_CALL Fake_vkCmdEndRenderPass(VkCommandBuffer c) { Record(Event::kCall, "vkCmdEndRenderPass", c); }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkEndCommandBuffer(VkCommandBuffer c) {
@@ -185,7 +170,6 @@ VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateRenderPass2(VkDevice d, const VkRend
     return Make("vkCreateRenderPass2", d, o, "attachments=" + std::to_string(i->attachmentCount));
 }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateFramebuffer(VkDevice d, const VkFramebufferCreateInfo* i, const VkAllocationCallbacks*, VkFramebuffer* o) {
-    Observe(gCurrent->onFramebuffer, i);
     return Make("vkCreateFramebuffer", d, o, "pass=" + Hex(i->renderPass) + " attachments=" + std::to_string(i->attachmentCount));
 }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateGraphicsPipelines(VkDevice d, VkPipelineCache, uint32_t n, const VkGraphicsPipelineCreateInfo* i, const VkAllocationCallbacks*, VkPipeline* o) {
@@ -229,9 +213,8 @@ VKAPI_ATTR void VKAPI_CALL Fake_vkGetPhysicalDeviceMemoryProperties(VkPhysicalDe
     for (uint32_t k = 0; k < 4; ++k) p->memoryTypes[k].propertyFlags = types[k];
 }
 VKAPI_ATTR void VKAPI_CALL Fake_vkGetPhysicalDeviceQueueFamilyProperties(VkPhysicalDevice, uint32_t* n, VkQueueFamilyProperties* p) {
-    const std::vector<VkQueueFamilyProperties>& families = gCurrent->queueFamilies;
-    if (p == nullptr || *n > families.size()) *n = static_cast<uint32_t>(families.size());
-    if (p != nullptr) std::copy(families.begin(), families.begin() + *n, p);
+    if (p != nullptr && *n > 0) p[0] = {VK_QUEUE_GRAPHICS_BIT | VK_QUEUE_TRANSFER_BIT, 1, 0, {1, 1, 1}};
+    *n = 1;
 }
 VKAPI_ATTR void VKAPI_CALL Fake_vkGetPhysicalDeviceProperties2(VkPhysicalDevice, VkPhysicalDeviceProperties2* p) {
     for (auto* s = static_cast<VkBaseOutStructure*>(p->pNext); s != nullptr; s = s->pNext) {
@@ -271,9 +254,8 @@ VKAPI_ATTR void VKAPI_CALL Fake_vkCmdSetFragmentShadingRateKHR(VkCommandBuffer c
     const auto op = [](VkFragmentShadingRateCombinerOpKHR o) { return o == VK_FRAGMENT_SHADING_RATE_COMBINER_OP_KEEP_KHR ? "KEEP" : o == VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR ? "REPLACE" : "OTHER"; };
     Record(Event::kCall, "vkCmdSetFragmentShadingRateKHR", c, std::to_string(size->width) + "x" + std::to_string(size->height) + " " + op(ops[0]) + "," + op(ops[1]));
 }
-VKAPI_ATTR void VKAPI_CALL Fake_vkCmdPipelineBarrier(VkCommandBuffer c, VkPipelineStageFlags src, VkPipelineStageFlags dst, VkDependencyFlags, uint32_t, const VkMemoryBarrier*, uint32_t, const VkBufferMemoryBarrier*, uint32_t n, const VkImageMemoryBarrier* b) {
+VKAPI_ATTR void VKAPI_CALL Fake_vkCmdPipelineBarrier(VkCommandBuffer c, VkPipelineStageFlags, VkPipelineStageFlags, VkDependencyFlags, uint32_t, const VkMemoryBarrier*, uint32_t, const VkBufferMemoryBarrier*, uint32_t n, const VkImageMemoryBarrier* b) {
     Record(Event::kCall, "vkCmdPipelineBarrier", c, n == 0 ? "" : "image=" + Hex(b[0].image) + " " + std::to_string(b[0].oldLayout) + "->" + std::to_string(b[0].newLayout));
-    if (gCurrent->onBarrier && n > 0) gCurrent->onBarrier(src, dst, b[0]);
 }
 VKAPI_ATTR void VKAPI_CALL Fake_vkCmdCopyBufferToImage(VkCommandBuffer c, VkBuffer b, VkImage i, VkImageLayout layout, uint32_t, const VkBufferImageCopy*) {
     Record(Event::kCall, "vkCmdCopyBufferToImage", c, "buffer=" + Hex(b) + " image=" + Hex(i) + " layout=" + std::to_string(layout));

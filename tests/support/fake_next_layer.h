@@ -80,10 +80,9 @@ public:
     VkQueue Queue() { return reinterpret_cast<VkQueue>(&queue); }
     VkCommandBuffer CommandBuffer() { return reinterpret_cast<VkCommandBuffer>(&commandBuffer); }
 
-    // What the last creates received; seenLayerInfo is the link element's pLayerInfo.
+    // What the last creates received.
     const void* seenInstanceCreateInfo = nullptr;
     const void* seenDeviceCreateInfo = nullptr;
-    const void* seenLayerInfo = nullptr;
     uint32_t seenApiVersion = 0;
     std::vector<std::string> seenInstanceExtensions;
     std::vector<std::string> seenDeviceExtensions;
@@ -96,17 +95,11 @@ public:
     std::vector<std::unique_ptr<FakeObject>> made;  // command buffers
     std::function<void(const VkRenderPassCreateInfo&)> onRenderPass;
     std::function<void(const VkRenderPassCreateInfo2&)> onRenderPass2;
-    std::function<void(const VkFramebufferCreateInfo&)> onFramebuffer;
     std::function<void(const VkGraphicsPipelineCreateInfo&)> onPipeline;
     std::function<void(const VkImageCreateInfo&)> onImage;
-    // For the resource helper: what memory requirements allow, the queue families,
-    // and observers of what the events leave out (binds, the pool command buffers go back
-    // to, a barrier's stages and access masks).
+    // For the resource helper: what memory requirements allow, and the binds the events leave out.
     uint32_t memoryTypeBits = 0x3f;
-    std::vector<VkQueueFamilyProperties> queueFamilies{{VK_QUEUE_GRAPHICS_BIT | VK_QUEUE_TRANSFER_BIT, 1, 0, {1, 1, 1}}};
     std::function<void(const char* name, uint64_t object, VkDeviceMemory memory)> onBind;
-    std::function<void(VkCommandPool pool)> onFreeCommandBuffers;
-    std::function<void(VkPipelineStageFlags src, VkPipelineStageFlags dst, const VkImageMemoryBarrier&)> onBarrier;
     // The loader's callback for objects a layer obtains itself: records "setDeviceLoaderData"
     // with the object, or fails for that name in failNames.
     static VkResult VKAPI_CALL SetDeviceLoaderData(VkDevice device, void* object);
