@@ -6,11 +6,12 @@ runs with a frame count it never reaches and is ended through its window (WM_DEL
 import json
 import os
 import re
+import signal
 import socket
 import struct
 import subprocess
 
-from it import LAYER, VALIDATION, expect, main, wait_until
+from it import LAYER, SUMMARY, VALIDATION, expect, main, wait_until
 
 APP = "com.miHoYo.hkrpg"
 OTHER_APP = "com.HoYoverse.hkrpgoversea"  # unknown to the service
@@ -113,6 +114,8 @@ def game_service(s):
         wait_until(lambda: s.count(os.path.basename(s.service_log), rf"^transaction 35 register {APP}_zovk"), 30,
                    "the callback registration (transaction 35)")
 
+    # What vulkaninfo prints with the layer offered but not enabled: a pass-through prints the same.
+    s.run("plain", SUMMARY, s.layers(), process=APP)
     s.start_xvfb()
 
     # fetch_and_register: the configuration fetch first, the build tag line, hook-enable bits 0 and 1, the
@@ -152,6 +155,30 @@ def game_service(s):
     none("push_records.err", r"[spv]_er_p:", "records for this package were rejected;")
     cube.close()
     s.stop_service()
+
+    # service_killed: more Vulkan work through the layer after the death (a new swapchain and pipeline).
+    start("service_killed")
+    cube = Vkcube(s, "killed")
+    registered()
+    s.service.kill()
+    status = s.stop_service()
+    expect(status == -signal.SIGKILL, f"the game service was not ended by SIGKILL (status {status})")
+    cube.resize(320, 240)
+    cube.close()
+
+    # hung_service: a stopped service makes the lookup or the fetch fail after the bounded wait; the
+    # program runs on as a pass-through.
+    start("service_hung")
+    s.service.send_signal(signal.SIGSTOP)
+    wait_until(lambda: open(f"/proc/{s.service.pid}/stat").read().rsplit(")", 1)[1].split()[0] == "T", 5,
+               "the game service stopping")
+    s.run("hung", SUMMARY, {**s.layers(LAYER, VALIDATION), "ZOVK_BINDER_TIMEOUT_MS": "1000"}, process=APP)
+    s.expect_validation("hung")
+    expect(s.text("hung.out") == s.text("plain.out"), "vulkaninfo printed something else after the failed fetch")
+    expect(s.count("hung.err", r"vxxk:call remote service failed\.$|remote service not exist\.$"),
+           "no failed fetch from the stopped service" + s.tail("hung.err"))
+    status = s.stop_service()
+    expect(status == 0, f"the game service, resumed after the layer gave up, exited with status {status}")
 
     # scene_report_once: {"sceneId":10005} reaches the service once although vkcube makes a graphics
     # pipeline per swapchain, and a new swapchain at each resize.
