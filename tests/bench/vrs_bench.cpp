@@ -13,28 +13,18 @@
 // present_level_change.sh on lavapipe.
 #include <benchmark/benchmark.h>
 
-#include <json/value.h>
 #include <stdlib.h>
 
 #include <memory>
-#include <utility>
-#include <string>
-#include <vector>
 
-#include "app/module/zovk_star_rail_vrs_module.h"
-#include "app/zovk_app_data.h"
-#include "app/zovk_factory.h"
-#include "settings/zovk_app_info_monitor.h"
-#include "settings/zovk_settings.h"
 #include "tests/support/fake_next_layer.h"
 #include "tests/support/served_device.h"
+#include "tests/support/star_rail_device.h"
 
 using namespace vulkan::zovk;
 using namespace vulkan::zovk::app;
 
 namespace {
-
-const char kPackage[] = "com.miHoYo.hkrpg";
 
 // clang-format off
 void VKAPI_CALL Draw(VkCommandBuffer, uint32_t, uint32_t, uint32_t, int32_t, uint32_t) {}
@@ -51,11 +41,6 @@ zovk_test::FakeObject gOneShot{nullptr};
 VkResult VKAPI_CALL Allocate(VkDevice, const VkCommandBufferAllocateInfo*, VkCommandBuffer* c) { *c = reinterpret_cast<VkCommandBuffer>(&gOneShot); return VK_SUCCESS; }
 // clang-format on
 
-template <typename H>
-H Handle(uint64_t value) {
-    return reinterpret_cast<H>(static_cast<uintptr_t>(value));
-}
-
 // A Star Rail device after its first frame: substitutes made, images uploaded, the scene gate
 // open at level 1, and a light secondary begun on `secondary`.
 struct VrsDevice {
@@ -64,25 +49,14 @@ struct VrsDevice {
         if (getenv("ZOVK_BINDER_DIR") == nullptr && mkdtemp(binderDir) != nullptr) {
             setenv("ZOVK_BINDER_DIR", binderDir, 1);  // no service there: the monitor gives up at once
         }
-        Json::Value config;
-        config["xrender_BaseInfo"] = "2";
-        config["vrs_Params"] = "1920x1080;5;10,12,3000,1;2";
-        served = std::make_unique<zovk_test::ServedDevice>(
-            fake, zovk_test::ServedDevice::ServeApplication(kPackage, new ZoVkStarRailData(), config));
-
-        const VkRenderPass light = CreatePass({{VK_FORMAT_B10G11R11_UFLOAT_PACK32, VK_ATTACHMENT_LOAD_OP_CLEAR},
-                                               {VK_FORMAT_D24_UNORM_S8_UINT, VK_ATTACHMENT_LOAD_OP_LOAD}});
-        const VkFramebuffer framebuffer =
-            CreateFramebuffer(CreatePass({{VK_FORMAT_B10G11R11_UFLOAT_PACK32, VK_ATTACHMENT_LOAD_OP_DONT_CARE},
-                                          {VK_FORMAT_D24_UNORM_S8_UINT, VK_ATTACHMENT_LOAD_OP_DONT_CARE}}), 2);
-        const auto main = [&](VkAttachmentLoadOp op) {
-            return CreatePass({{VK_FORMAT_R8G8B8A8_SRGB, op}, {VK_FORMAT_R8G8B8A8_UNORM, op},
-                               {VK_FORMAT_R8G8B8A8_UNORM, op}, {VK_FORMAT_R8G8B8A8_UNORM, op},
-                               {VK_FORMAT_D24_UNORM_S8_UINT, op}});
-        };
-        const VkRenderPass mainPass = main(VK_ATTACHMENT_LOAD_OP_CLEAR);
-        const VkFramebuffer mainFramebuffer = CreateFramebuffer(main(VK_ATTACHMENT_LOAD_OP_DONT_CARE), 5);
-        SetLevel(1);
+        using namespace zovk_test;
+        served = std::make_unique<ServedDevice>(fake, ServeStarRailVrs("1920x1080;5;10,12,3000,1;2"));
+        constexpr auto kClear = VK_ATTACHMENT_LOAD_OP_CLEAR, kDontCare = VK_ATTACHMENT_LOAD_OP_DONT_CARE;
+        const VkRenderPass light = CreatePass(StarRailLightPass(kClear, VK_ATTACHMENT_LOAD_OP_LOAD));
+        const VkFramebuffer framebuffer = CreateFramebuffer(CreatePass(StarRailLightPass(kDontCare, kDontCare)), 2);
+        const VkRenderPass mainPass = CreatePass(StarRailMainPass(kClear));
+        const VkFramebuffer mainFramebuffer = CreateFramebuffer(CreatePass(StarRailMainPass(kDontCare)), 5);
+        zovk_test::PushStarRailScene(1);
         present = served->Call<PFN_vkQueuePresentKHR>("vkQueuePresentKHR");
         draw = served->Call<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed");
         present(fake.Queue(), &presentInfo);  // uploads the images, opens the level and scene gates
@@ -114,11 +88,6 @@ struct VrsDevice {
     }
     VkFramebuffer CreateFramebuffer(VkRenderPass pass, uint32_t attachments) {
         return served->CreateFramebuffer(pass, attachments, 1920, 1080);
-    }
-    static void SetLevel(int level) {
-        auto* monitor = android::ZoVkAppInfoMonitor::GetInstance();
-        monitor->ParseGameSceneId(kPackage, 1058);
-        monitor->ParseVkVrsSwitch(kPackage, level);
     }
     VkCommandBuffer Secondary() { return reinterpret_cast<VkCommandBuffer>(&secondaryObject); }
     VkCommandBuffer Primary() { return reinterpret_cast<VkCommandBuffer>(&primaryObject); }
@@ -170,7 +139,7 @@ void BM_VrsPresentLevelChange(benchmark::State& state) {
     int level = 1;
     for (auto _ : state) {
         level = 3 - level;
-        VrsDevice::SetLevel(level);
+        zovk_test::PushStarRailScene(level);
         gDevice->present(queue, &gDevice->presentInfo);
     }
 }
