@@ -32,7 +32,7 @@ PKGS=(
   libjsoncpp-dev android-liblog-dev android-libbase-dev android-libutils-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang-14 libclang-rt-14-dev llvm-14 valgrind
-  xvfb xauth x11-utils procps gfxreconstruct vkbasalt mangohud
+  xvfb xauth x11-utils python3-xlib procps gfxreconstruct vkbasalt mangohud
   libpng-dev bc
   # Android.bp's formatter, and libbinder's headers of API 29 (bookworm's, not backports' later
   # ones) for tools/android/check_binder_headers.py.

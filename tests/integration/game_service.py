@@ -7,9 +7,10 @@ import json
 import os
 import re
 import signal
-import socket
-import struct
 import subprocess
+
+import Xlib.display
+import Xlib.protocol.event
 
 from it import LAYER, SUMMARY, VALIDATION, expect, main, wait_until
 
@@ -21,44 +22,16 @@ SERVICE_TROUBLE = r"remote service not exi|call remote service failed|remote ser
 
 def x11_request(display, window, request):
     """Sends vkcube's window what no X client tool here sends: ConfigureWindow ("resize", width, height;
-    vkcube recreates its swapchain) or the WM_DELETE_WINDOW message ("close"; vkcube quits). Xvfb
-    accepts local clients without authorisation."""
-    conn = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    conn.connect("/tmp/.X11-unix/X" + display.split(":")[1].split(".")[0])
-
-    def receive(size):
-        data = b""
-        while len(data) < size:
-            chunk = conn.recv(size - len(data))
-            expect(chunk, "the X server closed the connection")
-            data += chunk
-        return data
-
-    def reply():
-        while True:
-            packet = receive(32)
-            expect(packet[0] != 0, f"X error {packet[1]} on resource 0x{struct.unpack_from('<I', packet, 4)[0]:x}")
-            if packet[0] == 1:
-                return packet + receive(struct.unpack_from("<I", packet, 4)[0] * 4)
-
-    def atom(name):
-        raw = name.encode()
-        pad = -len(raw) % 4
-        conn.sendall(struct.pack("<BBHHxx", 16, 1, 2 + (len(raw) + pad) // 4, len(raw)) + raw + b"\0" * pad)
-        return struct.unpack_from("<I", reply(), 8)[0]
-
-    conn.sendall(struct.pack("<BxHHHHxx", 0x6C, 11, 0, 0, 0))
-    setup = receive(8)
-    receive(struct.unpack_from("<H", setup, 6)[0] * 4)
-    expect(setup[0] == 1, "the X server refused the connection")
+    vkcube recreates its swapchain) or the WM_DELETE_WINDOW message ("close"; vkcube quits)."""
+    conn = Xlib.display.Display(display)
+    target = conn.create_resource_object("window", window)
     if request[0] == "resize":
-        conn.sendall(struct.pack("<BxHIHxxII", 12, 5, window, 0x4 | 0x8, request[1], request[2]))
+        target.configure(width=request[1], height=request[2])
     else:
-        protocols, delete = atom("WM_PROTOCOLS"), atom("WM_DELETE_WINDOW")
-        message = struct.pack("<BBHII5I", 33, 32, 0, window, protocols, delete, 0, 0, 0, 0)
-        conn.sendall(struct.pack("<BBHII", 25, 0, 11, window, 0) + message)
-    conn.sendall(struct.pack("<BxH", 43, 1))  # GetInputFocus: its reply follows any error of the request
-    reply()
+        delete = conn.intern_atom("WM_DELETE_WINDOW")
+        target.send_event(Xlib.protocol.event.ClientMessage(
+            window=target, client_type=conn.intern_atom("WM_PROTOCOLS"), data=(32, [delete, 0, 0, 0, 0])))
+    conn.sync()  # an error of the request is raised here
     conn.close()
 
 
