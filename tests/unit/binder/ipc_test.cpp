@@ -234,27 +234,6 @@ TEST_F(Ipc, DirectoriesThatOthersCouldReachAreRefused) {
     }
 }
 
-TEST_F(Ipc, SocketsLeaveWithTheirProcessOrAreSweptByTheNext) {
-    const pid_t exiting = fork();
-    if (exiting == 0) {
-        Parcel parcel;
-        const bool made = Register("svc") == android::OK && parcel.writeStrongBinder(new TestService()) == android::OK;
-        exit(made && dir_.Entries().size() == 3 ? 0 : 1);  // a normal exit, with its teardown
-    }
-    int status = -1;
-    waitpid(exiting, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_TRUE(dir_.Entries().empty());
-
-    const sp<IBinder> stale = StartChild();
-    const pid_t killed = child_->pid();
-    child_->KillAndReap();
-    ASSERT_TRUE(dir_.HasNodeOf(killed));
-    ASSERT_EQ(Register("echo"), android::OK) << "the stale name is taken over";
-    EXPECT_FALSE(dir_.HasNodeOf(killed));
-    EXPECT_NE(Find("echo"), nullptr);
-}
-
 // --- peers that do not follow the transport ---------------------------------------------------
 
 // Well-formed frames are exercised by every call; these are the bounds and what the transport refuses.
