@@ -4,11 +4,8 @@
 
 #include <json/value.h>
 
-#include <algorithm>
 #include <array>
-#include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
