@@ -17,7 +17,8 @@ namespace vulkan::zovk {
 ZoVkSettings::ZoVkSettings()
     : pid_(getpid()),
       layerName_(kZoVkLayerName),
-      logDebug_(property_get_bool("vendor.zovk.log.debug", false) != 0) {}
+      logDebug_(property_get_bool("vendor.zovk.log.debug", false) != 0),
+      vrsConforming_(property_get_bool("vendor.zovk.vrs.conforming", false) != 0) {}
 
 const std::unordered_map<std::string, ZoVkApplicationType>& ZoVkSettings::PackageTable() {
     using Table = std::unordered_map<std::string, ZoVkApplicationType>;

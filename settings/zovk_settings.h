@@ -83,6 +83,8 @@ public:
     const std::string& GetLayerName() const { return layerName_; }
     bool IsDebuggable() const { return debuggable_; }
     bool IsLogDebug() const { return logDebug_; }
+    // "vendor.zovk.vrs.conforming": the VRS modules reach their shading with valid Vulkan only.
+    bool IsVrsConforming() const { return vrsConforming_; }
     int32_t GetPid() const { return pid_; }
     ZoVkApplicationType GetApplicationType() const { return applicationType_; }
     const android::String8& GetProcessName() const { return processName_; }
@@ -113,6 +115,7 @@ private:
     std::string layerName_;
     bool debuggable_ = false;
     bool logDebug_ = false;
+    bool vrsConforming_ = false;
 };
 
 }  // namespace vulkan::zovk

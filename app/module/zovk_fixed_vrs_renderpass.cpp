@@ -353,6 +353,38 @@ void ZoVkFixedVRSRenderpass::updateImageDataFromBuffer(VkImage image, uint32_t w
     endSingleTimeCommands(commandBuffer);
 }
 
+void ZoVkFixedVRSRenderpass::recordShadingRateUpload(VkCommandBuffer commandBuffer, ShadingRateImageInfo& info,
+                                                     VkBuffer buffer) {
+    if (commandBuffer == VK_NULL_HANDLE || info.image == VK_NULL_HANDLE || info.width == 0 || info.height == 0) {
+        return;
+    }
+    constexpr VkImageLayout kAttachment = VK_IMAGE_LAYOUT_FRAGMENT_SHADING_RATE_ATTACHMENT_OPTIMAL_KHR;
+    constexpr VkPipelineStageFlags kRateStage = VK_PIPELINE_STAGE_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR;
+    const bool fresh = info.layout != kAttachment;
+    const auto& functions = DeviceInfo()->functions;
+    VkImageMemoryBarrier barrier{};
+    barrier.sType = VK_STRUCTURE_TYPE_IMAGE_MEMORY_BARRIER;
+    barrier.srcQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+    barrier.dstQueueFamilyIndex = VK_QUEUE_FAMILY_IGNORED;
+    barrier.image = info.image;
+    barrier.subresourceRange = {VK_IMAGE_ASPECT_COLOR_BIT, 0, 1, 0, 1};
+    // Earlier shading-rate reads only need to finish before the copy writes: no access to flush.
+    barrier.oldLayout = fresh ? VK_IMAGE_LAYOUT_UNDEFINED : kAttachment;
+    barrier.newLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    barrier.dstAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
+    const VkPipelineStageFlags before = fresh ? VkPipelineStageFlags{VK_PIPELINE_STAGE_TOP_OF_PIPE_BIT} : kRateStage;
+    functions.vkCmdPipelineBarrier(commandBuffer, before,
+                                   VK_PIPELINE_STAGE_TRANSFER_BIT, 0, 0, nullptr, 0, nullptr, 1, &barrier);
+    CopyBufferToImage(commandBuffer, buffer, info.image, info.width, info.height);
+    barrier.oldLayout = VK_IMAGE_LAYOUT_TRANSFER_DST_OPTIMAL;
+    barrier.newLayout = kAttachment;
+    barrier.srcAccessMask = VK_ACCESS_TRANSFER_WRITE_BIT;
+    barrier.dstAccessMask = VK_ACCESS_FRAGMENT_SHADING_RATE_ATTACHMENT_READ_BIT_KHR;
+    functions.vkCmdPipelineBarrier(commandBuffer, VK_PIPELINE_STAGE_TRANSFER_BIT, kRateStage, 0, 0, nullptr, 0,
+                                   nullptr, 1, &barrier);
+    info.layout = kAttachment;
+}
+
 void ZoVkFixedVRSRenderpass::destroyShadingRateImage(ShadingRateImageInfo& info) {
     const ZoVkDeviceInfo* record = DeviceInfo();
     const VkDevice device = record->device;

@@ -44,6 +44,11 @@ public:
     // transitions it. `data` holds width * height bytes.
     void updateImageDataFromPtr(VkImage image, uint32_t width, uint32_t height, const unsigned char* data);
     void updateImageDataFromBuffer(VkImage image, uint32_t width, uint32_t height, VkBuffer buffer);
+    // Records the upload of `buffer` (width * height bytes) into `info`'s image with the
+    // barriers Vulkan requires: from the layout the image is in (undefined at first, else the
+    // attachment layout, where work submitted earlier may still read it) to the transfer
+    // layout, and back to the attachment layout for the shading-rate reads of later work.
+    void recordShadingRateUpload(VkCommandBuffer commandBuffer, ShadingRateImageInfo& info, VkBuffer buffer);
     // Destroys what `info` holds and clears its handles, so a second call frees nothing twice.
     void destroyShadingRateImage(ShadingRateImageInfo& info);
 

@@ -191,6 +191,7 @@ VkCommandPool ResourceCreate::OneShotPool() {
 }
 
 VkCommandBuffer ResourceCreate::beginSingleTimeCommands() {
+    ReclaimSubmissions(false);
     const ZoVkDeviceInfo* record = DeviceInfo();
     const VkDevice device = record->device;
     const VkCommandPool pool = OneShotPool();
@@ -250,6 +251,66 @@ void ResourceCreate::endSingleTimeCommands(VkCommandBuffer commandBuffer) {
     record->functions.vkFreeCommandBuffers(device, recordingPool_, 1, &commandBuffer);
 }
 
+void ResourceCreate::submitSingleTimeCommands(VkCommandBuffer commandBuffer) {
+    if (commandBuffer == VK_NULL_HANDLE) {
+        return;
+    }
+    const ZoVkDeviceInfo* record = DeviceInfo();
+    const VkDevice device = record->device;
+    record->functions.vkEndCommandBuffer(commandBuffer);
+    const VkQueue queue = submitQueue_ != VK_NULL_HANDLE ? submitQueue_ : GraphicsQueue();
+    VkFenceCreateInfo fenceInfo{};
+    fenceInfo.sType = VK_STRUCTURE_TYPE_FENCE_CREATE_INFO;
+    VkFence fence = VK_NULL_HANDLE;
+    if (queue == VK_NULL_HANDLE || record->functions.vkCreateFence(device, &fenceInfo, nullptr, &fence) != VK_SUCCESS) {
+        ZOVK_LOGE("one-shot work not submitted: %s", queue == VK_NULL_HANDLE ? "no queue" : "no fence");
+        record->functions.vkFreeCommandBuffers(device, recordingPool_, 1, &commandBuffer);
+        return;
+    }
+    VkSubmitInfo submit{};
+    submit.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO;
+    submit.commandBufferCount = 1;
+    submit.pCommandBuffers = &commandBuffer;
+    const VkResult result = record->functions.vkQueueSubmit(queue, 1, &submit, fence);
+    if (result != VK_SUCCESS) {
+        // Nothing will signal the fence: both go now.
+        ZOVK_LOGE("one-shot submission failed, ret:%d", result);
+        record->functions.vkDestroyFence(device, fence, nullptr);
+        record->functions.vkFreeCommandBuffers(device, recordingPool_, 1, &commandBuffer);
+        return;
+    }
+    inFlight_.push_back({commandBuffer, recordingPool_, fence});
+}
+
+void ResourceCreate::ReclaimSubmissions(bool wait) {
+    if (inFlight_.empty()) {
+        return;
+    }
+    const ZoVkDeviceInfo* record = DeviceInfo();
+    const VkDevice device = record->device;
+    if (wait) {
+        std::vector<VkFence> fences;
+        for (const InFlight& f : inFlight_) fences.push_back(f.fence);
+        // Bounded: a lost device must not hang its own destruction.
+        constexpr uint64_t kTimeoutNs = 2'000'000'000;
+        const VkResult result = record->functions.vkWaitForFences(device, static_cast<uint32_t>(fences.size()),
+                                                                  fences.data(), VK_TRUE, kTimeoutNs);
+        if (result != VK_SUCCESS) {
+            ZOVK_LOGE("one-shot work still in flight at release, ret:%d", result);
+        }
+    }
+    size_t kept = 0;
+    for (const InFlight& f : inFlight_) {
+        if (wait || record->functions.vkGetFenceStatus(device, f.fence) == VK_SUCCESS) {
+            record->functions.vkDestroyFence(device, f.fence, nullptr);
+            record->functions.vkFreeCommandBuffers(device, f.pool, 1, &f.commandBuffer);
+        } else {
+            inFlight_[kept++] = f;
+        }
+    }
+    inFlight_.resize(kept);
+}
+
 VkQueue ResourceCreate::GraphicsQueue() {
     if (graphicsQueueCached_) {
         return graphicsQueue_;
@@ -307,6 +368,7 @@ void ResourceCreate::transitionImageLayout(VkImage image, VkFormat /*format*/, V
 }
 
 void ResourceCreate::Release() {
+    ReclaimSubmissions(true);
     if (ownPool_ != VK_NULL_HANDLE) {
         const ZoVkDeviceInfo* record = DeviceInfo();
         record->functions.vkDestroyCommandPool(record->device, ownPool_, nullptr);

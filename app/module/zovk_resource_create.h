@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include <vulkan/vulkan_core.h>
 
@@ -22,8 +23,10 @@ namespace vulkan::zovk::app::module {
 // Images, views, buffers and memory are handed to the caller, who destroys them; a create
 // whose memory cannot be had destroys what it made and fails. The helper owns only its
 // transient command pool, which Release() destroys: call it before the device goes.
-// One-shot operations wait for their queue to go idle: the submit queue when one is set
-// (a queue the application holds at that moment), otherwise the first graphics queue.
+// One-shot operations go to the submit queue when one is set (a queue the application holds
+// at that moment), otherwise to the first graphics queue. endSingleTimeCommands waits for
+// that queue to go idle; submitSingleTimeCommands does not wait, and its command buffers
+// are freed once their fences have signalled.
 class ResourceCreate {
 public:
     // Works on `device`, or on the processor's device record when it is null.
@@ -44,6 +47,10 @@ public:
     // Null when no command buffer could be had; endSingleTimeCommands accepts that.
     VkCommandBuffer beginSingleTimeCommands();
     void endSingleTimeCommands(VkCommandBuffer commandBuffer);
+    // Ends and submits with a fence, without waiting: for work recorded on the application's
+    // render thread. Ordering with the application's later work on the same queue comes from
+    // the barriers recorded in it.
+    void submitSingleTimeCommands(VkCommandBuffer commandBuffer);
     // First family with graphics queues, UINT32_MAX when none.
     uint32_t findGraphicQueueFamilies();
 
@@ -55,8 +62,9 @@ public:
     void SetSubmitQueue(VkQueue queue) { submitQueue_ = queue; }
     // The first graphics family's first queue, null when there is none.
     VkQueue GraphicsQueue();
-    // Destroys the helper's own pool and forgets everything tied to the device. For the
-    // device's pre-destroy path, before the next layer destroys the device.
+    // Waits for the submissions still in flight, destroys the helper's own pool and forgets
+    // everything tied to the device. For the device's pre-destroy path, before the next
+    // layer destroys the device.
     void Release();
 
 protected:
@@ -68,6 +76,8 @@ private:
                         VkDeviceMemory& memory);
 
     const VkPhysicalDeviceMemoryProperties& MemoryProperties();
+    // Frees the command buffers and fences of finished submissions; with `wait`, of all of them.
+    void ReclaimSubmissions(bool wait);
     // findGraphicQueueFamilies, asked once per device: every one-shot submission needs it.
     uint32_t GraphicsFamily();
     VkCommandPool OneShotPool();
@@ -86,6 +96,12 @@ private:
     bool ownPoolTried_ = false;
     // The pool the command buffer being recorded came from, to free it there.
     VkCommandPool recordingPool_ = VK_NULL_HANDLE;
+    struct InFlight {
+        VkCommandBuffer commandBuffer;
+        VkCommandPool pool;
+        VkFence fence;
+    };
+    std::vector<InFlight> inFlight_;
 };
 
 }  // namespace vulkan::zovk::app::module

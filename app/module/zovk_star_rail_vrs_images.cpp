@@ -47,6 +47,19 @@ void ZoVkStarRailVRSModule::UploadTemplate(DeviceState& state, ShadingRateImageI
     }
 }
 
+void ZoVkStarRailVRSModule::UploadConforming(
+    DeviceState& state, std::initializer_list<std::pair<ShadingRateImageInfo*, const TemplateBuffer*>> uploads) {
+    ZoVkFixedVRSRenderpass& builder = state.renderpassBuilder;
+    const VkCommandBuffer commandBuffer = builder.beginSingleTimeCommands();
+    if (commandBuffer == VK_NULL_HANDLE) {
+        return;
+    }
+    for (const auto& [image, buffer] : uploads) {
+        builder.recordShadingRateUpload(commandBuffer, *image, buffer->buffer);
+    }
+    builder.submitSingleTimeCommands(commandBuffer);
+}
+
 void ZoVkStarRailVRSModule::DestroyTemplateBuffers(DeviceState& state, std::vector<TemplateBuffer>& buffers) {
     const ZoVkDeviceInfo* record = ZoVkContextManager::GetInstance()->GetDeviceInfo(GetDispatchKey(state.device));
     for (const TemplateBuffer& t : buffers) {
@@ -71,7 +84,7 @@ bool ZoVkStarRailVRSModule::initShadingRateImages(DeviceState& state) {
     state.templateBuffers.resize(count);
     bool made = false;
     for (size_t i = 0; i < count; ++i) {
-        const MyVkExtent2D size = shadingRateImageSize(moduleData->resolutions[i], state.texelSize);
+        const MyVkExtent2D size = shadingRateImageSize(moduleData->resolutions[i], state.texelSize, conforming_);
         if (size.width == 0 || size.height == 0) {
             // Only this resolution goes without: the others still get their images.
             if (state.tooSmallLogged) continue;
@@ -150,9 +163,15 @@ bool ZoVkStarRailVRSModule::initShadingRateImageTemplates(DeviceState& state, in
 
 void ZoVkStarRailVRSModule::UploadFirstTemplates(DeviceState& state) {
     for (size_t i = 0; i < state.templateBuffers.size(); ++i) {
-        if (state.templateBuffers[i].size() >= 3) {
-            UploadTemplate(state, state.mainPass.images[i], state.templateBuffers[i][0]);
-            UploadTemplate(state, state.lightPass.images[i], state.templateBuffers[i][2]);
+        const std::vector<TemplateBuffer>& buffers = state.templateBuffers[i];
+        if (buffers.size() < 3) {
+            continue;
+        }
+        if (conforming_) {
+            UploadConforming(state, {{&state.mainPass.images[i], &buffers[0]}, {&state.lightPass.images[i], &buffers[2]}});
+        } else {
+            UploadTemplate(state, state.mainPass.images[i], buffers[0]);
+            UploadTemplate(state, state.lightPass.images[i], buffers[2]);
         }
     }
     SetFlags(state, kImagesReady);
@@ -171,9 +190,15 @@ void ZoVkStarRailVRSModule::UploadLevel(DeviceState& state, int level) {
     ShadingRateImageInfo& light = state.lightPass.images[index];
     const std::vector<TemplateBuffer>& buffers = state.templateBuffers[index];
     const auto start = std::chrono::steady_clock::now();
-    state.renderpassBuilder.updateImageDataFromBuffer(main.image, main.width, main.height, buffers[level - 1].buffer);
-    state.renderpassBuilder.updateImageDataFromBuffer(light.image, main.width, main.height, buffers[level + 1].buffer);
-    // Each upload waits for the queue: what that costs this present.
+    if (conforming_) {
+        UploadConforming(state, {{&main, &buffers[level - 1]}, {&light, &buffers[level + 1]}});
+    } else {
+        state.renderpassBuilder.updateImageDataFromBuffer(main.image, main.width, main.height,
+                                                          buffers[level - 1].buffer);
+        state.renderpassBuilder.updateImageDataFromBuffer(light.image, main.width, main.height,
+                                                          buffers[level + 1].buffer);
+    }
+    // What the uploads cost this present (each waits for the queue unless conforming).
     ZOVK_VRS_TRACE(debugLog, "Star Rail VRS: level %d uploaded in %lld us", level,
                    static_cast<long long>(
                        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start)

@@ -45,7 +45,9 @@ ZoVkStarRailVRSModule::DeviceState::DeviceState(ZoVkProcessorBase* processor, Vk
 }
 
 ZoVkStarRailVRSModule::ZoVkStarRailVRSModule(ZoVkProcessorBase* processor)
-    : ZoVkModuleBase(processor), processor_(static_cast<ZoVkStarRailProcessor*>(processor)) {
+    : ZoVkModuleBase(processor),
+      conforming_(ZoVkSettings::GetInstance()->IsVrsConforming()),
+      processor_(static_cast<ZoVkStarRailProcessor*>(processor)) {
     ZoVkProcessorDataBase* data = ZoVkSettings::GetInstance()->GetProcessorData();
     // The factory builds this id's configuration as ZoVkStarRailVRSModuleData, nothing else.
     moduleData = static_cast<ZoVkStarRailVRSModuleData*>(
@@ -58,6 +60,9 @@ ZoVkStarRailVRSModule::ZoVkStarRailVRSModule(ZoVkProcessorBase* processor)
         valid = false;
     }
     debugLog = property_get_bool("vendor.zogl.hkrpg.vrs.debug", false) != 0;
+    if (conforming_ && valid) {
+        ZOVK_LOGI("Star Rail VRS: conforming mode");
+    }
 }
 
 ZoVkStarRailVRSModule::DeviceState* ZoVkStarRailVRSModule::State(VkDevice device, bool make) {
@@ -113,7 +118,8 @@ bool ZoVkStarRailVRSModule::Untrack(std::unordered_set<VkCommandBuffer>& set, Vk
 
 void ZoVkStarRailVRSModule::StartLightRecording(DeviceState& state, VkCommandBuffer commandBuffer) {
     const auto [entry, made] = state.lightRecordings.insert_or_assign(commandBuffer, DeviceState::LightRecording{});
-    entry->second.coarse = state.coarseRateActive;
+    // In the conforming mode the secondary's own begin set the attachment rate.
+    entry->second.coarse = conforming_ || state.coarseRateActive;
     if (made) {
         lightRecordings_.fetch_add(1, std::memory_order_relaxed);
     }

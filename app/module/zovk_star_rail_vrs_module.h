@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -46,6 +47,11 @@ namespace vulkan::zovk::app::module {
 // (zovk_star_rail_vrs_recording.cpp); it keeps one shading-rate image per configured resolution
 // and pass, filled from template patterns, and switches them at presentation when the game's
 // VRS level changes (zovk_star_rail_vrs_images.cpp).
+//
+// In the conforming mode ("vendor.zovk.vrs.conforming") the same shading is reached with valid
+// Vulkan only: the rate goes into each redirected secondary at its begin instead of after it
+// ended, images cover the whole render area, and uploads carry their barriers and are not
+// waited for.
 //
 // Everything is kept per device and released at that device's pre-destroy. Games create and
 // record on several threads: one mutex guards the devices' state. The calls a frame makes
@@ -149,6 +155,10 @@ public:
     // Brings a new image from undefined through the transfer layout to the attachment layout
     // with `buffer` uploaded; an image that was already brought there just gets the upload.
     void UploadTemplate(DeviceState& state, ShadingRateImageInfo& image, const TemplateBuffer& buffer);
+    // The conforming mode's uploads: each pair (image, buffer) recorded with its barriers into
+    // one command buffer, submitted without waiting.
+    void UploadConforming(DeviceState& state,
+                          std::initializer_list<std::pair<ShadingRateImageInfo*, const TemplateBuffer*>> uploads);
     // The step at every present: the scene gate, the level, and the uploads, on the queue
     // being presented.
     void Present(DeviceState& state, VkQueue queue);
@@ -162,6 +172,7 @@ public:
 
     ZoVkStarRailVRSModuleData* moduleData = nullptr;
     bool debugLog = false;
+    const bool conforming_;
     ZoVkStarRailProcessor* processor_;
 
     std::mutex mutex_;  // guards devices_ and everything in them

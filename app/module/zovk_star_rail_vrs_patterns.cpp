@@ -92,9 +92,12 @@ bool fillShadingRateTemplate(uint32_t templateIndex, void* texels, uint32_t widt
     }
 }
 
-MyVkExtent2D shadingRateImageSize(const MyVkExtent2D& resolution, const MyVkExtent2D& texelSize) {
-    return {texelSize.width == 0 ? 0 : resolution.width / texelSize.width,
-            texelSize.height == 0 ? 0 : resolution.height / texelSize.height};
+MyVkExtent2D shadingRateImageSize(const MyVkExtent2D& resolution, const MyVkExtent2D& texelSize, bool roundUp) {
+    const auto texels = [roundUp](uint32_t pixels, uint32_t texel) -> uint32_t {
+        if (texel == 0) return 0;
+        return pixels / texel + (roundUp && pixels % texel != 0 ? 1 : 0);
+    };
+    return {texels(resolution.width, texelSize.width), texels(resolution.height, texelSize.height)};
 }
 
 }  // namespace vulkan::zovk::app::module

@@ -26,7 +26,9 @@ void createLightPassShadingRateTemplate2(void* texels, uint32_t width, uint32_t 
 bool fillShadingRateTemplate(uint32_t templateIndex, void* texels, uint32_t width, uint32_t height);
 
 // Size of the shading-rate image for a render resolution: integer division by the texel size,
-// 0 in a direction whose texel number is 0.
-MyVkExtent2D shadingRateImageSize(const MyVkExtent2D& resolution, const MyVkExtent2D& texelSize);
+// rounded up with `roundUp` so that the image covers every pixel; 0 in a direction whose
+// texel size is 0.
+MyVkExtent2D shadingRateImageSize(const MyVkExtent2D& resolution, const MyVkExtent2D& texelSize,
+                                  bool roundUp = false);
 
 }  // namespace vulkan::zovk::app::module

@@ -62,6 +62,7 @@ ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuf
     VkCommandBufferInheritanceInfo redirected{};
     VkCommandBufferBeginInfo begin{};
     const VkCommandBufferBeginInfo* info = pBeginInfo;
+    uint32_t rateFlag = 0;  // the conforming mode's rate for this secondary, set once it records
     {
         std::lock_guard<std::mutex> lock(mutex_);
         DeviceState* state = State(next.Record().device, false);
@@ -95,10 +96,23 @@ ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuf
                 begin.pInheritanceInfo = &redirected;
                 info = &begin;
                 SetFlags(*state, kSecondaryRedirected);
+                if (conforming_) {
+                    rateFlag = state->mainPass.secondaryCommandBuffers.count(commandBuffer) != 0 ? kMainRateSet
+                                                                                                 : kLightRateSet;
+                }
             }
         }
     }
-    return next(commandBuffer, info);
+    ZoVkPassed<VkResult> passed = next(commandBuffer, info);
+    if (rateFlag != 0 && passed.Result() == VK_SUCCESS) {
+        // A secondary inherits no rate from the primary that runs it: its own recording needs one.
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (DeviceState* state = State(next.Record().device, false)) {
+            SetRate(*state, next.NextLayer(), commandBuffer, VK_FRAGMENT_SHADING_RATE_COMBINER_OP_REPLACE_KHR);
+            SetFlags(*state, rateFlag);
+        }
+    }
+    return passed;
 }
 
 ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer commandBuffer,
@@ -194,13 +208,16 @@ ZoVkPassed<void> ZoVkStarRailVRSModule::PreVkCmdExecuteCommands(VkCommandBuffer 
         std::lock_guard<std::mutex> lock(mutex_);
         DeviceState* state = State(next.Record().device, false);
         // The rate goes into each secondary after the game finished recording it, just before
-        // the primary runs it.
+        // the primary runs it; the conforming mode set it when the secondary began.
         const bool main = state != nullptr && state->mainPass.passCommandBuffers.count(commandBuffer) != 0;
         if (state != nullptr && (state->vrsFlags & kNeeded) == kNeeded &&
             (main || state->lightPass.passCommandBuffers.count(commandBuffer) != 0)) {
             PassState& pass = main ? state->mainPass : state->lightPass;
             for (uint32_t i = 0; i < commandBufferCount; ++i) {
                 if (!Untrack(pass.secondaryCommandBuffers, pCommandBuffers[i])) {
+                    continue;
+                }
+                if (conforming_) {
                     continue;
                 }
                 if (!main) {

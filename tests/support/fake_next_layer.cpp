@@ -158,6 +158,7 @@ ZOVK_FAKE_DESTROY(vkDestroyImageView, VkImageView)
 ZOVK_FAKE_DESTROY(vkDestroyBuffer, VkBuffer)
 ZOVK_FAKE_DESTROY(vkDestroyCommandPool, VkCommandPool)
 ZOVK_FAKE_DESTROY(vkFreeMemory, VkDeviceMemory)
+ZOVK_FAKE_DESTROY(vkDestroyFence, VkFence)
 #undef ZOVK_FAKE_DESTROY
 
 // clang-format off
@@ -188,6 +189,10 @@ VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateImage(VkDevice d, const VkImageCreat
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateImageView(VkDevice d, const VkImageViewCreateInfo* i, const VkAllocationCallbacks*, VkImageView* o) { return Make("vkCreateImageView", d, o, "image=" + Hex(i->image)); }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateBuffer(VkDevice d, const VkBufferCreateInfo* i, const VkAllocationCallbacks*, VkBuffer* o) { return Make("vkCreateBuffer", d, o, "size=" + std::to_string(i->size)); }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkAllocateMemory(VkDevice d, const VkMemoryAllocateInfo* i, const VkAllocationCallbacks*, VkDeviceMemory* o) { return Make("vkAllocateMemory", d, o, "type=" + std::to_string(i->memoryTypeIndex)); }
+VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateFence(VkDevice d, const VkFenceCreateInfo*, const VkAllocationCallbacks*, VkFence* o) { return Make("vkCreateFence", d, o); }
+// Every fence has signalled.
+VKAPI_ATTR VkResult VKAPI_CALL Fake_vkGetFenceStatus(VkDevice d, VkFence f) { Record(Event::kCall, "vkGetFenceStatus", d, Hex(f)); return VK_SUCCESS; }
+VKAPI_ATTR VkResult VKAPI_CALL Fake_vkWaitForFences(VkDevice d, uint32_t n, const VkFence*, VkBool32, uint64_t) { Record(Event::kCall, "vkWaitForFences", d, std::to_string(n)); return VK_SUCCESS; }
 VKAPI_ATTR VkResult VKAPI_CALL Fake_vkCreateCommandPool(VkDevice d, const VkCommandPoolCreateInfo* i, const VkAllocationCallbacks*, VkCommandPool* o) { return Make("vkCreateCommandPool", d, o, "family=" + std::to_string(i->queueFamilyIndex)); }
 template <typename Handle>
 VkResult Bind(const char* name, Handle object, VkDeviceMemory memory) {
@@ -292,7 +297,8 @@ const std::map<std::string, PFN_vkVoidFunction>& OwnFunctions() {
         ZOVK_OWN(vkAllocateCommandBuffers) ZOVK_OWN(vkGetDeviceQueue) ZOVK_OWN(vkBeginCommandBuffer)
         ZOVK_OWN(vkCmdBeginRenderPass) ZOVK_OWN(vkCmdBindPipeline) ZOVK_OWN(vkCmdDrawIndexed)
         ZOVK_OWN(vkCmdExecuteCommands) ZOVK_OWN(vkCmdSetFragmentShadingRateKHR) ZOVK_OWN(vkCmdPipelineBarrier)
-        ZOVK_OWN(vkCmdCopyBufferToImage)
+        ZOVK_OWN(vkCmdCopyBufferToImage) ZOVK_OWN(vkCreateFence) ZOVK_OWN(vkDestroyFence) ZOVK_OWN(vkGetFenceStatus)
+        ZOVK_OWN(vkWaitForFences)
 #undef ZOVK_OWN
         {"vkGetPhysicalDeviceProperties2KHR", fn(Fake_vkGetPhysicalDeviceProperties2)},
     };

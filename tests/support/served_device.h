@@ -4,7 +4,13 @@
 // records them, so that calls resolved through ZoVkGetDeviceProcAddr run the processor's
 // trampolines and chains down to the fake. Destroyed through the layer's own exports.
 
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -19,6 +25,26 @@
 #include "tests/support/fake_next_layer.h"
 
 namespace zovk_test {
+
+// System properties for this process while it lives: the settings read them once, when first
+// made, so it must be made before anything touches them (each test has a process of its own).
+class ScopedProperties {
+public:
+    explicit ScopedProperties(const std::string& lines)
+        : path_("/tmp/zovk-test-properties-" + std::to_string(getpid())) {
+        std::ofstream(path_) << lines;
+        setenv("ZOVK_PROPERTIES", path_.c_str(), 1);
+    }
+    ~ScopedProperties() {
+        unsetenv("ZOVK_PROPERTIES");
+        std::remove(path_.c_str());
+    }
+    ScopedProperties(const ScopedProperties&) = delete;
+    ScopedProperties& operator=(const ScopedProperties&) = delete;
+
+private:
+    std::string path_;
+};
 
 class ServedDevice {
 public:

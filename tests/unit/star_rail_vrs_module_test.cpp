@@ -362,3 +362,70 @@ TEST_F(StarRailVrsModuleTest, ImagesWithoutMemoryAreDestroyedAndNeverUsed) {
     EXPECT_TRUE(Uploads().empty());
     EXPECT_EQ(BeginPass(primary_, mainClear_, mainFb_), Pair(mainClear_, mainFb_));
 }
+
+namespace {
+
+class StarRailConformingTest : public StarRailVrsModuleTest {
+protected:
+    zovk_test::ScopedProperties properties_{"vendor.zovk.vrs.conforming=true\n"};
+};
+
+}  // namespace
+
+TEST_F(StarRailConformingTest, RatesWhereSecondariesBeginImagesCoverTheAreaUploadsAreBarrieredNotWaited) {
+    ASSERT_NE(Serve(), nullptr);
+    CreateScene();
+    std::vector<std::string> sizes;
+    for (const std::string& image : fake_.Args("vkCreateImage")) sizes.push_back(image.substr(0, image.find(' ')));
+    EXPECT_EQ(sizes, (std::vector<std::string>{"120x68", "120x68", "150x68", "150x68"})) << "1080 / 16 rounded up";
+
+    // One submission per resolution, with a fence and never waited for; each image goes from the
+    // layout it is in to the transfer layout and back to the attachment layout.
+    const std::string transfer = "7", attachment = "1000164003";
+    Present(1);
+    EXPECT_EQ(Uploads(), (std::vector<std::string>{"template 0", "template 2", "template 4", "template 6"}));
+    std::vector<std::string> barriers = fake_.Args("vkCmdPipelineBarrier");
+    ASSERT_EQ(barriers.size(), 8u);
+    EXPECT_EQ(barriers[0].substr(barriers[0].find(' ') + 1), "0->" + transfer);
+    EXPECT_EQ(barriers[1].substr(barriers[1].find(' ') + 1), transfer + "->" + attachment);
+    EXPECT_EQ(BeginPass(primary_, mainClear_, mainFb_), Pair(mainSubstitute_, mainFbSubstitute_));
+    Present(2);
+    EXPECT_EQ(Uploads(), (std::vector<std::string>{"template 1", "template 3"}));
+    barriers = fake_.Args("vkCmdPipelineBarrier");
+    ASSERT_EQ(barriers.size(), 12u);
+    EXPECT_EQ(barriers[8].substr(barriers[8].find(' ') + 1), attachment + "->" + transfer);
+    EXPECT_EQ(fake_.Calls("vkQueueSubmit"), 3);
+    EXPECT_EQ(fake_.Calls("vkDestroyFence"), 2) << "each submission frees those whose fences have signalled";
+    EXPECT_EQ(fake_.Calls("vkQueueWaitIdle"), 0);
+
+    // A redirected secondary gets the attachment rate as it begins, nothing once it has ended.
+    fake_.Clear();
+    BeginSecondary(secondary_, mainClear_, mainFb_);
+    BeginPass(primary_, mainClear_, mainFb_);
+    Call<PFN_vkCmdExecuteCommands>("vkCmdExecuteCommands")(primary_, 1, &secondary_);
+    EXPECT_EQ(fake_.Log({"vkBeginCommandBuffer", "vkCmdSetFragmentShadingRateKHR", "vkCmdExecuteCommands"}),
+              (std::vector<std::string>{"vkBeginCommandBuffer " + Pair(mainSubstitute_, mainFbSubstitute_),
+                                        "vkCmdSetFragmentShadingRateKHR 1x1 KEEP,REPLACE", "vkCmdExecuteCommands 1"}));
+
+    // In the light secondary the configured draw (the 11th) runs at full rate, the rest at the attachment rate.
+    fake_.Clear();
+    BeginSecondary(secondary_, lightClear_, lightFb_);
+    for (int i = 1; i <= 14; ++i) Call<PFN_vkCmdDrawIndexed>("vkCmdDrawIndexed")(secondary_, i == 11 ? 3000 : 36, 1, 0, 0, 0);
+    std::vector<std::string> expected{"1x1 KEEP,REPLACE"};
+    for (int i = 1; i <= 14; ++i) {
+        if (i == 11) expected.push_back("1x1 KEEP,KEEP");
+        if (i == 12) expected.push_back("1x1 KEEP,REPLACE");
+        expected.push_back(i == 11 ? "3000x1" : "36x1");
+    }
+    std::vector<std::string> recorded;
+    for (const std::string& call : fake_.Log({"vkCmdSetFragmentShadingRateKHR", "vkCmdDrawIndexed"})) {
+        recorded.push_back(call.substr(call.find(' ') + 1));
+    }
+    EXPECT_EQ(recorded, expected);
+
+    // The device waits for what is still in flight and frees it.
+    fake_.Clear();
+    served_->DestroyDevice();
+    EXPECT_EQ(fake_.Calls("vkWaitForFences"), 1);
+    EXPECT_EQ(fake_.Calls("vkDestroyFence"), 1);
+}
