@@ -8,12 +8,18 @@ namespace vulkan::zovk::app {
 class ZoVkProcessorDataBase;
 
 // The calls the AnTuTu processor serves, with the shape each runs in: render passes reach
-// the module after the next layer made them, the other three calls before.
-#define ZOVK_ANTUTU_HOOKED_CALLS(X)  \
-    X(CreateGraphicsPipelines, Pre) \
-    X(CmdBeginRenderPass, Pre)      \
+// the module after the next layer made them, the other calls before.
+#define ZOVK_ANTUTU_HOOKED_CALLS(X)    \
+    X(CreateGraphicsPipelines, Pre)   \
+    X(CmdBeginRenderPass, Pre)        \
     X(CreateRenderPass, NextThenPost) \
-    X(QueuePresentKHR, Pre)
+    X(QueuePresentKHR, Pre)           \
+    X(CmdBindPipeline, Pre)           \
+    X(DestroyPipeline, Pre)           \
+    X(BeginCommandBuffer, Pre)        \
+    X(EndCommandBuffer, Pre)          \
+    X(ResetCommandBuffer, Pre)        \
+    X(FreeCommandBuffers, Pre)
 
 // The processor of AnTuTu: the chains of the device calls its VRS module hooks.
 class ZoVkAntutuProcessor : public ZoVkProcessorBase {

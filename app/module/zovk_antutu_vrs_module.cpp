@@ -41,7 +41,10 @@ constexpr StepRule kStepRules[] = {
 }  // namespace
 
 ZoVkAntutuVRSModule::ZoVkAntutuVRSModule(ZoVkProcessorBase* processor)
-    : ZoVkModuleBase(processor), processor_(static_cast<ZoVkAntutuProcessor*>(processor)), config_(Json::Value()) {
+    : ZoVkModuleBase(processor),
+      processor_(static_cast<ZoVkAntutuProcessor*>(processor)),
+      config_(Json::Value()),
+      conforming_(ZoVkSettings::GetInstance()->IsVrsConforming()) {
     const ZoVkProcessorDataBase* data = ZoVkSettings::GetInstance()->GetProcessorData();
     ZoVkModuleDataBase* moduleData = data != nullptr ? data->GetProcessorModuleData(PROCESSOR_MODULE_TYPE) : nullptr;
     if (moduleData == nullptr) {
@@ -52,6 +55,9 @@ ZoVkAntutuVRSModule::ZoVkAntutuVRSModule(ZoVkProcessorBase* processor)
     for (size_t i = 0; i < ZoVkAntutuVRSModuleData::kRateCodeCount; ++i) {
         fragmentSizes_[i] = GetFramentSizeFromIntConfig(config_.rateCodes[i]);
     }
+    if (conforming_ && valid) {
+        ZOVK_LOGI("AnTuTu VRS: conforming mode");
+    }
 }
 
 VkExtent2D ZoVkAntutuVRSModule::GetFramentSizeFromIntConfig(int code) {
@@ -61,12 +67,18 @@ VkExtent2D ZoVkAntutuVRSModule::GetFramentSizeFromIntConfig(int code) {
 }
 
 void ZoVkAntutuVRSModule::OnDeviceDestroy(VkDevice device) {
+    const auto forget = [device](auto& map, auto deviceOf) {
+        for (auto it = map.begin(); it != map.end();) {
+            it = deviceOf(it->second) == device ? map.erase(it) : std::next(it);
+        }
+    };
+    const auto itself = [](VkDevice d) { return d; };
     std::lock_guard<std::mutex> lock(mutex_);
     for (PassSet* set : {&singleAttachmentPasses_, &clearColorPasses_, &halfFloatPasses_}) {
-        for (auto it = set->begin(); it != set->end();) {
-            it = it->second == device ? set->erase(it) : std::next(it);
-        }
+        forget(*set, itself);
     }
+    forget(ratePipelines_, itself);
+    forget(recordings_, [](const Recording& r) { return r.device; });
 }
 
 ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkQueuePresentKHR(VkQueue queue, const VkPresentInfoKHR* pPresentInfo,
@@ -109,7 +121,17 @@ ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkCreateGraphicsPipelines(
         blocks[i].pDynamicStates = list.data();
         infos[i].pDynamicState = &blocks[i];
     }
-    return next(device, pipelineCache, createInfoCount, infos.data(), pAllocator, pPipelines);
+    ZoVkPassed<VkResult> passed = next(device, pipelineCache, createInfoCount, infos.data(), pAllocator, pPipelines);
+    if (conforming_ && pPipelines != nullptr) {
+        // Also after a partial failure: the pipelines made are in the array, the others null.
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (uint32_t i = 0; i < createInfoCount; ++i) {
+            if (pCreateInfos[i].pDynamicState != nullptr && pPipelines[i] != VK_NULL_HANDLE) {
+                ratePipelines_[pPipelines[i]] = device;
+            }
+        }
+    }
+    return passed;
 }
 
 void ZoVkAntutuVRSModule::PostVkCreateRenderPass(VkDevice device, const VkRenderPassCreateInfo* pCreateInfo,
@@ -154,18 +176,134 @@ ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer co
                                                               const VkRenderPassBeginInfo* pRenderPassBegin,
                                                               VkSubpassContents contents,
                                                               ZoVkNext<&T::vkCmdBeginRenderPass> next) {
-    if (vrsEnabled_.load(std::memory_order_relaxed) && !next.Record().shadingRateOff && pRenderPassBegin != nullptr &&
+    if (next.Record().shadingRateOff || pRenderPassBegin == nullptr) {
+        return next(commandBuffer, pRenderPassBegin, contents);
+    }
+    if (vrsEnabled_.load(std::memory_order_relaxed) &&
         config_.InRange(pRenderPassBegin->renderArea.extent.width, pRenderPassBegin->renderArea.extent.height)) {
-        SetRate(next.NextLayer(), commandBuffer, *pRenderPassBegin);
+        const VkExtent2D size = SetRate(next.NextLayer(), commandBuffer, *pRenderPassBegin);
+        if (conforming_) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            Recording& recording = recordings_[commandBuffer];
+            recording.device = next.Record().device;
+            recording.wanted = recording.inForce = size;
+        }
+    } else if (conforming_) {
+        WantFullRate(next.NextLayer(), commandBuffer, *pRenderPassBegin, next.Record().device);
     }
     return next(commandBuffer, pRenderPassBegin, contents);
 }
 
-void ZoVkAntutuVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
-                                  const VkRenderPassBeginInfo& begin) {
+char ZoVkAntutuVRSModule::KindOf(VkRenderPass pass) const {
+    return clearColorPasses_.count(pass) != 0         ? 'B'
+           : halfFloatPasses_.count(pass) != 0        ? 'C'
+           : singleAttachmentPasses_.count(pass) != 0 ? 'A'
+                                                      : 'O';
+}
+
+void ZoVkAntutuVRSModule::WantFullRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
+                                       const VkRenderPassBeginInfo& begin, VkDevice device) {
+    constexpr VkExtent2D kFullRate{1, 1};
+    char kind = 'O';
+    int step = 0;
+    bool coarse = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Recording& recording = recordings_[commandBuffer];
+        recording.device = device;
+        recording.wanted = kFullRate;
+        coarse = recording.inForce.width * recording.inForce.height > 1;
+        if (coarse && next.vkCmdSetFragmentShadingRateKHR != nullptr) {
+            recording.inForce = kFullRate;
+            kind = KindOf(begin.renderPass);
+            step = passStep_;
+        }
+    }
+    if (coarse && next.vkCmdSetFragmentShadingRateKHR != nullptr) {
+        ZOVK_LOGD("vxxk r: %llu %c 1x1 %d",
+                  static_cast<unsigned long long>(presentCount_.load(std::memory_order_relaxed) + 1), kind, step);
+        next.vkCmdSetFragmentShadingRateKHR(commandBuffer, &kFullRate, combinerOps_);
+    }
+}
+
+ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkCmdBindPipeline(VkCommandBuffer commandBuffer,
+                                                           VkPipelineBindPoint pipelineBindPoint, VkPipeline pipeline,
+                                                           ZoVkNext<&T::vkCmdBindPipeline> next) {
+    if (!conforming_ || pipelineBindPoint != VK_PIPELINE_BIND_POINT_GRAPHICS) {
+        return next(commandBuffer, pipelineBindPoint, pipeline);
+    }
+    VkExtent2D size{0, 0};
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        Recording& recording = recordings_[commandBuffer];
+        recording.device = next.Record().device;
+        if (ratePipelines_.count(pipeline) == 0) {
+            // Its own rate overwrites the set one: a later pipeline that takes the rate needs it again.
+            recording.inForce = {0, 0};
+        } else if (recording.inForce.width != recording.wanted.width ||
+                   recording.inForce.height != recording.wanted.height) {
+            size = recording.inForce = recording.wanted;
+        }
+    }
+    ZoVkPassed<void> passed = next(commandBuffer, pipelineBindPoint, pipeline);
+    const PFN_vkCmdSetFragmentShadingRateKHR setRate = next.NextLayer().vkCmdSetFragmentShadingRateKHR;
+    if (size.width != 0 && setRate != nullptr) {
+        setRate(commandBuffer, &size, combinerOps_);
+    }
+    return passed;
+}
+
+ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline,
+                                                           const VkAllocationCallbacks* pAllocator,
+                                                           ZoVkNext<&T::vkDestroyPipeline> next) {
+    if (conforming_) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ratePipelines_.erase(pipeline);
+    }
+    return next(device, pipeline, pAllocator);
+}
+
+void ZoVkAntutuVRSModule::Forget(VkCommandBuffer commandBuffer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    recordings_.erase(commandBuffer);
+}
+
+// A recording starts with no rate set, a secondary too: it inherits none from its primary.
+ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkBeginCommandBuffer(VkCommandBuffer commandBuffer,
+                                                                  const VkCommandBufferBeginInfo* pBeginInfo,
+                                                                  ZoVkNext<&T::vkBeginCommandBuffer> next) {
+    if (conforming_) Forget(commandBuffer);
+    return next(commandBuffer, pBeginInfo);
+}
+
+ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkEndCommandBuffer(VkCommandBuffer commandBuffer,
+                                                                ZoVkNext<&T::vkEndCommandBuffer> next) {
+    if (conforming_) Forget(commandBuffer);
+    return next(commandBuffer);
+}
+
+ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkResetCommandBuffer(VkCommandBuffer commandBuffer,
+                                                                  VkCommandBufferResetFlags flags,
+                                                                  ZoVkNext<&T::vkResetCommandBuffer> next) {
+    if (conforming_) Forget(commandBuffer);
+    return next(commandBuffer, flags);
+}
+
+ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkFreeCommandBuffers(VkDevice device, VkCommandPool commandPool,
+                                                              uint32_t commandBufferCount,
+                                                              const VkCommandBuffer* pCommandBuffers,
+                                                              ZoVkNext<&T::vkFreeCommandBuffers> next) {
+    for (uint32_t i = 0; conforming_ && pCommandBuffers != nullptr && i < commandBufferCount; ++i) {
+        Forget(pCommandBuffers[i]);
+    }
+    return next(device, commandPool, commandBufferCount, pCommandBuffers);
+}
+
+VkExtent2D ZoVkAntutuVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
+                                        const VkRenderPassBeginInfo& begin) {
     const PFN_vkCmdSetFragmentShadingRateKHR setRate = next.vkCmdSetFragmentShadingRateKHR;
     if (setRate == nullptr) {
-        return;
+        return {0, 0};
     }
     VkExtent2D size{1, 1};
     int step = 0;
@@ -173,10 +311,11 @@ void ZoVkAntutuVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCommandBu
     char kind = 'O';
     {
         std::lock_guard<std::mutex> lock(mutex_);
+        // A handle made again for another kind of pass can be in two sets: the rules see both.
         const bool inA = singleAttachmentPasses_.count(begin.renderPass) != 0;
         const bool inB = clearColorPasses_.count(begin.renderPass) != 0;
         const bool inC = halfFloatPasses_.count(begin.renderPass) != 0;
-        kind = inB ? 'B' : inC ? 'C' : inA ? 'A' : 'O';
+        kind = KindOf(begin.renderPass);
         const auto in = [&](char set) { return (set == 'B' && inB) || (set == 'C' && inC); };
         const StepRule& rule = kStepRules[passStep_];
         // The first rule that matches wins; a pass that matches none keeps 1x1.
@@ -202,6 +341,7 @@ void ZoVkAntutuVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCommandBu
               static_cast<unsigned long long>(presentCount_.load(std::memory_order_relaxed) + 1), kind, size.width,
               size.height, step);
     setRate(commandBuffer, &size, combinerOps_);
+    return size;
 }
 
 }  // namespace vulkan::zovk::app::module

@@ -330,3 +330,83 @@ TEST_F(AntutuVrsTest, PipelinesWithADynamicStateBlockGetTheRateOnceInACopy) {
     EXPECT_EQ(create(fake_.Device(), VK_NULL_HANDLE, 2, nullptr, nullptr, pipelines), VK_SUCCESS);
     EXPECT_TRUE(seen.empty());
 }
+
+// ---- the conforming mode ---------------------------------------------------------------------
+
+namespace {
+
+class AntutuConformingTest : public AntutuVrsTest {
+protected:
+    // What reached the next layer since the last call: rates by size, "begin", and binds of
+    // the pipeline that takes the rate ("bind") or carries its own ("own").
+    std::vector<std::string> Recorded(VkPipeline own) {
+        std::vector<std::string> out;
+        for (const std::string& call :
+             fake_.Log({"vkCmdSetFragmentShadingRateKHR", "vkCmdBindPipeline", "vkCmdBeginRenderPass"})) {
+            const std::string args = call.substr(call.find(' ') + 1);
+            out.push_back(call.rfind("vkCmdBeginRenderPass", 0) == 0 ? "begin"
+                          : call.rfind("vkCmdBindPipeline", 0) == 0  ? (args == "pipeline=" + zovk_test::Hex(own) ? "own" : "bind")
+                                                                     : args.substr(0, args.find(' ')));
+        }
+        fake_.Clear();
+        return out;
+    }
+
+    zovk_test::ScopedProperties properties_{"vendor.zovk.vrs.conforming=true\n"};
+};
+
+}  // namespace
+
+TEST_F(AntutuConformingTest, EveryRecordingHasItsPassRateInForceWhereAPipelineTakesIt) {
+    const VkRenderPass b = Pass({{kHdr, kClear}, {kDepth, kLoad}});
+    const VkDynamicState viewport = VK_DYNAMIC_STATE_VIEWPORT;
+    VkPipelineDynamicStateCreateInfo block{};
+    block.sType = VK_STRUCTURE_TYPE_PIPELINE_DYNAMIC_STATE_CREATE_INFO;
+    block.dynamicStateCount = 1;
+    block.pDynamicStates = &viewport;
+    VkGraphicsPipelineCreateInfo infos[2] = {};
+    infos[0].sType = infos[1].sType = VK_STRUCTURE_TYPE_GRAPHICS_PIPELINE_CREATE_INFO;
+    infos[0].pDynamicState = &block;
+    VkPipeline pipelines[2] = {};
+    ASSERT_EQ(served_->Call<PFN_vkCreateGraphicsPipelines>("vkCreateGraphicsPipelines")(
+                  fake_.Device(), VK_NULL_HANDLE, 2, infos, nullptr, pipelines),
+              VK_SUCCESS);
+    const auto bind = [&](VkCommandBuffer cb, VkPipeline p) {
+        served_->Call<PFN_vkCmdBindPipeline>("vkCmdBindPipeline")(cb, VK_PIPELINE_BIND_POINT_GRAPHICS, p);
+    };
+    const auto beginRecording = [&](VkCommandBuffer cb) {
+        VkCommandBufferBeginInfo info{};
+        info.sType = VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO;
+        served_->Call<PFN_vkBeginCommandBuffer>("vkBeginCommandBuffer")(cb, &info);
+    };
+    const VkCommandBuffer cb = fake_.CommandBuffer();
+    const VkPipeline takes = pipelines[0], own = pipelines[1];
+    fake_.Clear();
+
+    // Before the switch is sampled: 1x1 at the first bind, and again after a pipeline of its own rate.
+    beginRecording(cb);
+    BeginOnly(b);
+    bind(cb, takes);
+    bind(cb, takes);
+    bind(cb, own);
+    bind(cb, takes);
+    EXPECT_EQ(Recorded(own), (std::vector<std::string>{"begin", "bind", "1x1", "bind", "own", "bind", "1x1"}));
+
+    // On: the chosen rate before a large pass; a small pass after it gets 1x1 back before it begins.
+    SwitchOn();
+    beginRecording(cb);
+    BeginOnly(b);
+    bind(cb, takes);
+    BeginOnly(b, 1000, 500);
+    bind(cb, takes);
+    EXPECT_EQ(Recorded(own), (std::vector<std::string>{"1x2", "begin", "bind", "1x1", "begin", "bind"}));
+
+    // A secondary inherits nothing; a new recording starts from nothing.
+    zovk_test::FakeObject secondaryObject{&fake_.deviceDispatch};
+    const auto secondary = reinterpret_cast<VkCommandBuffer>(&secondaryObject);
+    beginRecording(secondary);
+    bind(secondary, takes);
+    beginRecording(cb);
+    bind(cb, takes);
+    EXPECT_EQ(Recorded(own), (std::vector<std::string>{"bind", "1x1", "bind", "1x1"}));
+}
