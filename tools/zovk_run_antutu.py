@@ -1,11 +1,13 @@
 """The AnTuTu part of zovk-run's report: which passes the VRS module classified, and, frame by
-frame, the rate it recorded at each begin of a large render pass, the step its state machine
-reached, and the share of fragment work each rate removes.
+frame, the rate it recorded right before each begin (of a large render pass; in the conforming mode
+also 1x1 before a pass that follows a coarser one), the step its state machine reached, and the share
+of fragment work each rate removes. Rates recorded elsewhere (the conforming mode's, after a pipeline
+bind) count only in the draws.
 
 The rates come from the shading-rate emulation trace (what reached the driver's level); the pass
 kind and the step of each begin from the module's debug lines, which zovk-run turns on:
   "vxxk c: <pass> <kind>"                            a pass classified at creation
-  "vxxk r: <frame> <kind> <width>x<height> <step>"   a rate recorded at a begin
+  "vxxk r: <frame> <kind> <width>x<height> <step>"   a rate recorded right before a begin
   "vxxk vflag: <0|1>"                                the VRS switch, sampled every 120 presents
 Kinds: A single attachment, B clear colour, C half float, O none of them.
 
@@ -40,6 +42,9 @@ def summarise(events, layer_texts):
     pipelines = Counter()
     frames, rates, frame = [], [], 1
     execution, draws = ExecutionOrder(), new_tally()
+    # (command buffer, position) of each rate and each pass begun, in this frame: a rate right
+    # before a begin is that begin's. The trace has begins only through their draws.
+    rate_at, begun = {}, set()
     for e in events:
         kind = e.get("event")
         for draw, kept in execution.feed(e):
@@ -51,11 +56,16 @@ def summarise(events, layer_texts):
             if e.get("rateDynamic"):
                 pipelines["withRate" if e.get("dynamicStateBlock") else "withRateButNoBlock"] += 1
         elif kind == "setRate":
-            rates.append([e["width"], e["height"]])
+            rate_at[(e["commandBuffer"], e["position"])] = [e["width"], e["height"]]
+        elif kind == "draw" and "passBegin" in e and (e["commandBuffer"], e["passBegin"]) not in begun:
+            begun.add((e["commandBuffer"], e["passBegin"]))
+            if (rate := rate_at.get((e["commandBuffer"], e["passBegin"] - 1))) is not None:
+                rates.append(rate)
         elif kind == "present":
             frames.append(_frame(frame, rates, logged.get(frame, [])))
             frames[-1]["draws"] = finish(draws)
             frame, rates, draws = e["frame"] + 1, [], new_tally()
+            rate_at, begun = {}, set()
 
     step = 0
     for f in frames:

@@ -24,18 +24,46 @@ def expect_same_frames(s, pairs):
                f"frame {layer}: the pixels differ from frame {plain} without the layer")
 
 
-def starrail_vrs(s):
-    """The Star Rail scene at 1920x1080, 24 frames; scene id 1058 and level 1 pushed at frame 1, level 2
-    at 8, level 0 at 16. Then: the 8x8 preset gets 240x135 images; another process name, or the module
-    switched off in the configuration, gets no shading-rate object at all."""
+def run_starrail(s, *options):
+    """The Star Rail scene at 1920x1080, 24 frames, with and without the layer; scene id 1058 and level 1
+    pushed at frame 1, level 2 at 8, level 0 at 16. Returns the run's summary and zovk-run's reading of
+    the trace and log; every frame's pixels must equal those without the layer."""
     scene = s.tool("scenes/zovk-scene-starrail")
     os.mkdir(s.path("plain"))
     s.run("plain", [scene, "--frames", "24", "--png", s.path("plain/frame-%d.png")], s.layers())
-    run = s.zovk_run("vrs", "--validation", "--push", "1:1 {pkg} 1058", "--push", "1:6 {pkg} 1", "--push",
+    run = s.zovk_run("vrs", *options, "--validation", "--push", "1:1 {pkg} 1058", "--push", "1:6 {pkg} 1", "--push",
                      "8:6 {pkg} 2", "--push", "16:6 {pkg} 0", "--", scene, "--frames", "24", "--png",
                      s.path("vrs/frame-%d.png"))
     expect_same_frames(s, [(n, n) for n in range(1, 25)])
-    expect(set(run["validationMessagesById"]) <= allowlist(), f"validation: {run['validationMessagesById']}")
+    events = read_trace(s.path("vrs/trace.jsonl"))
+    sr = zovk_run_starrail.summarise(events, [t for _, _, t in layer_lines(s.path("vrs/program.log"))])
+    active = [f for f in sr["frames"] if f["sceneId"] == 1058 and f["level"] in (1, 2)]
+    expect(len(active) >= 8, f"{len(active)} active frames: pushes lost")
+    return run, events, sr, active
+
+
+def rates_in_force(commands):
+    """The rate in force at each draw of a secondary's commands (d draw, R/F/? a rate)."""
+    in_force, rate = [], None
+    for command in commands:
+        rate = command if command != "d" else rate
+        in_force += [rate] if command == "d" else []
+    return in_force
+
+
+def pattern_contents(s, rows):
+    """The module's patterns for the 120- and 150-texel-wide images: main 1, main 2, light 1, light 2."""
+    return {width: [bytes.fromhex(p) for p in subprocess.run(
+        [os.path.join(s.build, "tests/support/zovk-vrs-patterns"), str(width), str(rows)],
+        capture_output=True, text=True, check=True).stdout.split()] for width in (120, 150)}
+
+
+def starrail_vrs(s):
+    """run_starrail in the required mode. Then: the 8x8 preset gets 240x135 images; another process name,
+    or the module switched off in the configuration, gets no shading-rate object at all."""
+    run, events, sr, active = run_starrail(s)
+    expect(run["vrsMode"] == "required" and set(run["validationMessagesById"]) <= allowlist(),
+           f"validation: {run['validationMessagesById']}")
 
     # The served creation path, the service's transactions and the records the layer took.
     layer, report = run["layer"], s.text("vrs.out")
@@ -57,7 +85,6 @@ def starrail_vrs(s):
     for level, figures in ((1, "light pass 35.3%, main pass 39.4%"), (2, "light pass 55.4%, main pass 51.8%")):
         expect(f"fragment work saved at level {level}: {figures}" in report, f"the level {level} figures changed")
 
-    events = read_trace(s.path("vrs/trace.jsonl"))
     passes = [e for e in events if e["event"] == "renderPass"]
     expect(sorted(e["attachmentCount"] for e in passes) == [3, 3, 6, 6] and all(
         e["attachment"] == e["attachmentCount"] - 1 and (e["texelWidth"], e["texelHeight"]) == (16, 16)
@@ -67,19 +94,14 @@ def starrail_vrs(s):
     expect(framebuffers == [(1920, 1080)] * 2, f"substitute framebuffers {framebuffers}")
 
     # Frame by frame, through zovk-run's reader: frame N is recorded under what present N - 1 saw.
-    sr = zovk_run_starrail.summarise(events, [t for _, _, t in layer_lines(s.path("vrs/program.log"))])
     frames = sr["frames"]
-    active = [f for f in frames if f["sceneId"] == 1058 and f["level"] in (1, 2)]
     quiet = [f for f in frames[2:] if f["level"] == 0 and frames[f["frame"] - 2]["level"] == 0]
-    expect(len(active) >= 8 and len(quiet) >= 3, f"{len(active)} active, {len(quiet)} quiet frames: pushes lost")
+    expect(len(quiet) >= 3, f"{len(quiet)} quiet frames: pushes lost")
     for f in active[1:]:
         # Both secondaries get the attachment rate; in the light one draw 11 (the configured one) runs at
         # full rate, draws 12 to 14 at the attachment rate again.
         main_pass, light = f["secondaries"].get("main", []), f["secondaries"].get("light", [])
-        in_force, rate = [], None
-        for command in light[0] if light else "":
-            rate = command if command != "d" else rate
-            in_force += [rate] if command == "d" else []
+        in_force = rates_in_force(light[0] if light else "")
         expect(len(main_pass) == len(light) == 1 and "R" in main_pass[0] and "R" in light[0] and len(in_force) == 14
                and in_force[10] == "F" and in_force[11] == in_force[13] == "R",
                f"frame {f['frame']}: secondaries {f['secondaries']}")
@@ -94,11 +116,7 @@ def starrail_vrs(s):
     # The uploads: the first fill of every image with the level 1 patterns (main and light, 1920x1080
     # and 2400x1080), the level 1 patterns again when level 1 arrives, the level 2 patterns into the
     # 1920x1080 images when level 2 does; frames record with the contents of their level.
-    patterns = {}
-    for width in (120, 150):
-        out = subprocess.run([os.path.join(s.build, "tests/support/zovk-vrs-patterns"), str(width), "67"],
-                             capture_output=True, text=True, check=True).stdout.split()
-        patterns[width] = [bytes.fromhex(p) for p in out]  # main 1, main 2, light 1, light 2
+    patterns = pattern_contents(s, 67)
     big, small = patterns[120], patterns[150]
     expect(all(e["format"] == 13 and e["readable"] for e in events if e["event"] == "upload"),
            "an upload that is not R8_UINT, or that the emulation could not read")
@@ -126,21 +144,50 @@ def starrail_vrs(s):
                                          or t["uploads"]), f"{label}: the trace holds a shading-rate object: {t}")
 
 
-def antutu_vrs(s):
+def starrail_conforming(s):
+    """run_starrail in the conforming mode: the same passes, patterns and levels with valid Vulkan only.
+    The images cover the whole area (68 texel rows for 1080); every draw of a substituted pass runs with
+    the attachment rate in force but the light pass's configured draw, at 1x1; validation reports
+    nothing; the fragment work saved by Vulkan's rules is the image's average over the draws, weighted
+    equally: all of the main pass's, 13 of the light pass's 14."""
+    run, events, sr, active = run_starrail(s, "--conforming")
+    expect(run["vrsMode"] == "conforming" and run["validationMessagesById"] == {},
+           f"validation: {run['validationMessagesById']}")
+    expect(sorted((i["width"], i["height"]) for i in sr["images"]) == [(120, 68)] * 2 + [(150, 68)] * 2,
+           f"images {sr['images']}")
+    big, small = (pattern_contents(s, 68)[w] for w in (120, 150))
+    expect(sr["_contents"] == [big[0], big[2], small[0], small[2], big[1], big[3]], "not the same patterns")
+    expect(all(e["recording"] for e in events if e["event"] == "setRate"), "a rate into a finished recording")
+    for f in active:
+        light, main_draws = f["secondaries"]["light"][0], f["draws"]["main"]
+        in_force = rates_in_force(light)
+        expect(light.startswith("R") and in_force == ["R"] * 10 + ["F"] + ["R"] * 3 and
+               main_draws["attachment"] == main_draws["draws"] > 0 and f["draws"]["light"]["none"] == 0,
+               f"frame {f['frame']}: {f['secondaries']} {f['draws']}")
+    for level in ("1", "2"):
+        rules, image = sr["fragmentWorkSavedByVulkanRulesByLevel"][level], sr["fragmentWorkSavedByLevel"][level]
+        expect(abs(rules["main"] - image["main"]) < 1e-3 and abs(rules["light"] - image["light"] * 13 / 14) < 1e-3,
+               f"level {level}: by Vulkan's rules {rules}, images {image}")
+
+
+def antutu_vrs(s, *options):
     """The AnTuTu scene (render area 2048x1024, inside the configured bounds), 245 frames; VRS pushed on
     at frame 1 and off at 125, the switch sampled every 120 presents: no rate before present 120 nor
     after the sampling at 240; in frames 121-240 one rate right before each begin of a large pass,
     following the step machine over the scene's pass sequence with the configured sizes. Frames 1-5,
     121-125 and 241-245 equal the scene's first five without the layer (its animation repeats every
-    120 frames)."""
+    120 frames). Before present 120 the pipelines given the dynamic rate draw with none set, unless in
+    the conforming mode, where no draw ever does and validation reports nothing."""
+    conforming = "--conforming" in options
     scene, sizes = s.tool("scenes/zovk-scene-antutu"), ["--width", "320", "--height", "180", "--render-width",
                                                          "2048", "--render-height", "1024"]
     os.mkdir(s.path("plain"))
     s.run("plain", [scene, "--frames", "5", *sizes, "--png", s.path("plain/frame-%d.png")], s.layers())
-    run = s.zovk_run("vrs", "--app", "antutu", "--validation", "--emulation", "on", "--push", "1:6 {pkg} 1", "--push",
+    run = s.zovk_run("vrs", *options, "--app", "antutu", "--validation", "--emulation", "on", "--push", "1:6 {pkg} 1", "--push",
                      "125:6 {pkg} 0", "--", scene, "--frames", "245", *sizes, "--png", s.path("vrs/frame-%d.png"))
     expect_same_frames(s, [(n, n + k) for n in range(1, 6) for k in (0, 120, 240)])
-    expect(set(run["validationMessagesById"]) <= allowlist(), f"validation: {run['validationMessagesById']}")
+    expect(run["validationMessagesById"] == {} if conforming else set(run["validationMessagesById"]) <= allowlist(),
+           f"validation: {run['validationMessagesById']}")
     expect(run["processName"] == "com.antutu.benchmark.full:ue" and run["layer"]["applicationType"] == 1,
            "the scene did not run as AnTuTu")
     pushes = {p["record"].split()[-1]: p for p in run["pushes"]}
@@ -172,6 +219,8 @@ def antutu_vrs(s):
         expect(got == want, f"frame {f['frame']}: rates {got}, wanted {want}")
     expect(len(a["frames"]) == 245 and a["totals"]["framesWithRates"] == 120 and a["totals"]["logAgrees"],
            f"totals {a['totals']}: the module's log and the trace disagree")
+    unset = [f["frame"] for f in a["frames"] if f["draws"]["none"]]
+    expect(unset == [] if conforming else set(range(1, 121)) <= set(unset), f"draws with no rate in frames {unset}")
     combiners = {tuple(e["combinerOps"]) for e in read_trace(s.path("vrs/trace.jsonl")) if e["event"] == "setRate"}
     expect(combiners == {("KEEP", "KEEP")}, f"combiners {combiners}")
     for step in range(1, 5):
@@ -188,6 +237,10 @@ def antutu_vrs(s):
            "frames 241-245: no rate" in report, "the report does not show the frames")
 
 
+def antutu_conforming(s):
+    antutu_vrs(s, "--conforming")
+
+
 def zovk_run(s):
     """The run command on a program of the caller's: vkcube under an Xvfb that zovk-run starts, as Star
     Rail. vkcube's passes are not Star Rail's: the module makes its images but substitutes nothing."""
@@ -201,4 +254,5 @@ def zovk_run(s):
 
 
 if __name__ == "__main__":
-    raise SystemExit(main({f.__name__: f for f in (starrail_vrs, antutu_vrs, zovk_run)}))
+    raise SystemExit(main({f.__name__: f for f in (starrail_vrs, starrail_conforming, antutu_vrs, antutu_conforming,
+                                                   zovk_run)}))
