@@ -5,8 +5,15 @@
 #
 # BUILD_DIR is a standalone build of this directory or the main build (the layer then lies in
 # BUILD_DIR/tools/fsr_emulation). PRESET (16x16-4x4, the default, 8x8-2x2 or 8x8-4x4)
-# sets ZOVK_FSR_PRESET. Add your own layers to VK_INSTANCE_LAYERS (or VK_LOADER_LAYERS_ENABLE)
+# sets ZOVK_FSR_PRESET and ZOVK_FSR_EMULATION=on; "off" sets ZOVK_FSR_EMULATION=off, which leaves
+# VK_KHR_fragment_shading_rate to the driver (a GPU's own extension shows through; the trace goes
+# on). Without PRESET both stay as they are. Add your own layers to VK_INSTANCE_LAYERS (or VK_LOADER_LAYERS_ENABLE)
 # before or after sourcing this; the order of the names there does not matter.
+#
+# ZOVK_FSR_WSI chooses who serves VK_EXT_headless_surface to programs that enable it: "auto" (what
+# this script sets unless it is set already) the layer where the driver has none (NVIDIA's),
+# "headless" the layer always, "off" the driver. The layer's surfaces present to swapchains of plain
+# images that programs can copy from; the layers above see every present.
 #
 # How the order comes about (Khronos loader 1.3.239, check with VK_LOADER_DEBUG=layer, whose
 # "layer callstack setup to:" blocks list the layers from the application down):
@@ -24,7 +31,8 @@
 #   ours: enable it from the environment. Implicit layers (MESA device_select, ...) are on top.
 # - The driver is pinned to lavapipe unless VK_DRIVER_FILES or VK_ICD_FILENAMES is already set.
 #
-# Returns non-zero, changing nothing, when the build holds no layer or the preset is unknown.
+# Returns non-zero, changing nothing, when the build holds no layer, the preset is unknown or
+# ZOVK_FSR_WSI is none of off, headless, auto.
 
 _zovk_fsr_env() {
     local build=${1:-} preset=${2:-} data=
@@ -45,9 +53,16 @@ _zovk_fsr_env() {
         return 1
     fi
     case $preset in
-    "" | 16x16-4x4 | 8x8-2x2 | 8x8-4x4) ;;
+    "" | 16x16-4x4 | 8x8-2x2 | 8x8-4x4 | off) ;;
     *)
-        echo "env.sh: unknown preset '$preset' (16x16-4x4, 8x8-2x2, 8x8-4x4)" >&2
+        echo "env.sh: unknown preset '$preset' (16x16-4x4, 8x8-2x2, 8x8-4x4, off)" >&2
+        return 1
+        ;;
+    esac
+    case ${ZOVK_FSR_WSI-auto} in
+    "" | off | headless | auto) ;;
+    *)
+        echo "env.sh: ZOVK_FSR_WSI='$ZOVK_FSR_WSI' is none of off, headless, auto" >&2
         return 1
         ;;
     esac
@@ -66,9 +81,12 @@ _zovk_fsr_env() {
     *":VK_LAYER_ZOVK_fsr_emulation:"*) ;;
     *) export VK_INSTANCE_LAYERS="${VK_INSTANCE_LAYERS:+$VK_INSTANCE_LAYERS:}VK_LAYER_ZOVK_fsr_emulation" ;;
     esac
-    if [ -n "$preset" ]; then
-        export ZOVK_FSR_PRESET=$preset
+    if [ "$preset" = off ]; then
+        export ZOVK_FSR_EMULATION=off
+    elif [ -n "$preset" ]; then
+        export ZOVK_FSR_PRESET=$preset ZOVK_FSR_EMULATION=on
     fi
+    export ZOVK_FSR_WSI=${ZOVK_FSR_WSI-auto}
     if [ -z "${VK_DRIVER_FILES:-}" ] && [ -z "${VK_ICD_FILENAMES:-}" ]; then
         local icd
         for icd in /usr/share/vulkan/icd.d/lvp_icd*.json /etc/vulkan/icd.d/lvp_icd*.json; do

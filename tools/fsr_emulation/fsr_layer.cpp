@@ -3,7 +3,9 @@
 // Sits directly above the driver. Answers the extension's queries from a preset, removes everything
 // of the extension from what goes down, and writes a trace of what it was asked to do (fsr_trace.h).
 // Nothing here changes rendering: the driver shades every pixel at 1x1, so pixels match a run
-// without the extension.
+// without the extension. ZOVK_FSR_EMULATION=off leaves the extension to the driver (a GPU's own
+// shows through: nothing is answered or removed) while the trace goes on; ZOVK_FSR_WSI serves
+// headless presentation where the driver has none (fsr_wsi.h).
 #include <vulkan/vk_layer.h>
 #include <vulkan/vulkan.h>
 
@@ -13,6 +15,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -22,6 +25,7 @@
 #include "fsr_state.h"
 #include "fsr_strip.h"
 #include "fsr_trace.h"
+#include "fsr_wsi.h"
 
 namespace fsr {
 namespace {
@@ -135,7 +139,8 @@ uint64_t H(T handle) {
     X(QueueSubmit)                       \
     X(QueuePresentKHR)                   \
     X(QueueSubmit2)                      \
-    X(QueueSubmit2KHR)
+    X(QueueSubmit2KHR)                   \
+    X(CmdSetFragmentShadingRateKHR)
 
 struct InstanceTable {
 #define FSR_MEMBER(name) PFN_vk##name name = nullptr;
@@ -150,7 +155,9 @@ struct InstanceRecord {
     VkInstance instance = VK_NULL_HANDLE;
     PFN_vkGetInstanceProcAddr gipa = nullptr;
     InstanceTable fn;
-    const Preset* preset = nullptr;
+    const Preset* preset = nullptr;  // null with the emulation off
+    bool emulation = true;
+    std::unique_ptr<wsi::Instance> wsi;  // set where the layer serves headless surfaces
 };
 
 struct RenderPassRecord {
@@ -226,7 +233,15 @@ struct DeviceRecord {
     std::unordered_map<VkDeviceMemory, MemoryRecord> memories;
     std::unordered_map<VkCommandBuffer, CommandBufferRecord> commandBuffers;
     Counters counters;
+    bool emulation = true;
+    std::unique_ptr<wsi::Device> wsi;
 };
+
+// The emulation's rewrite of what goes down, or with the emulation off what the program gave.
+template <typename T>
+T Down(const DeviceRecord& dev, T stripped, T original) {
+    return dev.emulation ? stripped : original;
+}
 
 // One lock for all bookkeeping; calls down the chain are made without it, except the
 // brief mappings of vkQueueSubmit.
@@ -339,11 +354,47 @@ int64_t NextPosition(DeviceRecord& dev, VkCommandBuffer cb) {
 // ---------------------------------------------------------------------------------------------
 // Instance level
 
+// ZOVK_FSR_EMULATION: "off" leaves the shading-rate extension to the driver; anything else but "on" is logged.
+bool EmulationOn() {
+    const char* value = std::getenv("ZOVK_FSR_EMULATION");
+    if (value == nullptr || std::strcmp(value, "") == 0 || std::strcmp(value, "on") == 0) return true;
+    if (std::strcmp(value, "off") == 0) return false;
+    std::fprintf(stderr, "zovk_fsr_emulation: ZOVK_FSR_EMULATION='%s' is neither on nor off: emulating\n", value);
+    return true;
+}
+
+wsi::Mode WsiMode() {
+    const char* value = std::getenv("ZOVK_FSR_WSI");
+    if (std::optional<wsi::Mode> mode = wsi::ParseMode(value)) return *mode;
+    std::fprintf(stderr, "zovk_fsr_emulation: ZOVK_FSR_WSI='%s' is none of off, headless, auto: off\n", value);
+    return wsi::Mode::kOff;
+}
+
+// Whether the layer serves headless surfaces on this instance, and the extension names the driver gets.
+wsi::InstancePlan PlanWsi(const VkInstanceCreateInfo& info) {
+    const wsi::Mode mode = WsiMode();
+    std::optional<std::vector<std::string>> driver;
+    if (mode != wsi::Mode::kOff) {
+        driver = wsi::DriverInstanceExtensions();
+        if (!driver && mode == wsi::Mode::kAuto) {
+            std::fprintf(stderr, "zovk_fsr_emulation: the loader does not list the driver's instance extensions: "
+                                 "ZOVK_FSR_WSI=auto leaves presentation to the driver\n");
+        }
+    }
+    wsi::InstancePlan plan = wsi::PlanInstance(mode, driver, info.enabledExtensionCount, info.ppEnabledExtensionNames);
+    if (plan.serve) {
+        std::fprintf(stderr, "zovk_fsr_emulation: serving VK_EXT_headless_surface in the layer (ZOVK_FSR_WSI=%s)\n",
+                     mode == wsi::Mode::kAuto ? "auto, the driver has none" : "headless");
+    }
+    return plan;
+}
+
 VKAPI_ATTR VkResult VKAPI_CALL CreateInstance(const VkInstanceCreateInfo* pCreateInfo,
                                               const VkAllocationCallbacks* pAllocator, VkInstance* pInstance) {
+    const bool emulation = EmulationOn();
     const char* presetName = std::getenv("ZOVK_FSR_PRESET");
-    const Preset* preset = FindPreset(presetName);
-    if (preset == nullptr) {
+    const Preset* preset = emulation ? FindPreset(presetName) : nullptr;
+    if (emulation && preset == nullptr) {
         std::fprintf(stderr, "zovk_fsr_emulation: unknown ZOVK_FSR_PRESET '%s' (known: %s)\n", presetName,
                      PresetNames().c_str());
         return VK_ERROR_INITIALIZATION_FAILED;
@@ -358,13 +409,19 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateInstance(const VkInstanceCreateInfo* pCreat
     link->u.pLayerInfo = link->u.pLayerInfo->pNext;
     auto create = reinterpret_cast<PFN_vkCreateInstance>(gipa(VK_NULL_HANDLE, "vkCreateInstance"));
     if (create == nullptr) return VK_ERROR_INITIALIZATION_FAILED;
-    VkResult result = create(pCreateInfo, pAllocator, pInstance);
+    const wsi::InstancePlan plan = PlanWsi(*pCreateInfo);
+    VkInstanceCreateInfo info = *pCreateInfo;
+    info.enabledExtensionCount = uint32_t(plan.names.size());
+    info.ppEnabledExtensionNames = plan.names.data();
+    VkResult result = create(&info, pAllocator, pInstance);
     if (result != VK_SUCCESS) return result;
 
     auto rec = std::make_unique<InstanceRecord>();
     rec->instance = *pInstance;
     rec->gipa = gipa;
     rec->preset = preset;
+    rec->emulation = emulation;
+    if (plan.serve) rec->wsi = std::make_unique<wsi::Instance>(*pInstance, gipa);
 #define FSR_LOAD(name) rec->fn.name = reinterpret_cast<PFN_vk##name>(gipa(*pInstance, "vk" #name));
     FSR_INSTANCE_FUNCTIONS(FSR_LOAD)
 #undef FSR_LOAD
@@ -558,25 +615,43 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateDevice(VkPhysicalDevice physicalDevice, con
         enabled |= std::strcmp(pCreateInfo->ppEnabledExtensionNames[i], VK_KHR_FRAGMENT_SHADING_RATE_EXTENSION_NAME) == 0;
     }
     Arena arena;
-    VkResult result = create(physicalDevice, StripDeviceCreateInfo(arena, pCreateInfo), pAllocator, pDevice);
+    VkResult result = create(physicalDevice, inst.emulation ? StripDeviceCreateInfo(arena, pCreateInfo) : pCreateInfo,
+                             pAllocator, pDevice);
     if (result != VK_SUCCESS) return result;
 
     auto rec = std::make_unique<DeviceRecord>();
     rec->device = *pDevice;
     rec->gdpa = gdpa;
+    rec->emulation = inst.emulation;
 #define FSR_LOAD(name) rec->fn.name = reinterpret_cast<PFN_vk##name>(gdpa(*pDevice, "vk" #name));
     FSR_DEVICE_FUNCTIONS(FSR_LOAD)
 #undef FSR_LOAD
     inst.fn.GetPhysicalDeviceMemoryProperties(physicalDevice, &rec->memoryProperties);
+    if (inst.wsi && pCreateInfo->queueCreateInfoCount > 0) {
+        rec->wsi = std::make_unique<wsi::Device>(*pDevice, gdpa, *inst.wsi, rec->memoryProperties,
+                                                 pCreateInfo->pQueueCreateInfos[0].queueFamilyIndex);
+    }
 
+    // With the emulation off, the driver's own figures where the extension is enabled.
+    Preset figures = inst.preset ? *inst.preset : Preset{"off", {0, 0}, {0, 0}};
+    if (!inst.emulation && enabled && inst.fn.GetPhysicalDeviceProperties2 != nullptr) {
+        VkPhysicalDeviceFragmentShadingRatePropertiesKHR props = {};
+        props.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_FRAGMENT_SHADING_RATE_PROPERTIES_KHR;
+        VkPhysicalDeviceProperties2 props2 = {};
+        props2.sType = VK_STRUCTURE_TYPE_PHYSICAL_DEVICE_PROPERTIES_2;
+        props2.pNext = &props;
+        inst.fn.GetPhysicalDeviceProperties2(physicalDevice, &props2);
+        figures.texelSize = props.minFragmentShadingRateAttachmentTexelSize;
+        figures.maxFragmentSize = props.maxFragmentSize;
+    }
     Emit(TraceLine("device")
              .Handle("device", H(*pDevice))
-             .Str("preset", inst.preset->name)
+             .Str("preset", figures.name)
              .Bool("extensionEnabled", enabled)
-             .Num("texelWidth", inst.preset->texelSize.width)
-             .Num("texelHeight", inst.preset->texelSize.height)
-             .Num("maxFragmentWidth", inst.preset->maxFragmentSize.width)
-             .Num("maxFragmentHeight", inst.preset->maxFragmentSize.height));
+             .Num("texelWidth", figures.texelSize.width)
+             .Num("texelHeight", figures.texelSize.height)
+             .Num("maxFragmentWidth", figures.maxFragmentSize.width)
+             .Num("maxFragmentHeight", figures.maxFragmentSize.height));
     std::lock_guard<std::mutex> lock(g_lock);
     g_devices[Key(*pDevice)] = std::move(rec);
     return VK_SUCCESS;
@@ -592,6 +667,7 @@ VKAPI_ATTR void VKAPI_CALL DestroyDevice(VkDevice device, const VkAllocationCall
         rec = std::move(it->second);
         g_devices.erase(it);
     }
+    if (rec->wsi) rec->wsi->DestroyAll();
     const Counters& c = rec->counters;
     Emit(TraceLine("summary")
              .Handle("device", H(device))
@@ -621,7 +697,9 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateImage(VkDevice device, const VkImageCreateI
                                            const VkAllocationCallbacks* pAllocator, VkImage* pImage) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    VkResult result = dev.fn.CreateImage(device, StripImageCreateInfo(arena, pCreateInfo), pAllocator, pImage);
+    VkResult result =
+        dev.fn.CreateImage(device, Down(dev, StripImageCreateInfo(arena, pCreateInfo), pCreateInfo), pAllocator,
+                           pImage);
     if (result == VK_SUCCESS && (pCreateInfo->usage & VK_IMAGE_USAGE_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR)) {
         std::lock_guard<std::mutex> lock(g_lock);
         dev.rateImages[*pImage] = {pCreateInfo->format, pCreateInfo->arrayLayers, TexelBytes(pCreateInfo->format)};
@@ -639,7 +717,8 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateImageView(VkDevice device, const VkImageVie
                                                const VkAllocationCallbacks* pAllocator, VkImageView* pView) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    VkResult result = dev.fn.CreateImageView(device, StripImageViewCreateInfo(arena, pCreateInfo), pAllocator, pView);
+    VkResult result = dev.fn.CreateImageView(
+        device, Down(dev, StripImageViewCreateInfo(arena, pCreateInfo), pCreateInfo), pAllocator, pView);
     std::lock_guard<std::mutex> lock(g_lock);
     if (result == VK_SUCCESS && dev.rateImages.count(pCreateInfo->image)) dev.rateViews[*pView] = pCreateInfo->image;
     return result;
@@ -735,7 +814,7 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateRenderPass2(VkDevice device, const VkRender
     DeviceRecord& dev = Dev(device);
     Arena arena;
     RenderPassStrip strip = StripRenderPass2(arena, pCreateInfo);
-    VkResult result = (dev.fn.*Next)(device, strip.info, pAllocator, pRenderPass);
+    VkResult result = (dev.fn.*Next)(device, Down(dev, strip.info, pCreateInfo), pAllocator, pRenderPass);
     if (result != VK_SUCCESS || strip.removed.empty()) return result;
 
     std::lock_guard<std::mutex> lock(g_lock);
@@ -759,7 +838,8 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateRenderPass(VkDevice device, const VkRenderP
                                                 const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    return dev.fn.CreateRenderPass(device, StripRenderPass(arena, pCreateInfo), pAllocator, pRenderPass);
+    return dev.fn.CreateRenderPass(device, Down(dev, StripRenderPass(arena, pCreateInfo), pCreateInfo), pAllocator,
+                                   pRenderPass);
 }
 
 VKAPI_ATTR void VKAPI_CALL DestroyRenderPass(VkDevice device, VkRenderPass renderPass,
@@ -780,7 +860,7 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateFramebuffer(VkDevice device, const VkFrameb
     }
     Arena arena;
     FramebufferStrip strip = StripFramebuffer(arena, pCreateInfo, removed);
-    VkResult result = dev.fn.CreateFramebuffer(device, strip.info, pAllocator, pFramebuffer);
+    VkResult result = dev.fn.CreateFramebuffer(device, Down(dev, strip.info, pCreateInfo), pAllocator, pFramebuffer);
     if (result != VK_SUCCESS || removed.empty()) return result;
 
     std::lock_guard<std::mutex> lock(g_lock);
@@ -810,9 +890,9 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateGraphicsPipelines(VkDevice device, VkPipeli
                                                        const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    VkResult result = dev.fn.CreateGraphicsPipelines(device, pipelineCache, createInfoCount,
-                                                     StripGraphicsPipelines(arena, pCreateInfos, createInfoCount),
-                                                     pAllocator, pPipelines);
+    VkResult result = dev.fn.CreateGraphicsPipelines(
+        device, pipelineCache, createInfoCount,
+        Down(dev, StripGraphicsPipelines(arena, pCreateInfos, createInfoCount), pCreateInfos), pAllocator, pPipelines);
     // What the layers above asked for, before it was stripped.
     for (uint32_t i = 0; result >= 0 && i < createInfoCount; ++i) {
         if (pPipelines[i] == VK_NULL_HANDLE) continue;
@@ -948,7 +1028,7 @@ const VkRenderPassBeginInfo* BeginRenderPassCommon(DeviceRecord& dev, Arena& are
              .Handle("framebuffer", H(info->framebuffer))
              .Handle("view", H(view))
              .Raw("renderArea", IntList({area.offset.x, area.offset.y, area.extent.width, area.extent.height})));
-    return strip.info;
+    return Down(dev, strip.info, info);
 }
 
 VKAPI_ATTR void VKAPI_CALL CmdBeginRenderPass(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo* pBegin,
@@ -1014,7 +1094,7 @@ VKAPI_ATTR void VKAPI_CALL CmdBeginRendering(VkCommandBuffer commandBuffer, cons
         dev.commandBuffers[commandBuffer].state.BeginPass(pass);
     }
     Arena arena;
-    (dev.fn.*Next)(commandBuffer, StripRenderingInfo(arena, pRenderingInfo));
+    (dev.fn.*Next)(commandBuffer, Down(dev, StripRenderingInfo(arena, pRenderingInfo), pRenderingInfo));
 }
 
 template <PFN_vkCmdEndRendering DeviceTable::*Next>
@@ -1193,8 +1273,9 @@ VKAPI_ATTR void VKAPI_CALL CmdExecuteCommands(VkCommandBuffer commandBuffer, uin
 
 VKAPI_ATTR void VKAPI_CALL CmdSetFragmentShadingRateKHR(VkCommandBuffer commandBuffer, const VkExtent2D* pFragmentSize,
                                                         const VkFragmentShadingRateCombinerOpKHR combinerOps[2]) {
-    // Recorded only: the driver has no such command.
+    // Recorded only where emulated: the driver has no such command.
     DeviceRecord& dev = Dev(commandBuffer);
+    if (!dev.emulation) dev.fn.CmdSetFragmentShadingRateKHR(commandBuffer, pFragmentSize, combinerOps);
     std::lock_guard<std::mutex> lock(g_lock);
     const int64_t position = NextPositionLocked(dev, commandBuffer);
     ++dev.counters.rates;
@@ -1237,8 +1318,8 @@ VKAPI_ATTR void VKAPI_CALL CmdCopyBufferToImage(VkCommandBuffer commandBuffer, V
                                                 const VkBufferImageCopy* pRegions) {
     DeviceRecord& dev = Dev(commandBuffer);
     RecordUploads(dev, commandBuffer, srcBuffer, dstImage, regionCount, pRegions);
-    dev.fn.CmdCopyBufferToImage(commandBuffer, srcBuffer, dstImage, StripLayout(dstImageLayout), regionCount,
-                                pRegions);
+    dev.fn.CmdCopyBufferToImage(commandBuffer, srcBuffer, dstImage,
+                                Down(dev, StripLayout(dstImageLayout), dstImageLayout), regionCount, pRegions);
 }
 
 template <PFN_vkCmdCopyBufferToImage2 DeviceTable::*Next>
@@ -1253,7 +1334,7 @@ VKAPI_ATTR void VKAPI_CALL CmdCopyBufferToImage2(VkCommandBuffer commandBuffer,
     }
     RecordUploads(dev, commandBuffer, pInfo->srcBuffer, pInfo->dstImage, pInfo->regionCount, regions.data());
     VkCopyBufferToImageInfo2 info = *pInfo;
-    info.dstImageLayout = StripLayout(info.dstImageLayout);
+    info.dstImageLayout = Down(dev, StripLayout(info.dstImageLayout), info.dstImageLayout);
     (dev.fn.*Next)(commandBuffer, &info);
 }
 
@@ -1463,7 +1544,8 @@ VKAPI_ATTR VkResult VKAPI_CALL QueueSubmit(VkQueue queue, uint32_t submitCount, 
     }
     TraceUploads(dev, queue, submitted);
     Arena arena;
-    return dev.fn.QueueSubmit(queue, submitCount, StripSubmits(arena, pSubmits, submitCount), fence);
+    return dev.fn.QueueSubmit(queue, submitCount, Down(dev, StripSubmits(arena, pSubmits, submitCount), pSubmits),
+                              fence);
 }
 
 // Frames, so that a reader (and a tool waiting for frame N) can tell what happened when.
@@ -1477,7 +1559,80 @@ VKAPI_ATTR VkResult VKAPI_CALL QueuePresentKHR(VkQueue queue, const VkPresentInf
     if (TraceEnabled()) {
         Emit(TraceLine("present").Handle("queue", H(queue)).Num("frame", frame));
     }
-    return dev.fn.QueuePresentKHR(queue, pPresentInfo);
+    return dev.wsi ? dev.wsi->Present(queue, pPresentInfo) : dev.fn.QueuePresentKHR(queue, pPresentInfo);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Headless presentation (fsr_wsi.h): resolved only where the layer serves it
+
+VKAPI_ATTR VkResult VKAPI_CALL CreateHeadlessSurfaceEXT(VkInstance instance, const VkHeadlessSurfaceCreateInfoEXT*,
+                                                        const VkAllocationCallbacks*, VkSurfaceKHR* pSurface) {
+    return Inst(instance).wsi->CreateSurface(pSurface);
+}
+
+VKAPI_ATTR void VKAPI_CALL DestroySurfaceKHR(VkInstance instance, VkSurfaceKHR surface,
+                                             const VkAllocationCallbacks* pAllocator) {
+    Inst(instance).wsi->DestroySurface(instance, surface, pAllocator);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL GetPhysicalDeviceSurfaceSupportKHR(VkPhysicalDevice physicalDevice, uint32_t family,
+                                                                  VkSurfaceKHR surface, VkBool32* pSupported) {
+    return Inst(physicalDevice).wsi->Support(physicalDevice, family, surface, pSupported);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL GetPhysicalDeviceSurfaceCapabilitiesKHR(VkPhysicalDevice physicalDevice,
+                                                                       VkSurfaceKHR surface,
+                                                                       VkSurfaceCapabilitiesKHR* pCapabilities) {
+    return Inst(physicalDevice).wsi->Capabilities(physicalDevice, surface, pCapabilities);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL GetPhysicalDeviceSurfaceCapabilities2KHR(
+    VkPhysicalDevice physicalDevice, const VkPhysicalDeviceSurfaceInfo2KHR* pSurfaceInfo,
+    VkSurfaceCapabilities2KHR* pCapabilities) {
+    return Inst(physicalDevice).wsi->Capabilities2(physicalDevice, pSurfaceInfo, pCapabilities);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL GetPhysicalDeviceSurfaceFormatsKHR(VkPhysicalDevice physicalDevice,
+                                                                  VkSurfaceKHR surface, uint32_t* pCount,
+                                                                  VkSurfaceFormatKHR* pFormats) {
+    return Inst(physicalDevice).wsi->Formats(physicalDevice, surface, pCount, pFormats);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL GetPhysicalDeviceSurfaceFormats2KHR(VkPhysicalDevice physicalDevice,
+                                                                   const VkPhysicalDeviceSurfaceInfo2KHR* pSurfaceInfo,
+                                                                   uint32_t* pCount, VkSurfaceFormat2KHR* pFormats) {
+    return Inst(physicalDevice).wsi->Formats2(physicalDevice, pSurfaceInfo, pCount, pFormats);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL GetPhysicalDeviceSurfacePresentModesKHR(VkPhysicalDevice physicalDevice,
+                                                                       VkSurfaceKHR surface, uint32_t* pCount,
+                                                                       VkPresentModeKHR* pModes) {
+    return Inst(physicalDevice).wsi->PresentModes(physicalDevice, surface, pCount, pModes);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL CreateSwapchainKHR(VkDevice device, const VkSwapchainCreateInfoKHR* pCreateInfo,
+                                                  const VkAllocationCallbacks* pAllocator, VkSwapchainKHR* pSwapchain) {
+    return Dev(device).wsi->CreateSwapchain(pCreateInfo, pAllocator, pSwapchain);
+}
+
+VKAPI_ATTR void VKAPI_CALL DestroySwapchainKHR(VkDevice device, VkSwapchainKHR swapchain,
+                                               const VkAllocationCallbacks* pAllocator) {
+    Dev(device).wsi->DestroySwapchain(swapchain, pAllocator);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL GetSwapchainImagesKHR(VkDevice device, VkSwapchainKHR swapchain, uint32_t* pCount,
+                                                     VkImage* pImages) {
+    return Dev(device).wsi->Images(swapchain, pCount, pImages);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL AcquireNextImageKHR(VkDevice device, VkSwapchainKHR swapchain, uint64_t timeout,
+                                                   VkSemaphore semaphore, VkFence fence, uint32_t* pImageIndex) {
+    return Dev(device).wsi->Acquire(swapchain, timeout, semaphore, fence, pImageIndex);
+}
+
+VKAPI_ATTR VkResult VKAPI_CALL AcquireNextImage2KHR(VkDevice device, const VkAcquireNextImageInfoKHR* pAcquireInfo,
+                                                    uint32_t* pImageIndex) {
+    return Dev(device).wsi->Acquire2(pAcquireInfo, pImageIndex);
 }
 
 template <PFN_vkQueueSubmit2 DeviceTable::*Next>
@@ -1492,7 +1647,7 @@ VKAPI_ATTR VkResult VKAPI_CALL QueueSubmit2(VkQueue queue, uint32_t submitCount,
     }
     TraceUploads(dev, queue, submitted);
     Arena arena;
-    return (dev.fn.*Next)(queue, submitCount, StripSubmits2(arena, pSubmits, submitCount), fence);
+    return (dev.fn.*Next)(queue, submitCount, Down(dev, StripSubmits2(arena, pSubmits, submitCount), pSubmits), fence);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -1596,6 +1751,34 @@ const std::unordered_map<std::string_view, PFN_vkVoidFunction>& DeviceHooks() {
     return hooks;
 }
 
+using Hooks = std::unordered_map<std::string_view, PFN_vkVoidFunction>;
+
+const Hooks& WsiInstanceHooks() {
+    static const Hooks hooks = {
+        {"vkCreateHeadlessSurfaceEXT", FSR_FN(CreateHeadlessSurfaceEXT)},
+        {"vkDestroySurfaceKHR", FSR_FN(DestroySurfaceKHR)},
+        {"vkGetPhysicalDeviceSurfaceSupportKHR", FSR_FN(GetPhysicalDeviceSurfaceSupportKHR)},
+        {"vkGetPhysicalDeviceSurfaceCapabilitiesKHR", FSR_FN(GetPhysicalDeviceSurfaceCapabilitiesKHR)},
+        {"vkGetPhysicalDeviceSurfaceCapabilities2KHR", FSR_FN(GetPhysicalDeviceSurfaceCapabilities2KHR)},
+        {"vkGetPhysicalDeviceSurfaceFormatsKHR", FSR_FN(GetPhysicalDeviceSurfaceFormatsKHR)},
+        {"vkGetPhysicalDeviceSurfaceFormats2KHR", FSR_FN(GetPhysicalDeviceSurfaceFormats2KHR)},
+        {"vkGetPhysicalDeviceSurfacePresentModesKHR", FSR_FN(GetPhysicalDeviceSurfacePresentModesKHR)},
+    };
+    return hooks;
+}
+
+const Hooks& WsiDeviceHooks() {
+    static const Hooks hooks = {
+        {"vkCreateSwapchainKHR", FSR_FN(CreateSwapchainKHR)},
+        {"vkDestroySwapchainKHR", FSR_FN(DestroySwapchainKHR)},
+        {"vkGetSwapchainImagesKHR", FSR_FN(GetSwapchainImagesKHR)},
+        {"vkAcquireNextImageKHR", FSR_FN(AcquireNextImageKHR)},
+        {"vkAcquireNextImage2KHR", FSR_FN(AcquireNextImage2KHR)},
+        {"vkQueuePresentKHR", FSR_FN(QueuePresentKHR)},
+    };
+    return hooks;
+}
+
 PFN_vkVoidFunction Find(const std::unordered_map<std::string_view, PFN_vkVoidFunction>& hooks, const char* name) {
     auto it = hooks.find(name);
     return it == hooks.end() ? nullptr : it->second;
@@ -1607,14 +1790,31 @@ bool IsOwnCommand(const char* name) {
            std::strcmp(name, "vkGetPhysicalDeviceFragmentShadingRatesKHR") == 0;
 }
 
+// The hooks that only answer for the extension or remove it: with the emulation off, the
+// driver's own, since the trace needs none of them.
+bool AnswersOrStripsOnly(std::string_view name) {
+    for (std::string_view prefix : {"vkGetPhysicalDevice", "vkEnumerateDeviceExtensionProperties",
+                                    "vkCmdPipelineBarrier", "vkCmdWaitEvents", "vkCmdSetEvent", "vkCmdResetEvent"}) {
+        if (name.substr(0, prefix.size()) == prefix) return true;
+    }
+    return false;
+}
+
+// Our hook or the next layer's function: headless presentation where served, whatever the
+// driver has; the emulation's own commands only with the emulation on.
+PFN_vkVoidFunction Resolve(bool emulation, bool wsi, const Hooks& wsiHooks, PFN_vkVoidFunction hook,
+                           PFN_vkVoidFunction next, const char* name) {
+    if (PFN_vkVoidFunction own = wsi ? Find(wsiHooks, name) : nullptr) return own;
+    if (hook == nullptr || (!emulation && AnswersOrStripsOnly(name))) return next;
+    return next != nullptr || (emulation && IsOwnCommand(name)) ? hook : next;
+}
+
 VKAPI_ATTR PFN_vkVoidFunction VKAPI_CALL GetDeviceProcAddr(VkDevice device, const char* pName) {
     if (device == VK_NULL_HANDLE || pName == nullptr) return nullptr;
     DeviceRecord* dev = GetDevice(Key(device));
     if (dev == nullptr) return nullptr;
-    PFN_vkVoidFunction next = dev->gdpa(device, pName);
-    PFN_vkVoidFunction hook = Find(DeviceHooks(), pName);
-    if (hook != nullptr && (next != nullptr || IsOwnCommand(pName))) return hook;
-    return next;
+    return Resolve(dev->emulation, dev->wsi != nullptr, WsiDeviceHooks(), Find(DeviceHooks(), pName),
+                   dev->gdpa(device, pName), pName);
 }
 
 VKAPI_ATTR PFN_vkVoidFunction VKAPI_CALL GetInstanceProcAddr(VkInstance instance, const char* pName) {
@@ -1625,11 +1825,12 @@ VKAPI_ATTR PFN_vkVoidFunction VKAPI_CALL GetInstanceProcAddr(VkInstance instance
     if (instance == VK_NULL_HANDLE) return nullptr;
     InstanceRecord* inst = GetInstance(Key(instance));
     if (inst == nullptr) return nullptr;
-    PFN_vkVoidFunction next = inst->gipa(instance, pName);
     PFN_vkVoidFunction hook = Find(InstanceHooks(), pName);
     if (hook == nullptr) hook = Find(DeviceHooks(), pName);
-    if (hook != nullptr && (next != nullptr || IsOwnCommand(pName))) return hook;
-    return next;
+    const bool wsi = inst->wsi != nullptr;
+    PFN_vkVoidFunction next = inst->gipa(instance, pName);
+    if (PFN_vkVoidFunction own = wsi ? Find(WsiDeviceHooks(), pName) : nullptr) return own;
+    return Resolve(inst->emulation, wsi, WsiInstanceHooks(), hook, next, pName);
 }
 
 }  // namespace

@@ -43,6 +43,15 @@ void fail(const char* format, ...) {
     std::exit(1);
 }
 
+void warn(const char* format, ...) {
+    std::fprintf(stderr, "%s: ", gProgramName.c_str());
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(stderr, format, args);
+    va_end(args);
+    std::fputc('\n', stderr);
+}
+
 const char* resultName(VkResult result) {
     switch (result) {
 #define VKH_RESULT(r) \
@@ -152,6 +161,17 @@ Context::Context(const ContextDesc& desc) {
     VKH_CHECK(vkEnumerateInstanceExtensionProperties(nullptr, &count, nullptr));
     std::vector<VkExtensionProperties> available(count);
     VKH_CHECK(vkEnumerateInstanceExtensionProperties(nullptr, &count, available.data()));
+    // Layers enabled from the environment offer their own (the emulation layer's headless surface
+    // where the driver has none); the loader refuses the instance if none of them is enabled.
+    VKH_CHECK(vkEnumerateInstanceLayerProperties(&count, nullptr));
+    std::vector<VkLayerProperties> layers(count);
+    VKH_CHECK(vkEnumerateInstanceLayerProperties(&count, layers.data()));
+    for (const VkLayerProperties& layer : layers) {
+        uint32_t n = 0;
+        if (vkEnumerateInstanceExtensionProperties(layer.layerName, &n, nullptr) != VK_SUCCESS) continue;
+        available.resize(available.size() + n);
+        vkEnumerateInstanceExtensionProperties(layer.layerName, &n, available.data() + available.size() - n);
+    }
     for (const char* name : instanceExtensions) {
         if (!hasExtension(available, name)) fail("instance extension %s is not available", name);
     }

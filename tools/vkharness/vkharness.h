@@ -30,7 +30,8 @@
 // driver with VK_DRIVER_FILES. Objects made through a Context are destroyed with ctx.destroy(...);
 // the Context destructor waits for the device and destroys the pool, device, surface and the
 // instance it made (a Context on another's instance must be destroyed first). Every failing call prints "<program>: <call> failed: <VkResult name> (file:line)" and
-// exits 1; a missing instance or device extension is named before that object is created.
+// exits 1; a missing instance or device extension is named before that object is created (an
+// instance extension that a layer offers counts: the loader refuses it unless that layer is enabled).
 
 #include <cstdint>
 #include <string>
@@ -46,6 +47,8 @@ constexpr VkMemoryPropertyFlags kHostMemory =
 
 void setProgramName(const std::string& name);
 [[noreturn]] void fail(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// "<program>: message" on stderr, and the program goes on.
+void warn(const char* format, ...) __attribute__((format(printf, 1, 2)));
 const char* resultName(VkResult result);
 // Fails unless `result` is VK_SUCCESS (VK_SUBOPTIMAL_KHR counts as success too).
 void check(VkResult result, const char* call, const char* file, int line);
