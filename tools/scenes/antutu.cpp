@@ -22,6 +22,7 @@
 #include "scene_common.h"
 
 #include "antutu_pass_frag.h"
+#include "antutu_pass_frag_loops.h"
 #include "composite_frag_quadrants.h"
 #include "fullscreen_vert.h"
 #include "mesh_vert.h"
@@ -33,7 +34,8 @@ const char kUsage[] =
     "  --frames N                           frames to present (default 200)\n"
     "  --width N, --height N                swapchain size (default 1920x1080)\n"
     "  --render-width N, --render-height N  render area of the scene passes (default 2400x1200)\n"
-    "  --png FILE                           write the last presented frame as PNG\n";
+    "  --png FILE                           write the last presented frame as PNG\n"
+    "  (--gpu-time labels the passes as the sequence printed at the start, then final)\n";
 
 struct Options {
     scene::CommonOptions common;
@@ -176,7 +178,9 @@ int main(int argc, char** argv) {
     VkPipelineLayout passLayout = scene::createPipelineLayout(device, VK_NULL_HANDLE);
     VkPipelineLayout finalLayout = scene::createPipelineLayout(device, compositeSet.layout);
     VkShaderModule meshVert = ctx.createShader(mesh_vert_spv, sizeof(mesh_vert_spv));
-    VkShaderModule passFrag = ctx.createShader(antutu_pass_frag_spv, sizeof(antutu_pass_frag_spv));
+    const uint32_t loops = o.common.shaderLoops > 1 ? o.common.shaderLoops : 0;
+    VkShaderModule passFrag = loops ? ctx.createShader(antutu_pass_frag_loops_spv, sizeof(antutu_pass_frag_loops_spv))
+                                    : ctx.createShader(antutu_pass_frag_spv, sizeof(antutu_pass_frag_spv));
     VkShaderModule fullVert = ctx.createShader(fullscreen_vert_spv, sizeof(fullscreen_vert_spv));
     VkShaderModule compFrag = ctx.createShader(composite_frag_quadrants_spv, sizeof(composite_frag_quadrants_spv));
 
@@ -192,6 +196,7 @@ int main(int argc, char** argv) {
         pipeline.depthWrite = depthTest && !colour;  // only the prepass writes depth; the rest test against it
         pipeline.dynamic = dynamic;
         pipeline.extent = area;
+        pipeline.fragmentLoops = loops;
         pipelines.push_back(scene::createPipeline(device, pipeline));
         return pipelines.back();
     };
@@ -225,10 +230,13 @@ int main(int argc, char** argv) {
     for (const PassStep& s : kSequence) std::printf(" %s", s.label);
     std::printf(" final\n");
 
+    const size_t passCount = sizeof(kSequence) / sizeof(kSequence[0]);
+    presenter.timePasses(o.common.gpuTime, uint32_t(passCount) + 1);
+    scene::GpuTimer& timer = presenter.timer();
     auto recordFrame = [&](VkCommandBuffer cmd, uint32_t imageIndex, uint32_t frame) {
         meshes.bind(cmd);
         const float t = float(frame % 120) / 120.0f;
-        for (size_t step = 0; step < sizeof(kSequence) / sizeof(kSequence[0]); ++step) {
+        for (size_t step = 0; step < passCount; ++step) {
             const TargetInfo& target = targets[kSequence[step].target];
             VkClearValue clears[2] = {};
             clears[0].color = {{0.02f, 0.02f, 0.05f, 1.0f}};
@@ -241,6 +249,7 @@ int main(int argc, char** argv) {
             begin.renderArea = {{0, 0}, target.extent};
             begin.clearValueCount = 2;
             begin.pClearValues = clears;
+            timer.beginPass(cmd, kSequence[step].label);
             vkCmdBeginRenderPass(cmd, &begin, VK_SUBPASS_CONTENTS_INLINE);
             vkCmdBindPipeline(cmd, VK_PIPELINE_BIND_POINT_GRAPHICS, target.pipeline);
             if (target.dynamicViewport) scene::setViewport(cmd, target.extent);
@@ -279,10 +288,13 @@ int main(int argc, char** argv) {
                 vkCmdDrawIndexed(cmd, ring.indexCount, 1, ring.firstIndex, ring.vertexOffset, 0);
             }
             vkCmdEndRenderPass(cmd);
+            timer.endPass(cmd);
         }
 
+        timer.beginPass(cmd, "final");
         scene::recordCompositePass(cmd, finalPass, finalFramebuffers[imageIndex], screen, finalPipeline, finalLayout,
                                    compositeSet.set);
+        timer.endPass(cmd);
     };
 
     const double seconds = presenter.run(o.common.frames, recordFrame, o.common.png);

@@ -44,6 +44,12 @@ std::vector<uint32_t> parseNumberList(const char* text, const char* option, size
     return numbers;
 }
 
+const char kCommonUsage[] =
+    "  --shader-loops N         the pass fragment shaders add N rounds of trigonometry whose result\n"
+    "                           is 1, so that fragment work dominates on a GPU (default 1: none)\n"
+    "  --gpu-time FILE          GPU time of each render pass from timestamps, as JSON lines\n"
+    "                           {\"frame\":N,\"pass\":\"LABEL\",\"ms\":X} (frames from 1)\n";
+
 bool parseCommonOption(int argc, char** argv, int& i, CommonOptions& options) {
     const std::string option = argv[i];
     if (option == "--frames") {
@@ -54,6 +60,10 @@ bool parseCommonOption(int argc, char** argv, int& i, CommonOptions& options) {
         options.height = parseNumber(optionValue(argc, argv, i), "--height", 16, 8192);
     } else if (option == "--png") {
         options.png = optionValue(argc, argv, i);
+    } else if (option == "--shader-loops") {
+        options.shaderLoops = parseNumber(optionValue(argc, argv, i), "--shader-loops", 0, 1000000);
+    } else if (option == "--gpu-time") {
+        options.gpuTime = optionValue(argc, argv, i);
     } else {
         return false;
     }
@@ -67,9 +77,11 @@ void parseOptions(int argc, char** argv, const char* usage, CommonOptions& commo
         if (parseCommonOption(argc, argv, i, common) || own(arg, i)) continue;
         if (arg == "--help" || arg == "-h") {
             std::fputs(usage, stdout);
+            std::fputs(kCommonUsage, stdout);
             std::exit(0);
         }
         std::fputs(usage, stderr);
+        std::fputs(kCommonUsage, stderr);
         vkh::fail("unknown option %s", arg.c_str());
     }
 }
@@ -254,6 +266,10 @@ VkPipeline createPipeline(VkDevice device, const PipelineDesc& desc) {
     stages[1] = stages[0];
     stages[1].stage = VK_SHADER_STAGE_FRAGMENT_BIT;
     stages[1].module = desc.fragment;
+    const int32_t loops = int32_t(desc.fragmentLoops);
+    const VkSpecializationMapEntry loopsEntry = {0, 0, sizeof(loops)};
+    const VkSpecializationInfo specialization = {1, &loopsEntry, sizeof(loops), &loops};
+    if (desc.fragmentLoops != 0) stages[1].pSpecializationInfo = &specialization;
 
     const VkVertexInputBindingDescription binding = {0, sizeof(Vertex), VK_VERTEX_INPUT_RATE_VERTEX};
     const VkVertexInputAttributeDescription attributes[2] = {
@@ -433,7 +449,78 @@ VkSampler createSampler(VkDevice device, VkFilter filter) {
     return sampler;
 }
 
+// ---- GPU time
+
+GpuTimer::GpuTimer(vkh::Context& ctx, const std::string& path, uint32_t maxPasses)
+    : device_(ctx.device), maxPasses_(maxPasses) {
+    uint32_t count = 0;
+    vkGetPhysicalDeviceQueueFamilyProperties(ctx.physicalDevice, &count, nullptr);
+    std::vector<VkQueueFamilyProperties> families(count);
+    vkGetPhysicalDeviceQueueFamilyProperties(ctx.physicalDevice, &count, families.data());
+    const uint32_t bits = families[ctx.queueFamily].timestampValidBits;
+    if (bits == 0) {
+        vkh::warn("--gpu-time: queue family %u has no timestamps (timestampComputeAndGraphics %u): no GPU times",
+                  ctx.queueFamily, ctx.properties.limits.timestampComputeAndGraphics);
+        return;
+    }
+    file_ = std::fopen(path.c_str(), "w");
+    if (file_ == nullptr) {
+        vkh::warn("--gpu-time: cannot open %s: %s: no GPU times", path.c_str(), std::strerror(errno));
+        return;
+    }
+    mask_ = bits >= 64 ? ~0ull : (1ull << bits) - 1;
+    nsPerTick_ = ctx.properties.limits.timestampPeriod;
+    VkQueryPoolCreateInfo info = {VK_STRUCTURE_TYPE_QUERY_POOL_CREATE_INFO};
+    info.queryType = VK_QUERY_TYPE_TIMESTAMP;
+    info.queryCount = 2 * maxPasses;
+    VKH_CHECK(vkCreateQueryPool(device_, &info, nullptr, &pool_));
+}
+
+GpuTimer::~GpuTimer() {
+    if (pool_ != VK_NULL_HANDLE) vkDestroyQueryPool(device_, pool_, nullptr);
+    if (file_ != nullptr) std::fclose(file_);
+}
+
+void GpuTimer::beginFrame(VkCommandBuffer cmd, uint32_t frame) {
+    if (pool_ == VK_NULL_HANDLE) return;
+    vkCmdResetQueryPool(cmd, pool_, 0, 2 * maxPasses_);
+    frame_ = frame;
+    labels_.clear();
+    pending_ = true;
+}
+
+// Both timestamps wait for all earlier work (BOTTOM_OF_PIPE): a pass is not charged for what the
+// one before it still had running when it began.
+void GpuTimer::beginPass(VkCommandBuffer cmd, const char* label) {
+    if (pool_ == VK_NULL_HANDLE) return;
+    if (labels_.size() == maxPasses_) vkh::fail("GpuTimer: more than %u passes in a frame", maxPasses_);
+    vkCmdWriteTimestamp(cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, pool_, uint32_t(2 * labels_.size()));
+    labels_.push_back(label);
+}
+
+void GpuTimer::endPass(VkCommandBuffer cmd) {
+    if (pool_ == VK_NULL_HANDLE) return;
+    vkCmdWriteTimestamp(cmd, VK_PIPELINE_STAGE_BOTTOM_OF_PIPE_BIT, pool_, uint32_t(2 * labels_.size() - 1));
+}
+
+void GpuTimer::collect() {
+    if (!pending_ || labels_.empty()) return;
+    pending_ = false;
+    std::vector<uint64_t> ticks(2 * labels_.size());
+    VKH_CHECK(vkGetQueryPoolResults(device_, pool_, 0, uint32_t(ticks.size()), ticks.size() * sizeof(uint64_t),
+                                    ticks.data(), sizeof(uint64_t), VK_QUERY_RESULT_64_BIT | VK_QUERY_RESULT_WAIT_BIT));
+    for (size_t p = 0; p < labels_.size(); ++p) {
+        const double ms = double((ticks[2 * p + 1] - ticks[2 * p]) & mask_) * nsPerTick_ / 1e6;
+        std::fprintf(file_, "{\"frame\":%u,\"pass\":\"%s\",\"ms\":%.6f}\n", frame_ + 1, labels_[p].c_str(), ms);
+    }
+    std::fflush(file_);
+}
+
 // ---- frames
+
+void Presenter::timePasses(const std::string& path, uint32_t maxPasses) {
+    if (!path.empty()) timer_ = std::make_unique<GpuTimer>(ctx_, path, maxPasses);
+}
 
 Presenter::Presenter(vkh::Context& ctx, uint32_t width, uint32_t height) : ctx_(ctx) {
     swapchain = ctx.createSwapchain(width, height);
@@ -469,6 +556,7 @@ double Presenter::run(uint32_t frames, const RecordFrame& record, const std::str
 
 void Presenter::present(uint32_t frame, uint32_t frames, const RecordFrame& record, const std::string& png) {
     VKH_CHECK(vkWaitForFences(ctx_.device, 1, &fence_, VK_TRUE, UINT64_MAX));
+    timer_->collect();
     VKH_CHECK(vkResetFences(ctx_.device, 1, &fence_));
     uint32_t imageIndex = 0;
     VKH_CHECK(vkAcquireNextImageKHR(ctx_.device, swapchain.swapchain, UINT64_MAX, acquired_, VK_NULL_HANDLE,
@@ -477,6 +565,7 @@ void Presenter::present(uint32_t frame, uint32_t frames, const RecordFrame& reco
     VkCommandBufferBeginInfo begin = {VK_STRUCTURE_TYPE_COMMAND_BUFFER_BEGIN_INFO};
     begin.flags = VK_COMMAND_BUFFER_USAGE_ONE_TIME_SUBMIT_BIT;
     VKH_CHECK(vkBeginCommandBuffer(cmd_, &begin));
+    timer_->beginFrame(cmd_, frame);
     record(cmd_, imageIndex, frame);
     VKH_CHECK(vkEndCommandBuffer(cmd_));
 
@@ -517,6 +606,7 @@ void Presenter::present(uint32_t frame, uint32_t frames, const RecordFrame& reco
 
 void Presenter::finish() {
     VKH_CHECK(vkQueueWaitIdle(ctx_.queue));
+    timer_->collect();
     if (!presentTimesPath.empty()) {
         if (FILE* f = std::fopen(presentTimesPath.c_str(), "w")) {
             for (double us : presentMicros_) std::fprintf(f, "%.1f\n", us);

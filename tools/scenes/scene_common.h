@@ -5,7 +5,9 @@
 // of one application; this file knows nothing of either.
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,11 +21,17 @@ struct CommonOptions {
     uint32_t frames = 60;
     uint32_t width = 1920;
     uint32_t height = 1080;
-    std::string png;  // empty: no image written
+    std::string png;       // empty: no image written
+    uint32_t shaderLoops = 1;  // up to 1: the plain pass shaders, as without the option
+    std::string gpuTime;   // empty: no GPU times written
 };
 
-// Parses "--frames N", "--width N", "--height N", "--png FILE" at argv[i] (advancing i past the
-// value) and returns true; false when argv[i] is not one of them.
+// The lines of the usage text for the options below.
+extern const char kCommonUsage[];
+
+// Parses "--frames N", "--width N", "--height N", "--png FILE", "--shader-loops N" and
+// "--gpu-time FILE" at argv[i] (advancing i past the value) and returns true; false when argv[i]
+// is not one of them.
 bool parseCommonOption(int argc, char** argv, int& i, CommonOptions& options);
 
 // Walks the command line: the common options into `common`, the scene's own through `own`
@@ -118,6 +126,7 @@ struct PipelineDesc {
     bool additive = false;
     DynamicStates dynamic = DynamicStates::kViewportScissor;
     VkExtent2D extent = {0, 0};  // the baked viewport without dynamic viewport
+    uint32_t fragmentLoops = 0;  // set: the fragment shader's constant_id 0 (a "loops" variant)
 };
 
 VkPipeline createPipeline(VkDevice device, const PipelineDesc& desc);
@@ -141,6 +150,38 @@ struct SamplerSet {
 };
 
 VkSampler createSampler(VkDevice device, VkFilter filter);
+
+// ---- GPU time
+
+// Times render passes with timestamps around them and appends {"frame":N,"pass":"LABEL","ms":X}
+// lines to a file once the frame's fence has signalled. Without a file, or where the queue has no
+// timestamps (logged), every call does nothing.
+class GpuTimer {
+public:
+    GpuTimer() = default;
+    GpuTimer(vkh::Context& ctx, const std::string& path, uint32_t maxPasses);
+    ~GpuTimer();
+    GpuTimer(const GpuTimer&) = delete;
+    GpuTimer& operator=(const GpuTimer&) = delete;
+
+    // At the start of frame `frame` (from 0), outside any pass: resets the queries.
+    void beginFrame(VkCommandBuffer cmd, uint32_t frame);
+    void beginPass(VkCommandBuffer cmd, const char* label);
+    void endPass(VkCommandBuffer cmd);
+    // Once the frame recorded last has finished: writes its lines.
+    void collect();
+
+private:
+    VkDevice device_ = VK_NULL_HANDLE;
+    VkQueryPool pool_ = VK_NULL_HANDLE;
+    FILE* file_ = nullptr;
+    double nsPerTick_ = 1.0;
+    uint64_t mask_ = ~0ull;
+    uint32_t maxPasses_ = 0;
+    uint32_t frame_ = 0;
+    std::vector<std::string> labels_;  // of the frame recorded last, in order
+    bool pending_ = false;
+};
 
 // ---- frames
 
@@ -166,6 +207,11 @@ public:
     std::string presentTimesPath;
     vkh::Swapchain swapchain;
 
+    // GPU times of the frames' passes into `path` (nothing when empty); `record` brackets each
+    // pass with timer().beginPass and endPass.
+    void timePasses(const std::string& path, uint32_t maxPasses);
+    GpuTimer& timer() { return *timer_; }
+
 private:
     vkh::Context& ctx_;
     VkCommandBuffer cmd_ = VK_NULL_HANDLE;
@@ -173,6 +219,7 @@ private:
     VkSemaphore acquired_ = VK_NULL_HANDLE;
     std::vector<VkSemaphore> rendered_;  // one per swapchain image: a present may still wait on it
     std::vector<double> presentMicros_;
+    std::unique_ptr<GpuTimer> timer_ = std::make_unique<GpuTimer>();
 };
 
 // ---- recording threads

@@ -28,13 +28,21 @@
 #include "fullscreen_vert.h"
 #include "mesh_vert.h"
 #include "starrail_light_frag.h"
+#include "starrail_light_frag_loops.h"
 #include "starrail_main_frag_c2.h"
+#include "starrail_main_frag_c2_loops.h"
 #include "starrail_main_frag_c3.h"
+#include "starrail_main_frag_c3_loops.h"
 #include "starrail_main_frag_c4.h"
+#include "starrail_main_frag_c4_loops.h"
 #include "starrail_main_frag_c5.h"
+#include "starrail_main_frag_c5_loops.h"
 #include "starrail_main_frag_c6.h"
+#include "starrail_main_frag_c6_loops.h"
 #include "starrail_main_frag_c7.h"
+#include "starrail_main_frag_c7_loops.h"
 #include "starrail_main_frag_c8.h"
+#include "starrail_main_frag_c8_loops.h"
 
 namespace {
 
@@ -43,16 +51,20 @@ struct Spirv {
     size_t bytes;
 };
 
-// Main-pass fragment shaders by number of colour targets, from 2 up.
+#define SPIRV(name) {name##_spv, sizeof(name##_spv)}
+// Main-pass fragment shaders by number of colour targets, from 2 up; then with --shader-loops.
 const Spirv kMainFragments[] = {
-    {starrail_main_frag_c2_spv, sizeof(starrail_main_frag_c2_spv)},
-    {starrail_main_frag_c3_spv, sizeof(starrail_main_frag_c3_spv)},
-    {starrail_main_frag_c4_spv, sizeof(starrail_main_frag_c4_spv)},
-    {starrail_main_frag_c5_spv, sizeof(starrail_main_frag_c5_spv)},
-    {starrail_main_frag_c6_spv, sizeof(starrail_main_frag_c6_spv)},
-    {starrail_main_frag_c7_spv, sizeof(starrail_main_frag_c7_spv)},
-    {starrail_main_frag_c8_spv, sizeof(starrail_main_frag_c8_spv)},
+    SPIRV(starrail_main_frag_c2), SPIRV(starrail_main_frag_c3), SPIRV(starrail_main_frag_c4),
+    SPIRV(starrail_main_frag_c5), SPIRV(starrail_main_frag_c6), SPIRV(starrail_main_frag_c7),
+    SPIRV(starrail_main_frag_c8),
 };
+const Spirv kMainFragmentsLooping[] = {
+    SPIRV(starrail_main_frag_c2_loops), SPIRV(starrail_main_frag_c3_loops), SPIRV(starrail_main_frag_c4_loops),
+    SPIRV(starrail_main_frag_c5_loops), SPIRV(starrail_main_frag_c6_loops), SPIRV(starrail_main_frag_c7_loops),
+    SPIRV(starrail_main_frag_c8_loops),
+};
+const Spirv kLightFragments[] = {SPIRV(starrail_light_frag), SPIRV(starrail_light_frag_loops)};
+#undef SPIRV
 
 const char kUsage[] =
     "usage: zovk-scene-starrail [options]\n"
@@ -70,15 +82,16 @@ const char kUsage[] =
     "  --present-times FILE     write the microseconds each present took, one line per frame\n"
     "  --devices N              N devices on the one instance (1..4, default 1), each with its own\n"
     "                           swapchain, passes and command buffers, presenting frames in turn;\n"
-    "                           --png and --present-times follow the first; the last made is\n"
-    "                           destroyed first\n"
+    "                           --png, --present-times and --gpu-time follow the first; the\n"
+    "                           last made is destroyed first\n"
     "  --threads N              record each frame's secondaries on N threads (1..16), each with its\n"
     "                           own command pool, the main pass's contents spread over N-1\n"
     "                           secondaries (at least 1); default: all on the main thread\n"
     "  --recreate-passes K      every K frames, make the passes, framebuffers and pipelines again\n"
     "                           (on a thread of their own with --threads, while the frame records\n"
     "                           with the old ones) and destroy those retired K frames before\n"
-    "  --exit-alive             call exit() after the last frame, destroying nothing\n";
+    "  --exit-alive             call exit() after the last frame, destroying nothing\n"
+    "  (--gpu-time labels the passes main, light and other-1, the final one)\n";
 
 struct Options {
     scene::CommonOptions common;
@@ -279,9 +292,11 @@ StarRailDevice::StarRailDevice(const Options& o, const vkh::Context* shared)
     lightLayout_ = scene::createPipelineLayout(device_, gbufferSet_.layout);
     finalLayout_ = scene::createPipelineLayout(device_, lightSet_.layout);
     meshVert_ = ctx.createShader(mesh_vert_spv, sizeof(mesh_vert_spv));
-    const Spirv& mainFragCode = kMainFragments[colorCount_ - 2];
+    const bool looping = o.common.shaderLoops > 1;
+    const Spirv& mainFragCode = (looping ? kMainFragmentsLooping : kMainFragments)[colorCount_ - 2];
     mainFrag_ = ctx.createShader(mainFragCode.code, mainFragCode.bytes);
-    lightFrag_ = ctx.createShader(starrail_light_frag_spv, sizeof(starrail_light_frag_spv));
+    const Spirv& lightFragCode = kLightFragments[looping ? 1 : 0];
+    lightFrag_ = ctx.createShader(lightFragCode.code, lightFragCode.bytes);
     fullVert_ = ctx.createShader(fullscreen_vert_spv, sizeof(fullscreen_vert_spv));
     compFrag_ = ctx.createShader(composite_frag_spv, sizeof(composite_frag_spv));
     current_ = makePasses();
@@ -358,6 +373,7 @@ std::unique_ptr<Passes> StarRailDevice::makePasses() {
     pipeline.renderPass = p->mainDontCare;
     pipeline.colorCount = colorCount_;
     pipeline.depthTest = pipeline.depthWrite = true;
+    pipeline.fragmentLoops = o_.common.shaderLoops > 1 ? o_.common.shaderLoops : 0;
     p->mainPipeline = scene::createPipeline(device_, pipeline);
 
     pipeline.fragment = lightFrag_;
@@ -479,9 +495,12 @@ void StarRailDevice::recordFrame(VkCommandBuffer cmd, uint32_t imageIndex, uint3
     begin.renderArea = {{0, 0}, extent_};
     begin.clearValueCount = uint32_t(clears.size());
     begin.pClearValues = clears.data();
+    scene::GpuTimer& timer = presenter_->timer();
+    timer.beginPass(cmd, "main");
     vkCmdBeginRenderPass(cmd, &begin, VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
     vkCmdExecuteCommands(cmd, mainParts_, mainSecondaries_.data());
     vkCmdEndRenderPass(cmd);
+    timer.endPass(cmd);
 
     VkClearValue lightClears[2] = {};
     lightClears[0].color = {{0.0f, 0.0f, 0.0f, 1.0f}};
@@ -491,12 +510,16 @@ void StarRailDevice::recordFrame(VkCommandBuffer cmd, uint32_t imageIndex, uint3
     lightBegin.renderArea = {{0, 0}, extent_};
     lightBegin.clearValueCount = 2;
     lightBegin.pClearValues = lightClears;
+    timer.beginPass(cmd, "light");
     vkCmdBeginRenderPass(cmd, &lightBegin, VK_SUBPASS_CONTENTS_SECONDARY_COMMAND_BUFFERS);
     vkCmdExecuteCommands(cmd, 1, &lightSecondary_);
     vkCmdEndRenderPass(cmd);
+    timer.endPass(cmd);
 
+    timer.beginPass(cmd, "other-1");
     scene::recordCompositePass(cmd, p.finalPass, p.finalFramebuffers[imageIndex], extent_, p.finalPipeline,
                                finalLayout_, lightSet_.set);
+    timer.endPass(cmd);
     if (recreate) {
         retired_ = std::move(current_);
         current_ = std::move(next);
@@ -548,6 +571,7 @@ int main(int argc, char** argv) {
     std::printf("\n");
 
     devices[0]->presenter().presentTimesPath = o.presentTimes;
+    devices[0]->presenter().timePasses(o.common.gpuTime, 3);
     const auto start = std::chrono::steady_clock::now();
     for (uint32_t frame = 0; frame < o.common.frames; ++frame) {
         for (auto& device : devices) {

@@ -16,6 +16,21 @@ layout(location = 1) in vec2 local;
 
 layout(location = 0) out vec4 lit;
 
+#ifdef LOOPS
+// --shader-loops: kLoops rounds of trigonometry whose result is 1 within rounding, so that the
+// fragment work grows with the count while the picture stays the same.
+layout(constant_id = 0) const int kLoops = 2;
+
+float work() {
+    float sum = 0.0;
+    for (int i = 0; i < kLoops; ++i) {
+        float a = dot(gl_FragCoord.xy, vec2(0.37, 0.71)) + float(i);
+        sum += sin(a) * sin(a) + cos(a) * cos(a);
+    }
+    return sum / float(kLoops);
+}
+#endif
+
 void main() {
     float ripple = 0.75 + 0.25 * sin(gl_FragCoord.x * 1.3 + gl_FragCoord.y * 0.4);
     int mode = int(draw.tint.a);
@@ -30,4 +45,7 @@ void main() {
     } else {
         lit = vec4(color.rgb * ripple * 0.6, 1.0);
     }
+#ifdef LOOPS
+    lit.rgb *= work();
+#endif
 }

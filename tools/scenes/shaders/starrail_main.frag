@@ -30,9 +30,27 @@ layout(location = 6) out vec4 extra6;
 layout(location = 7) out vec4 extra7;
 #endif
 
+#ifdef LOOPS
+// --shader-loops: kLoops rounds of trigonometry whose result is 1 within rounding, so that the
+// fragment work grows with the count while the picture stays the same.
+layout(constant_id = 0) const int kLoops = 2;
+
+float work() {
+    float sum = 0.0;
+    for (int i = 0; i < kLoops; ++i) {
+        float a = dot(gl_FragCoord.xy, vec2(0.37, 0.71)) + float(i);
+        sum += sin(a) * sin(a) + cos(a) * cos(a);
+    }
+    return sum / float(kLoops);
+}
+#endif
+
 void main() {
     // A per-pixel ripple: shading once per 2x2 block would visibly flatten it.
     float ripple = 0.7 + 0.3 * sin(gl_FragCoord.x * 0.9) * sin(gl_FragCoord.y * 0.7);
+#ifdef LOOPS
+    ripple *= work();
+#endif
     albedo = vec4(color.rgb * ripple, 1.0);
     material = vec4(fract(local * 3.0), ripple, 1.0);
 #if COLOR_OUTPUTS > 2
