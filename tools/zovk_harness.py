@@ -58,6 +58,12 @@ class Session:
         os.makedirs(self.out, exist_ok=True)
         self.runtime = tempfile.mkdtemp(prefix="zovk-")  # socket paths must stay short
         self.env = {k: v for k, v in env.items() if not k.startswith(drop)}
+        # ZOVK_DRIVER=system: the machine's own driver (a GPU's), as the caller's VK_DRIVER_FILES
+        # names it, with the tools' layer passing the shading-rate extension through (tracing
+        # still) instead of emulating it, and serving headless presentation where the driver has none.
+        self.system_driver = env.get("ZOVK_DRIVER") == "system"
+        if self.system_driver:
+            self.env.update({k: env[k] for k in ("VK_DRIVER_FILES", "VK_ICD_FILENAMES") if k in env})
         self.env["ZOVK_BINDER_DIR"] = os.path.join(self.runtime, "binder")
         os.mkdir(self.env["ZOVK_BINDER_DIR"], 0o700)
         self.env["ZOVK_PROPERTIES"] = os.path.join(self.out, "properties.txt")
@@ -99,7 +105,7 @@ class Session:
     def layers(self, *names, emulation=None, trace=None, loader_debug=False, layer_dir=None):
         """The environment of a run with the given layers enabled (ours, the validation layer, ...),
         and the emulation layer at the bottom unless `emulation` is None: "" for its default preset,
-        or a preset's name."""
+        or a preset's name (on the system driver it passes the extension through)."""
         env = dict(self.env, VK_ADD_LAYER_PATH=layer_dir or self.layer_dir, VK_INSTANCE_LAYERS=":".join(names),
                    VK_LAYER_SETTINGS_PATH=self.out)
         if emulation is not None:
@@ -111,6 +117,8 @@ class Session:
             env = dict(entry.split("=", 1) for entry in sourced.stdout.decode().split("\0") if "=" in entry)
             if trace:
                 env["ZOVK_FSR_TRACE"] = trace
+            if self.system_driver:
+                env.update(ZOVK_FSR_EMULATION="off", ZOVK_FSR_WSI="auto")
         if loader_debug:
             env["VK_LOADER_DEBUG"] = "layer"
         return env

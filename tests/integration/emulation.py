@@ -2,9 +2,12 @@
 """The tools beneath the layer, under the validation layer on lavapipe:
 - emulation_probe: fsr_probe on the emulation layer, per preset and with none: stacked validation ->
   emulation -> driver, silent validation, the pixels of `fsr_probe --plain`.
-- scenes_starrail, scenes_antutu: 3 frames at 1920x1080, silent validation, a last frame of thousands of colours."""
+- scenes_starrail, scenes_antutu: 3 frames at 1920x1080, silent validation, a last frame of thousands of colours.
+- wsi_headless: the Star Rail scene on the emulation layer's own headless surface (forced; lavapipe has one), the
+  emulation off: the driver's frames, silent validation, a GPU time for every pass of every frame."""
 
 import filecmp
+import json
 import subprocess
 
 from it import EMULATION, VALIDATION, expect, main
@@ -39,6 +42,27 @@ def scene(name):
     return check
 
 
+def wsi_headless(s):
+    s.preload = {}  # the scene is ours and built like the layer
+    scene = [s.tool("scenes/zovk-scene-starrail"), "--frames", "3", "--width", "960", "--height", "540"]
+    driver = s.layers(VALIDATION, emulation="")  # ZOVK_FSR_WSI=auto from env.sh: lavapipe's own surface
+    times = s.path("gpu.jsonl")
+    # The layer's run as on a GPU with the extension: nothing emulated, presentation served.
+    layer = dict(driver, ZOVK_FSR_WSI="headless", ZOVK_FSR_EMULATION="off")
+    for label, env, more in (("driver", driver, []), ("layer", layer, ["--gpu-time", times])):
+        s.run(label, scene + ["--png", s.path(label + "-%d.png")] + more, env)
+        s.expect_validation(label, loaded=True)
+        served = s.count(label + ".err", "serving VK_EXT_headless_surface in the layer")
+        expect(served == (label == "layer"), f"{label}: the layer said {served} times that it serves the surface")
+    for frame in (1, 2, 3):
+        expect(filecmp.cmp(s.path(f"driver-{frame}.png"), s.path(f"layer-{frame}.png"), shallow=False),
+               f"frame {frame}: the pixels differ between the driver's surface and the layer's")
+    lines = [json.loads(line) for line in open(times)]
+    passes = sorted((line["frame"], line["pass"]) for line in lines)
+    expect(passes == sorted((f, p) for f in (1, 2, 3) for p in ("main", "light", "other-1"))
+           and all(line["ms"] > 0 for line in lines), f"GPU times: {lines}")
+
+
 if __name__ == "__main__":
     raise SystemExit(main({"emulation_probe": emulation_probe, "scenes_starrail": scene("starrail"),
-                           "scenes_antutu": scene("antutu")}))
+                           "scenes_antutu": scene("antutu"), "wsi_headless": wsi_headless}))

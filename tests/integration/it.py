@@ -44,12 +44,16 @@ class Scenario(Session):
         home = os.path.join(self.tmp, "home")
         os.mkdir(home, 0o700)
         env = {k: v for k, v in os.environ.items() if not k.startswith(DROP)}
+        if os.environ.get("ZOVK_DRIVER") == "system":  # the session keeps the caller's driver
+            env.update({k: os.environ[k] for k in ("ZOVK_DRIVER", "VK_DRIVER_FILES", "VK_ICD_FILENAMES")
+                        if k in os.environ})
         env.update(HOME=home, XDG_RUNTIME_DIR=home, XDG_CONFIG_HOME=f"{home}/.config", XDG_CACHE_HOME=f"{home}/.cache")
         super().__init__(build, self.tmp, env)
-        # One driver, so that every machine renders the same pixels.
-        icd = (glob.glob("/usr/share/vulkan/icd.d/lvp_icd*.json") + glob.glob("/etc/vulkan/icd.d/lvp_icd*.json"))
-        expect(icd, "lavapipe's ICD manifest is not installed")
-        self.env.update(VK_DRIVER_FILES=icd[0], VK_ICD_FILENAMES=icd[0])
+        # One driver, so that every machine renders the same pixels; ZOVK_DRIVER=system keeps the caller's.
+        if not self.system_driver:
+            icd = glob.glob("/usr/share/vulkan/icd.d/lvp_icd*.json") + glob.glob("/etc/vulkan/icd.d/lvp_icd*.json")
+            expect(icd, "lavapipe's ICD manifest is not installed")
+            self.env.update(VK_DRIVER_FILES=icd[0], VK_ICD_FILENAMES=icd[0])
         # Sanitizer builds of the layer may need more time.
         self.timeout = int(os.environ.get("ZOVK_IT_TIMEOUT", 180)) * (2 if self.preload else 1)
         self.programs = []
