@@ -229,26 +229,34 @@ VkCommandBuffer ResourceCreate::beginSingleTimeCommands() {
     return commandBuffer;
 }
 
-void ResourceCreate::endSingleTimeCommands(VkCommandBuffer commandBuffer) {
-    if (commandBuffer == VK_NULL_HANDLE) {
-        return;
-    }
+VkQueue ResourceCreate::EndAndSubmit(VkCommandBuffer commandBuffer, VkFence fence, VkResult& result) {
     const ZoVkDeviceInfo* record = DeviceInfo();
-    const VkDevice device = record->device;
     record->functions.vkEndCommandBuffer(commandBuffer);
-
     const VkQueue queue = submitQueue_ != VK_NULL_HANDLE ? submitQueue_ : GraphicsQueue();
+    result = VK_ERROR_INITIALIZATION_FAILED;
     if (queue != VK_NULL_HANDLE) {
         VkSubmitInfo submit{};
         submit.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO;
         submit.commandBufferCount = 1;
         submit.pCommandBuffers = &commandBuffer;
-        record->functions.vkQueueSubmit(queue, 1, &submit, VK_NULL_HANDLE);
+        result = record->functions.vkQueueSubmit(queue, 1, &submit, fence);
+    }
+    return queue;
+}
+
+void ResourceCreate::endSingleTimeCommands(VkCommandBuffer commandBuffer) {
+    if (commandBuffer == VK_NULL_HANDLE) {
+        return;
+    }
+    const ZoVkDeviceInfo* record = DeviceInfo();
+    VkResult result = VK_SUCCESS;
+    const VkQueue queue = EndAndSubmit(commandBuffer, VK_NULL_HANDLE, result);
+    if (queue != VK_NULL_HANDLE) {
         record->functions.vkQueueWaitIdle(queue);
     }
     // Freed even when nothing could be submitted, so the pool does not grow with every
     // upload on a device without a graphics queue.
-    record->functions.vkFreeCommandBuffers(device, recordingPool_, 1, &commandBuffer);
+    record->functions.vkFreeCommandBuffers(record->device, recordingPool_, 1, &commandBuffer);
 }
 
 void ResourceCreate::submitSingleTimeCommands(VkCommandBuffer commandBuffer) {
@@ -257,29 +265,23 @@ void ResourceCreate::submitSingleTimeCommands(VkCommandBuffer commandBuffer) {
     }
     const ZoVkDeviceInfo* record = DeviceInfo();
     const VkDevice device = record->device;
-    record->functions.vkEndCommandBuffer(commandBuffer);
-    const VkQueue queue = submitQueue_ != VK_NULL_HANDLE ? submitQueue_ : GraphicsQueue();
     VkFenceCreateInfo fenceInfo{};
     fenceInfo.sType = VK_STRUCTURE_TYPE_FENCE_CREATE_INFO;
     VkFence fence = VK_NULL_HANDLE;
-    if (queue == VK_NULL_HANDLE || record->functions.vkCreateFence(device, &fenceInfo, nullptr, &fence) != VK_SUCCESS) {
-        ZOVK_LOGE("one-shot work not submitted: %s", queue == VK_NULL_HANDLE ? "no queue" : "no fence");
-        record->functions.vkFreeCommandBuffers(device, recordingPool_, 1, &commandBuffer);
+    VkResult result = record->functions.vkCreateFence(device, &fenceInfo, nullptr, &fence);
+    if (result == VK_SUCCESS) {
+        EndAndSubmit(commandBuffer, fence, result);
+    }
+    if (result == VK_SUCCESS) {
+        inFlight_.push_back({commandBuffer, recordingPool_, fence});
         return;
     }
-    VkSubmitInfo submit{};
-    submit.sType = VK_STRUCTURE_TYPE_SUBMIT_INFO;
-    submit.commandBufferCount = 1;
-    submit.pCommandBuffers = &commandBuffer;
-    const VkResult result = record->functions.vkQueueSubmit(queue, 1, &submit, fence);
-    if (result != VK_SUCCESS) {
-        // Nothing will signal the fence: both go now.
-        ZOVK_LOGE("one-shot submission failed, ret:%d", result);
+    // Nothing will signal the fence: both go now.
+    ZOVK_LOGE("one-shot work not submitted, ret:%d", result);
+    if (fence != VK_NULL_HANDLE) {
         record->functions.vkDestroyFence(device, fence, nullptr);
-        record->functions.vkFreeCommandBuffers(device, recordingPool_, 1, &commandBuffer);
-        return;
     }
-    inFlight_.push_back({commandBuffer, recordingPool_, fence});
+    record->functions.vkFreeCommandBuffers(device, recordingPool_, 1, &commandBuffer);
 }
 
 void ResourceCreate::ReclaimSubmissions(bool wait) {

@@ -76,6 +76,9 @@ private:
                         VkDeviceMemory& memory);
 
     const VkPhysicalDeviceMemoryProperties& MemoryProperties();
+    // Ends `commandBuffer` and submits it with `fence` to the submit queue, else the first
+    // graphics queue; that queue (null when there is none) and the submission's result.
+    VkQueue EndAndSubmit(VkCommandBuffer commandBuffer, VkFence fence, VkResult& result);
     // Frees the command buffers and fences of finished submissions; with `wait`, of all of them.
     void ReclaimSubmissions(bool wait);
     // findGraphicQueueFamilies, asked once per device: every one-shot submission needs it.

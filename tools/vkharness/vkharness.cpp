@@ -33,23 +33,29 @@ void addUnique(std::vector<const char*>& names, const char* name) {
 
 void setProgramName(const std::string& name) { gProgramName = name; }
 
-void fail(const char* format, ...) {
+namespace {
+
+void report(const char* format, va_list args) {
     std::fprintf(stderr, "%s: ", gProgramName.c_str());
+    std::vfprintf(stderr, format, args);
+    std::fputc('\n', stderr);
+}
+
+}  // namespace
+
+void fail(const char* format, ...) {
     va_list args;
     va_start(args, format);
-    std::vfprintf(stderr, format, args);
+    report(format, args);
     va_end(args);
-    std::fputc('\n', stderr);
     std::exit(1);
 }
 
 void warn(const char* format, ...) {
-    std::fprintf(stderr, "%s: ", gProgramName.c_str());
     va_list args;
     va_start(args, format);
-    std::vfprintf(stderr, format, args);
+    report(format, args);
     va_end(args);
-    std::fputc('\n', stderr);
 }
 
 const char* resultName(VkResult result) {
