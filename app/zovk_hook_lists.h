@@ -30,17 +30,33 @@ using ZoVkHandlerType = typename ZoVkNode<Kind, Slot>::HandlerType;
                                                 ::vulkan::zovk::app::module::ZoVkChainShape::Shape> \
         Vk##Call##Hooked;
 
-#define ZOVK_MODULE_HOOKS(Module, Processor, LIST)                              \
-public:                                                                         \
-    LIST(ZOVK_DETAIL_MODULE_HANDLER)                                            \
-    void RegisterModuleVkDeviceHooks() override { LIST(ZOVK_DETAIL_MODULE_SET_HOOK) } \
-    void RegisterModuleDeviceFunctors() override { LIST(ZOVK_DETAIL_MODULE_JOIN) } \
-    void UnregisterModuleDeviceFunctors() override { LIST(ZOVK_DETAIL_MODULE_REMOVE) } \
-                                                                                \
-private:                                                                        \
-    using ZoVkHookModule = Module;                                              \
-    using ZoVkHookProcessor = Processor;                                        \
-    LIST(ZOVK_DETAIL_MODULE_NODE)
+#define ZOVK_MODULE_HOOKS(Module, Processor, LIST) \
+    ZOVK_MODULE_HOOKS_SOME_IF(Module, Processor, LIST, ZOVK_DETAIL_NO_HOOKS, false)
+
+// As ZOVK_MODULE_HOOKS, with a second list whose calls are hooked only when `enabled` (an
+// expression on the module, read as it registers): a call one mode of the module needs stays
+// direct, with no trampoline, in the other. Removal of a node never joined does nothing.
+#define ZOVK_MODULE_HOOKS_SOME_IF(Module, Processor, LIST, SOME, enabled)                      \
+public:                                                                                      \
+    LIST(ZOVK_DETAIL_MODULE_HANDLER)                                                         \
+    SOME(ZOVK_DETAIL_MODULE_HANDLER)                                                         \
+    void RegisterModuleVkDeviceHooks() override {                                            \
+        LIST(ZOVK_DETAIL_MODULE_SET_HOOK) if (enabled) { SOME(ZOVK_DETAIL_MODULE_SET_HOOK) } \
+    }                                                                                        \
+    void RegisterModuleDeviceFunctors() override {                                           \
+        LIST(ZOVK_DETAIL_MODULE_JOIN) if (enabled) { SOME(ZOVK_DETAIL_MODULE_JOIN) }         \
+    }                                                                                        \
+    void UnregisterModuleDeviceFunctors() override {                                         \
+        LIST(ZOVK_DETAIL_MODULE_REMOVE) SOME(ZOVK_DETAIL_MODULE_REMOVE)                      \
+    }                                                                                        \
+                                                                                             \
+private:                                                                                     \
+    using ZoVkHookModule = Module;                                                           \
+    using ZoVkHookProcessor = Processor;                                                     \
+    LIST(ZOVK_DETAIL_MODULE_NODE)                                                            \
+    SOME(ZOVK_DETAIL_MODULE_NODE)
+
+#define ZOVK_DETAIL_NO_HOOKS(X)
 
 #define ZOVK_DETAIL_MODULE_HANDLER(Kind, Call, Priority)                                                 \
     ::vulkan::zovk::app::module::ZoVkHandlerType<::vulkan::zovk::app::module::ZoVkNodeKind::Kind, \

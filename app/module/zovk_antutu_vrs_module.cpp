@@ -181,7 +181,7 @@ ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer co
     }
     if (vrsEnabled_.load(std::memory_order_relaxed) &&
         config_.InRange(pRenderPassBegin->renderArea.extent.width, pRenderPassBegin->renderArea.extent.height)) {
-        const VkExtent2D size = SetRate(next.NextLayer(), commandBuffer, *pRenderPassBegin);
+        const MyVkExtent2D size = SetRate(next.NextLayer(), commandBuffer, *pRenderPassBegin);
         if (conforming_) {
             std::lock_guard<std::mutex> lock(mutex_);
             Recording& recording = recordings_[commandBuffer];
@@ -194,61 +194,62 @@ ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkCmdBeginRenderPass(VkCommandBuffer co
     return next(commandBuffer, pRenderPassBegin, contents);
 }
 
-char ZoVkAntutuVRSModule::KindOf(VkRenderPass pass) const {
-    return clearColorPasses_.count(pass) != 0         ? 'B'
-           : halfFloatPasses_.count(pass) != 0        ? 'C'
-           : singleAttachmentPasses_.count(pass) != 0 ? 'A'
-                                                      : 'O';
+ZoVkAntutuVRSModule::PassClasses ZoVkAntutuVRSModule::ClassesOf(VkRenderPass pass) const {
+    return {singleAttachmentPasses_.count(pass) != 0, clearColorPasses_.count(pass) != 0,
+            halfFloatPasses_.count(pass) != 0};
 }
 
 void ZoVkAntutuVRSModule::WantFullRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
                                        const VkRenderPassBeginInfo& begin, VkDevice device) {
     constexpr VkExtent2D kFullRate{1, 1};
+    const bool canSet = next.vkCmdSetFragmentShadingRateKHR != nullptr;
     char kind = 'O';
     int step = 0;
-    bool coarse = false;
+    bool reset = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         Recording& recording = recordings_[commandBuffer];
         recording.device = device;
         recording.wanted = kFullRate;
-        coarse = recording.inForce.width * recording.inForce.height > 1;
-        if (coarse && next.vkCmdSetFragmentShadingRateKHR != nullptr) {
+        reset = canSet && recording.inForce.width * recording.inForce.height > 1;
+        if (reset) {
             recording.inForce = kFullRate;
-            kind = KindOf(begin.renderPass);
+            kind = ClassesOf(begin.renderPass).Kind();
             step = passStep_;
         }
     }
-    if (coarse && next.vkCmdSetFragmentShadingRateKHR != nullptr) {
+    if (reset) {
         ZOVK_LOGD("vxxk r: %llu %c 1x1 %d",
                   static_cast<unsigned long long>(presentCount_.load(std::memory_order_relaxed) + 1), kind, step);
         next.vkCmdSetFragmentShadingRateKHR(commandBuffer, &kFullRate, combinerOps_);
     }
 }
 
+// From here to SetRate: the calls only the conforming mode hooks.
+
 ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkCmdBindPipeline(VkCommandBuffer commandBuffer,
                                                            VkPipelineBindPoint pipelineBindPoint, VkPipeline pipeline,
                                                            ZoVkNext<&T::vkCmdBindPipeline> next) {
-    if (!conforming_ || pipelineBindPoint != VK_PIPELINE_BIND_POINT_GRAPHICS) {
+    if (pipelineBindPoint != VK_PIPELINE_BIND_POINT_GRAPHICS) {
         return next(commandBuffer, pipelineBindPoint, pipeline);
     }
-    VkExtent2D size{0, 0};
+    MyVkExtent2D size;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         Recording& recording = recordings_[commandBuffer];
         recording.device = next.Record().device;
         if (ratePipelines_.count(pipeline) == 0) {
             // Its own rate overwrites the set one: a later pipeline that takes the rate needs it again.
-            recording.inForce = {0, 0};
-        } else if (recording.inForce.width != recording.wanted.width ||
-                   recording.inForce.height != recording.wanted.height) {
+            recording.inForce = MyVkExtent2D();
+        } else if (recording.inForce != recording.wanted) {
             size = recording.inForce = recording.wanted;
         }
     }
     ZoVkPassed<void> passed = next(commandBuffer, pipelineBindPoint, pipeline);
     const PFN_vkCmdSetFragmentShadingRateKHR setRate = next.NextLayer().vkCmdSetFragmentShadingRateKHR;
     if (size.width != 0 && setRate != nullptr) {
-        setRate(commandBuffer, &size, combinerOps_);
+        const VkExtent2D rate = size.ToVkExtent2D();
+        setRate(commandBuffer, &rate, combinerOps_);
     }
     return passed;
 }
@@ -256,7 +257,7 @@ ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkCmdBindPipeline(VkCommandBuffer comma
 ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkDestroyPipeline(VkDevice device, VkPipeline pipeline,
                                                            const VkAllocationCallbacks* pAllocator,
                                                            ZoVkNext<&T::vkDestroyPipeline> next) {
-    if (conforming_) {
+    {
         std::lock_guard<std::mutex> lock(mutex_);
         ratePipelines_.erase(pipeline);
     }
@@ -272,20 +273,20 @@ void ZoVkAntutuVRSModule::Forget(VkCommandBuffer commandBuffer) {
 ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkBeginCommandBuffer(VkCommandBuffer commandBuffer,
                                                                   const VkCommandBufferBeginInfo* pBeginInfo,
                                                                   ZoVkNext<&T::vkBeginCommandBuffer> next) {
-    if (conforming_) Forget(commandBuffer);
+    Forget(commandBuffer);
     return next(commandBuffer, pBeginInfo);
 }
 
 ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkEndCommandBuffer(VkCommandBuffer commandBuffer,
                                                                 ZoVkNext<&T::vkEndCommandBuffer> next) {
-    if (conforming_) Forget(commandBuffer);
+    Forget(commandBuffer);
     return next(commandBuffer);
 }
 
 ZoVkPassed<VkResult> ZoVkAntutuVRSModule::PreVkResetCommandBuffer(VkCommandBuffer commandBuffer,
                                                                   VkCommandBufferResetFlags flags,
                                                                   ZoVkNext<&T::vkResetCommandBuffer> next) {
-    if (conforming_) Forget(commandBuffer);
+    Forget(commandBuffer);
     return next(commandBuffer, flags);
 }
 
@@ -293,7 +294,7 @@ ZoVkPassed<void> ZoVkAntutuVRSModule::PreVkFreeCommandBuffers(VkDevice device, V
                                                               uint32_t commandBufferCount,
                                                               const VkCommandBuffer* pCommandBuffers,
                                                               ZoVkNext<&T::vkFreeCommandBuffers> next) {
-    for (uint32_t i = 0; conforming_ && pCommandBuffers != nullptr && i < commandBufferCount; ++i) {
+    for (uint32_t i = 0; pCommandBuffers != nullptr && i < commandBufferCount; ++i) {
         Forget(pCommandBuffers[i]);
     }
     return next(device, commandPool, commandBufferCount, pCommandBuffers);
@@ -311,12 +312,10 @@ VkExtent2D ZoVkAntutuVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCom
     char kind = 'O';
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        // A handle made again for another kind of pass can be in two sets: the rules see both.
-        const bool inA = singleAttachmentPasses_.count(begin.renderPass) != 0;
-        const bool inB = clearColorPasses_.count(begin.renderPass) != 0;
-        const bool inC = halfFloatPasses_.count(begin.renderPass) != 0;
-        kind = KindOf(begin.renderPass);
-        const auto in = [&](char set) { return (set == 'B' && inB) || (set == 'C' && inC); };
+        // The rules see every set the pass is in.
+        const PassClasses classes = ClassesOf(begin.renderPass);
+        kind = classes.Kind();
+        const auto in = [&](char set) { return (set == 'B' && classes.b) || (set == 'C' && classes.c); };
         const StepRule& rule = kStepRules[passStep_];
         // The first rule that matches wins; a pass that matches none keeps 1x1.
         step = passStep_;
@@ -325,7 +324,7 @@ VkExtent2D ZoVkAntutuVRSModule::SetRate(const VkDeviceFunctionTable& next, VkCom
         } else if (in(rule.advanceKind)) {
             size = fragmentSizes_[rule.advanceSize];
             step = passStep_ + 1;
-        } else if (rule.otherSize >= 0 && !inA) {
+        } else if (rule.otherSize >= 0 && !classes.a) {
             size = fragmentSizes_[rule.otherSize];
         }
         stepChanged = step != passStep_;

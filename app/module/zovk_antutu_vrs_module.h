@@ -8,6 +8,7 @@
 
 #include "app/module/zovk_antutu_processor.h"
 #include "app/module/zovk_antutu_vrs_module_data.h"
+#include "app/zovk_extent.h"
 #include "app/zovk_module_base.h"
 
 namespace vulkan::zovk::app::module {
@@ -17,12 +18,14 @@ namespace vulkan::zovk::app::module {
     X(Pre, CreateGraphicsPipelines, 1000) \
     X(Pre, CmdBeginRenderPass, 0)         \
     X(Post, CreateRenderPass, 0)          \
-    X(Pre, QueuePresentKHR, 0)            \
-    X(Pre, CmdBindPipeline, 0)            \
-    X(Pre, DestroyPipeline, 0)            \
-    X(Pre, BeginCommandBuffer, 0)         \
-    X(Pre, EndCommandBuffer, 0)           \
-    X(Pre, ResetCommandBuffer, 0)         \
+    X(Pre, QueuePresentKHR, 0)
+// The calls only the conforming mode hooks.
+#define ZOVK_ANTUTU_VRS_CONFORMING_HOOKS(X) \
+    X(Pre, CmdBindPipeline, 0)              \
+    X(Pre, DestroyPipeline, 0)              \
+    X(Pre, BeginCommandBuffer, 0)           \
+    X(Pre, EndCommandBuffer, 0)             \
+    X(Pre, ResetCommandBuffer, 0)           \
     X(Pre, FreeCommandBuffers, 0)
 
 // AnTuTu's per-pass shading rate. Every graphics pipeline with a dynamic-state block gets the
@@ -33,8 +36,8 @@ namespace vulkan::zovk::app::module {
 //
 // The pipelines' rate is then undefined wherever no rate was set in the same recording: before
 // the first sampling, in passes outside the bounds, in secondaries, after a pipeline without
-// the dynamic state. The conforming mode ("vendor.zovk.vrs.conforming"; the calls from
-// vkCmdBindPipeline down serve only it) keeps, per command buffer being recorded, the rate
+// the dynamic state. The conforming mode ("vendor.zovk.vrs.conforming"; only it hooks the
+// calls of the second list) keeps, per command buffer being recorded, the rate
 // its current pass wants (1x1 outside the chosen passes) and records it again after a pipeline
 // that takes it is bound while another rate, or none, is in force; a pass begun with a coarse
 // rate still in force gets 1x1 first.
@@ -65,13 +68,20 @@ private:
     // What the conforming mode knows of a command buffer being recorded.
     struct Recording {
         VkDevice device = VK_NULL_HANDLE;
-        VkExtent2D wanted{1, 1};   // the rate of the pass begun last
-        VkExtent2D inForce{0, 0};  // 0x0: none, or a pipeline's own
+        MyVkExtent2D wanted{1, 1};  // the rate of the pass begun last
+        MyVkExtent2D inForce;       // 0x0: none, or a pipeline's own
+    };
+    // The sets a pass is in (a handle made again for another kind of pass can be in two).
+    struct PassClasses {
+        bool a = false;
+        bool b = false;
+        bool c = false;
+        char Kind() const { return b ? 'B' : c ? 'C' : a ? 'A' : 'O'; }
     };
 
     void Classify(VkDevice device, const VkRenderPassCreateInfo& info, VkRenderPass pass);
-    // The pass's kind letter; under the lock.
-    char KindOf(VkRenderPass pass) const;
+    // Under the lock.
+    PassClasses ClassesOf(VkRenderPass pass) const;
     // Chooses the rate of a begin inside the bounds by the step machine, records and logs it;
     // the size recorded, 0x0 when the device has no rate command.
     VkExtent2D SetRate(const VkDeviceFunctionTable& next, VkCommandBuffer commandBuffer,
@@ -108,7 +118,8 @@ private:
     int passStep_ = 0;  // only grows
     VkExtent2D fragmentSizes_[ZoVkAntutuVRSModuleData::kRateCodeCount];
 
-    ZOVK_MODULE_HOOKS(ZoVkAntutuVRSModule, ZoVkAntutuProcessor, ZOVK_ANTUTU_VRS_HOOKS)
+    ZOVK_MODULE_HOOKS_SOME_IF(ZoVkAntutuVRSModule, ZoVkAntutuProcessor, ZOVK_ANTUTU_VRS_HOOKS,
+                              ZOVK_ANTUTU_VRS_CONFORMING_HOOKS, conforming_)
 };
 
 }  // namespace vulkan::zovk::app::module

@@ -58,6 +58,11 @@ protected:
                                  "vkQueuePresentKHR"}) {
             EXPECT_NE(served_->Call<PFN_vkVoidFunction>(name), fake_.Function(name)) << name << " is not hooked";
         }
+        // Only the conforming mode needs the recording's calls: otherwise they stay direct.
+        const bool conforming = ZoVkSettings::GetInstance()->IsVrsConforming();
+        for (const char* name : {"vkCmdBindPipeline", "vkBeginCommandBuffer", "vkFreeCommandBuffers"}) {
+            EXPECT_EQ(served_->Call<PFN_vkVoidFunction>(name) != fake_.Function(name), conforming) << name;
+        }
     }
 
     static void PushVrs(int value) {
