@@ -74,21 +74,21 @@ ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuf
             const VkCommandBufferInheritanceInfo& inheritance = *pBeginInfo->pInheritanceInfo;
             VkRenderPass pass = VK_NULL_HANDLE;
             VkFramebuffer framebuffer = VK_NULL_HANDLE;
-            bool found = false;
+            uint32_t found = 0;  // which pass's secondary: the flag its rate sets
             if (FindSubstitutes(state->mainPass, inheritance.renderPass, inheritance.framebuffer, pass, framebuffer)) {
                 Track(state->mainPass.secondaryCommandBuffers, commandBuffer);
-                found = true;
+                found = kMainRateSet;
                 ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN MAIN secondary cmb: %llu",
                                HandleNumber(commandBuffer));
             } else if (FindSubstitutes(state->lightPass, inheritance.renderPass, inheritance.framebuffer, pass,
                                        framebuffer)) {
                 Track(state->lightPass.secondaryCommandBuffers, commandBuffer);
                 StartLightRecording(*state, commandBuffer);
-                found = true;
+                found = kLightRateSet;
                 ZOVK_VRS_TRACE(debugLog, "PreVkBeginCommandBuffer, BEGIN Light secondary cmb: %llu",
                                HandleNumber(commandBuffer));
             }
-            if (found && pass != VK_NULL_HANDLE && framebuffer != VK_NULL_HANDLE) {
+            if (found != 0 && pass != VK_NULL_HANDLE && framebuffer != VK_NULL_HANDLE) {
                 redirected = inheritance;
                 redirected.renderPass = pass;
                 redirected.framebuffer = framebuffer;
@@ -96,10 +96,7 @@ ZoVkPassed<VkResult> ZoVkStarRailVRSModule::PreVkBeginCommandBuffer(VkCommandBuf
                 begin.pInheritanceInfo = &redirected;
                 info = &begin;
                 SetFlags(*state, kSecondaryRedirected);
-                if (conforming_) {
-                    rateFlag = state->mainPass.secondaryCommandBuffers.count(commandBuffer) != 0 ? kMainRateSet
-                                                                                                 : kLightRateSet;
-                }
+                rateFlag = conforming_ ? found : 0;
             }
         }
     }
