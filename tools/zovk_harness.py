@@ -105,10 +105,11 @@ class Session:
     def layers(self, *names, emulation=None, trace=None, loader_debug=False, layer_dir=None):
         """The environment of a run with the given layers enabled (ours, the validation layer, ...),
         and the emulation layer at the bottom unless `emulation` is None: "" for its default preset,
-        or a preset's name (on the system driver it passes the extension through)."""
+        or a preset's name, or "off" for the extension passed through (always so on the system driver)."""
         env = dict(self.env, VK_ADD_LAYER_PATH=layer_dir or self.layer_dir, VK_INSTANCE_LAYERS=":".join(names),
                    VK_LAYER_SETTINGS_PATH=self.out)
         if emulation is not None:
+            emulation = "off" if self.system_driver else emulation
             script = os.path.join(ROOT, "tools", "fsr_emulation", "env.sh")
             sourced = subprocess.run(["bash", "-c", 'source "$0" "$@" >/dev/null && env -0', script, self.build]
                                      + ([emulation] if emulation else []), env=env, capture_output=True)
@@ -117,8 +118,6 @@ class Session:
             env = dict(entry.split("=", 1) for entry in sourced.stdout.decode().split("\0") if "=" in entry)
             if trace:
                 env["ZOVK_FSR_TRACE"] = trace
-            if self.system_driver:
-                env.update(ZOVK_FSR_EMULATION="off", ZOVK_FSR_WSI="auto")
         if loader_debug:
             env["VK_LOADER_DEBUG"] = "layer"
         return env
