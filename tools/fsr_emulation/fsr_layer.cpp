@@ -238,9 +238,10 @@ struct DeviceRecord {
 };
 
 // The emulation's rewrite of what goes down, or with the emulation off what the program gave.
-template <typename T>
-T Down(const DeviceRecord& dev, T stripped, T original) {
-    return dev.emulation ? stripped : original;
+// `strip` runs only where emulated.
+template <typename Strip, typename T>
+T Down(const DeviceRecord& dev, Strip strip, T original) {
+    return dev.emulation ? strip() : original;
 }
 
 // One lock for all bookkeeping; calls down the chain are made without it, except the
@@ -697,9 +698,8 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateImage(VkDevice device, const VkImageCreateI
                                            const VkAllocationCallbacks* pAllocator, VkImage* pImage) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    VkResult result =
-        dev.fn.CreateImage(device, Down(dev, StripImageCreateInfo(arena, pCreateInfo), pCreateInfo), pAllocator,
-                           pImage);
+    const auto* down = Down(dev, [&] { return StripImageCreateInfo(arena, pCreateInfo); }, pCreateInfo);
+    VkResult result = dev.fn.CreateImage(device, down, pAllocator, pImage);
     if (result == VK_SUCCESS && (pCreateInfo->usage & VK_IMAGE_USAGE_FRAGMENT_SHADING_RATE_ATTACHMENT_BIT_KHR)) {
         std::lock_guard<std::mutex> lock(g_lock);
         dev.rateImages[*pImage] = {pCreateInfo->format, pCreateInfo->arrayLayers, TexelBytes(pCreateInfo->format)};
@@ -717,8 +717,8 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateImageView(VkDevice device, const VkImageVie
                                                const VkAllocationCallbacks* pAllocator, VkImageView* pView) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    VkResult result = dev.fn.CreateImageView(
-        device, Down(dev, StripImageViewCreateInfo(arena, pCreateInfo), pCreateInfo), pAllocator, pView);
+    const auto* down = Down(dev, [&] { return StripImageViewCreateInfo(arena, pCreateInfo); }, pCreateInfo);
+    VkResult result = dev.fn.CreateImageView(device, down, pAllocator, pView);
     std::lock_guard<std::mutex> lock(g_lock);
     if (result == VK_SUCCESS && dev.rateImages.count(pCreateInfo->image)) dev.rateViews[*pView] = pCreateInfo->image;
     return result;
@@ -814,7 +814,7 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateRenderPass2(VkDevice device, const VkRender
     DeviceRecord& dev = Dev(device);
     Arena arena;
     RenderPassStrip strip = StripRenderPass2(arena, pCreateInfo);
-    VkResult result = (dev.fn.*Next)(device, Down(dev, strip.info, pCreateInfo), pAllocator, pRenderPass);
+    VkResult result = (dev.fn.*Next)(device, dev.emulation ? strip.info : pCreateInfo, pAllocator, pRenderPass);
     if (result != VK_SUCCESS || strip.removed.empty()) return result;
 
     std::lock_guard<std::mutex> lock(g_lock);
@@ -838,8 +838,8 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateRenderPass(VkDevice device, const VkRenderP
                                                 const VkAllocationCallbacks* pAllocator, VkRenderPass* pRenderPass) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    return dev.fn.CreateRenderPass(device, Down(dev, StripRenderPass(arena, pCreateInfo), pCreateInfo), pAllocator,
-                                   pRenderPass);
+    const auto* down = Down(dev, [&] { return StripRenderPass(arena, pCreateInfo); }, pCreateInfo);
+    return dev.fn.CreateRenderPass(device, down, pAllocator, pRenderPass);
 }
 
 VKAPI_ATTR void VKAPI_CALL DestroyRenderPass(VkDevice device, VkRenderPass renderPass,
@@ -860,7 +860,8 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateFramebuffer(VkDevice device, const VkFrameb
     }
     Arena arena;
     FramebufferStrip strip = StripFramebuffer(arena, pCreateInfo, removed);
-    VkResult result = dev.fn.CreateFramebuffer(device, Down(dev, strip.info, pCreateInfo), pAllocator, pFramebuffer);
+    VkResult result =
+        dev.fn.CreateFramebuffer(device, dev.emulation ? strip.info : pCreateInfo, pAllocator, pFramebuffer);
     if (result != VK_SUCCESS || removed.empty()) return result;
 
     std::lock_guard<std::mutex> lock(g_lock);
@@ -890,9 +891,10 @@ VKAPI_ATTR VkResult VKAPI_CALL CreateGraphicsPipelines(VkDevice device, VkPipeli
                                                        const VkAllocationCallbacks* pAllocator, VkPipeline* pPipelines) {
     DeviceRecord& dev = Dev(device);
     Arena arena;
-    VkResult result = dev.fn.CreateGraphicsPipelines(
-        device, pipelineCache, createInfoCount,
-        Down(dev, StripGraphicsPipelines(arena, pCreateInfos, createInfoCount), pCreateInfos), pAllocator, pPipelines);
+    const auto* down = Down(dev, [&] { return StripGraphicsPipelines(arena, pCreateInfos, createInfoCount); },
+                            pCreateInfos);
+    VkResult result =
+        dev.fn.CreateGraphicsPipelines(device, pipelineCache, createInfoCount, down, pAllocator, pPipelines);
     // What the layers above asked for, before it was stripped.
     for (uint32_t i = 0; result >= 0 && i < createInfoCount; ++i) {
         if (pPipelines[i] == VK_NULL_HANDLE) continue;
@@ -1028,7 +1030,7 @@ const VkRenderPassBeginInfo* BeginRenderPassCommon(DeviceRecord& dev, Arena& are
              .Handle("framebuffer", H(info->framebuffer))
              .Handle("view", H(view))
              .Raw("renderArea", IntList({area.offset.x, area.offset.y, area.extent.width, area.extent.height})));
-    return Down(dev, strip.info, info);
+    return dev.emulation ? strip.info : info;
 }
 
 VKAPI_ATTR void VKAPI_CALL CmdBeginRenderPass(VkCommandBuffer commandBuffer, const VkRenderPassBeginInfo* pBegin,
@@ -1094,7 +1096,8 @@ VKAPI_ATTR void VKAPI_CALL CmdBeginRendering(VkCommandBuffer commandBuffer, cons
         dev.commandBuffers[commandBuffer].state.BeginPass(pass);
     }
     Arena arena;
-    (dev.fn.*Next)(commandBuffer, Down(dev, StripRenderingInfo(arena, pRenderingInfo), pRenderingInfo));
+    (dev.fn.*Next)(commandBuffer, Down(dev, [&] { return StripRenderingInfo(arena, pRenderingInfo); },
+                                       pRenderingInfo));
 }
 
 template <PFN_vkCmdEndRendering DeviceTable::*Next>
@@ -1319,7 +1322,7 @@ VKAPI_ATTR void VKAPI_CALL CmdCopyBufferToImage(VkCommandBuffer commandBuffer, V
     DeviceRecord& dev = Dev(commandBuffer);
     RecordUploads(dev, commandBuffer, srcBuffer, dstImage, regionCount, pRegions);
     dev.fn.CmdCopyBufferToImage(commandBuffer, srcBuffer, dstImage,
-                                Down(dev, StripLayout(dstImageLayout), dstImageLayout), regionCount, pRegions);
+                                dev.emulation ? StripLayout(dstImageLayout) : dstImageLayout, regionCount, pRegions);
 }
 
 template <PFN_vkCmdCopyBufferToImage2 DeviceTable::*Next>
@@ -1334,7 +1337,7 @@ VKAPI_ATTR void VKAPI_CALL CmdCopyBufferToImage2(VkCommandBuffer commandBuffer,
     }
     RecordUploads(dev, commandBuffer, pInfo->srcBuffer, pInfo->dstImage, pInfo->regionCount, regions.data());
     VkCopyBufferToImageInfo2 info = *pInfo;
-    info.dstImageLayout = Down(dev, StripLayout(info.dstImageLayout), info.dstImageLayout);
+    info.dstImageLayout = dev.emulation ? StripLayout(info.dstImageLayout) : info.dstImageLayout;
     (dev.fn.*Next)(commandBuffer, &info);
 }
 
@@ -1544,8 +1547,8 @@ VKAPI_ATTR VkResult VKAPI_CALL QueueSubmit(VkQueue queue, uint32_t submitCount, 
     }
     TraceUploads(dev, queue, submitted);
     Arena arena;
-    return dev.fn.QueueSubmit(queue, submitCount, Down(dev, StripSubmits(arena, pSubmits, submitCount), pSubmits),
-                              fence);
+    const VkSubmitInfo* down = Down(dev, [&] { return StripSubmits(arena, pSubmits, submitCount); }, pSubmits);
+    return dev.fn.QueueSubmit(queue, submitCount, down, fence);
 }
 
 // Frames, so that a reader (and a tool waiting for frame N) can tell what happened when.
@@ -1647,7 +1650,8 @@ VKAPI_ATTR VkResult VKAPI_CALL QueueSubmit2(VkQueue queue, uint32_t submitCount,
     }
     TraceUploads(dev, queue, submitted);
     Arena arena;
-    return (dev.fn.*Next)(queue, submitCount, Down(dev, StripSubmits2(arena, pSubmits, submitCount), pSubmits), fence);
+    const VkSubmitInfo2* down = Down(dev, [&] { return StripSubmits2(arena, pSubmits, submitCount); }, pSubmits);
+    return (dev.fn.*Next)(queue, submitCount, down, fence);
 }
 
 // ---------------------------------------------------------------------------------------------
